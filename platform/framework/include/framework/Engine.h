@@ -1,0 +1,80 @@
+#pragma once
+
+#include "framework/TaskRegistry.h"
+
+#include <Poco/Util/ServerApplication.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Poco {
+class SharedLibrary;
+}
+
+namespace Framework {
+
+class Module;
+class Task;
+
+/// The agent's engine: the application object that loads modules, runs every task on a thread
+/// of its own, routes messages by task name, and takes everything down in order.
+class Engine : public Poco::Util::ServerApplication {
+public:
+    Engine();
+    ~Engine() override;
+
+    /// The engine of this process, or null when none exists.
+    static Engine* Current();
+
+    /// The running task of that name, or null.
+    Task* FindTask(const std::string& name) const;
+
+    /// Loads a module library, calls its CreateModule and the module's Init. Returns 0, or -1
+    /// (logged) when the library cannot be loaded, has no CreateModule, or Init fails.
+    int LoadModule(const std::string& libraryPath);
+    /// Loads every "*.so" in a directory, in name order. Returns how many modules loaded.
+    int LoadModulesFrom(const std::string& directory);
+    /// Takes a module made in this process, and calls its Init. Returns 0 or -1.
+    int AddModule(std::unique_ptr<Module> module);
+
+    /// Initialises and starts every registered task that is not running yet. Returns 0, or -1
+    /// when a task's Init failed (that task is not started).
+    int StartTasks();
+    /// Stops every task, joins the threads, un-initialises tasks and modules (the last loaded
+    /// first), destroys the modules and unloads their libraries. Safe to call twice.
+    void StopAll();
+
+    /// The names of the running tasks' modules, in load order.
+    std::vector<std::string> ModuleNames() const;
+
+protected:
+    /// The agent's main job: load the modules of the installation, run until SIGINT or SIGTERM,
+    /// stop cleanly.
+    int main(const std::vector<std::string>& args) override;
+
+    /// Blocks until the process is asked to terminate (overridable for tests).
+    virtual void WaitForStop();
+
+private:
+    struct Running {
+        Task* task;
+        std::thread thread;
+    };
+    struct Loaded {
+        std::unique_ptr<Poco::SharedLibrary> library;  // null for modules made in-process
+        Module* module;
+        std::vector<Running> tasks;
+    };
+    int Adopt(std::unique_ptr<Poco::SharedLibrary> library, Module* module);
+
+    mutable std::mutex mutex_;
+    std::vector<Loaded> modules_;
+    TaskRegistry registry_;
+    static std::atomic<Engine*> current_;
+};
+
+}  // namespace Framework

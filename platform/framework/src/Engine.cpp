@@ -1,0 +1,224 @@
+#include "framework/Engine.h"
+
+#include "framework/Module.h"
+#include "framework/Task.h"
+
+#include "sdk/DirUtils.h"
+#include "sdk/PathUtils.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Logger.h>
+#include <Poco/SharedLibrary.h>
+
+#include <pthread.h>
+
+#include <algorithm>
+
+namespace Framework {
+
+std::atomic<Engine*> Engine::current_{nullptr};
+
+namespace {
+Poco::Logger& Log()
+{
+    return Poco::Logger::get("framework");
+}
+}  // namespace
+
+Engine::Engine()
+{
+    current_.store(this);
+}
+
+Engine::~Engine()
+{
+    StopAll();
+    Engine* self = this;
+    current_.compare_exchange_strong(self, nullptr);
+}
+
+Engine* Engine::Current()
+{
+    return current_.load();
+}
+
+Task* Engine::FindTask(const std::string& name) const
+{
+    return registry_.Find(name);
+}
+
+int Engine::LoadModule(const std::string& libraryPath)
+{
+    auto library = std::make_unique<Poco::SharedLibrary>();
+    try {
+        library->load(libraryPath, Poco::SharedLibrary::SHLIB_LOCAL);
+    } catch (const Poco::Exception& e) {
+        Log().error("Cannot load module library " + libraryPath + ": " + e.displayText());
+        return -1;
+    }
+    if (!library->hasSymbol("CreateModule")) {
+        Log().warning(libraryPath + " exports no CreateModule; it is not a module, skipped.");
+        return -1;
+    }
+    const auto create = reinterpret_cast<CreateModuleFunc>(library->getSymbol("CreateModule"));
+    Module* module = nullptr;
+    try {
+        module = create();
+    } catch (const std::exception& e) {
+        Log().error("CreateModule of " + libraryPath + " failed: " + e.what());
+        return -1;
+    }
+    if (module == nullptr) {
+        Log().error("CreateModule of " + libraryPath + " returned no module.");
+        return -1;
+    }
+    return Adopt(std::move(library), module);
+}
+
+int Engine::LoadModulesFrom(const std::string& directory)
+{
+    std::vector<std::string> names;
+    if (SDK::DirUtils::ListEntries(directory, names) != 0) {
+        Log().warning("Cannot read the module directory " + directory + ".");
+        return 0;
+    }
+    std::sort(names.begin(), names.end());
+    int loaded = 0;
+    for (const std::string& name : names) {
+        if (name.size() > 3 && name.compare(name.size() - 3, 3, ".so") == 0 &&
+            LoadModule(directory + "/" + name) == 0) {
+            ++loaded;
+        }
+    }
+    return loaded;
+}
+
+int Engine::AddModule(std::unique_ptr<Module> module)
+{
+    if (!module) {
+        return -1;
+    }
+    return Adopt(nullptr, module.release());
+}
+
+int Engine::Adopt(std::unique_ptr<Poco::SharedLibrary> library, Module* module)
+{
+    module->AttachRegistry(&registry_);
+    const int rc = module->Init();
+    if (rc != 0) {
+        Log().error("Init of module " + module->GetName() + " failed.");
+        delete module;  // its code is still loaded: the library is unloaded only afterwards
+        return -1;
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    modules_.push_back(Loaded{std::move(library), module, {}});
+    Log().information("Loaded module " + module->GetName() + ".");
+    return 0;
+}
+
+int Engine::StartTasks()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    int result = 0;
+    for (Loaded& loaded : modules_) {
+        for (Task* task : loaded.module->GetTasks()) {
+            const bool running = std::any_of(loaded.tasks.begin(), loaded.tasks.end(),
+                                             [task](const Running& r) { return r.task == task; });
+            if (running) {
+                continue;
+            }
+            task->AttachRegistry(&registry_);
+            if (!registry_.Add(task)) {
+                Log().error("A task named " + task->GetName() + " is already running; not started.");
+                result = -1;
+                continue;
+            }
+            if (task->Init() != 0) {
+                Log().error("Init of task " + task->GetName() + " failed; not started.");
+                registry_.Remove(task->GetName());
+                result = -1;
+                continue;
+            }
+            task->SetState(kTaskRunning);
+            std::thread thread([task] { task->Run(); });
+            pthread_setname_np(thread.native_handle(), task->GetName().substr(0, 15).c_str());
+            loaded.tasks.push_back(Running{task, std::move(thread)});
+        }
+    }
+    return result;
+}
+
+void Engine::StopAll()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (Loaded& loaded : modules_) {
+        for (Running& running : loaded.tasks) {
+            running.task->Stop();
+        }
+    }
+    for (Loaded& loaded : modules_) {
+        for (Running& running : loaded.tasks) {
+            if (running.thread.joinable()) {
+                running.thread.join();
+            }
+        }
+    }
+    for (Loaded& loaded : modules_) {
+        for (Running& running : loaded.tasks) {
+            running.task->UnInit();
+        }
+    }
+    // The last loaded module goes first: it may depend on the ones before it.
+    while (!modules_.empty()) {
+        Loaded& loaded = modules_.back();
+        const std::string name = loaded.module->GetName();
+        loaded.module->UnInit();
+        for (Task* task : loaded.module->GetTasks()) {
+            if (registry_.Find(task->GetName()) == task) {
+                registry_.Remove(task->GetName());
+            }
+        }
+        delete loaded.module;
+        loaded.module = nullptr;
+        if (loaded.library) {
+            loaded.library->unload();
+        }
+        modules_.pop_back();
+        Log().information("Unloaded module " + name + ".");
+    }
+}
+
+std::vector<std::string> Engine::ModuleNames() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> names;
+    for (const Loaded& loaded : modules_) {
+        names.push_back(loaded.module->GetName());
+    }
+    return names;
+}
+
+void Engine::WaitForStop()
+{
+    waitForTerminationRequest();
+}
+
+int Engine::main(const std::vector<std::string>& args)
+{
+    (void)args;
+    std::string home;
+    if (SDK::PathUtils::GetInstallationPath(home) != 0) {
+        Log().fatal("Cannot determine the installation directory.");
+        return EXIT_SOFTWARE;
+    }
+    const int loaded = LoadModulesFrom(home + "lib/modules");
+    Log().information(Poco::format("Agent started with %d module(s) from %s.", loaded, home));
+    StartTasks();
+    WaitForStop();
+    Log().information("Agent stopping.");
+    StopAll();
+    Log().information("Agent stopped.");
+    return EXIT_OK;
+}
+
+}  // namespace Framework
