@@ -1,0 +1,57 @@
+#pragma once
+
+#include "sdk/AuditParser.h"
+
+#include <cstddef>
+#include <string>
+
+namespace Framework {
+class ContainerMetaInfo;
+}
+
+namespace Engine {
+
+/// Helpers for running auditctl and reading audit record fields. Stateless apart from the
+/// container provider cache of GetContainerMeta.
+class LinuxAuditUtil {
+public:
+    /// Runs the installation's bin/auditctl with args (with the installation's lib/ on the loader
+    /// path), capturing its output. True when it ran and exited 0.
+    static bool ExecAuditCmd(const std::string& args, std::string& output);
+    /// As above, discarding the output.
+    static bool ExecAuditCmd(const std::string& args);
+    /// Writes "LD_LIBRARY_PATH=<installation>lib" into buffer (bounded by 4096). False on a null or
+    /// empty buffer, an unknown installation, or an overlong result.
+    static bool getLibraryPathEnv(char* buffer, size_t length);
+
+    /// The value of name= in a record line (first plain substring match, so "uid" also matches
+    /// inside "auid="), up to the next space, 0x1d or the end, with surrounding quotes removed.
+    static std::string GetField(const std::string& name, const std::string& line);
+    /// Trims text and blanks a leading and a trailing double quote; true when a leading one was
+    /// removed (only then is the text trimmed again).
+    static bool TrimQuotation(std::string& text);
+    /// Drops prefix from the start of text when it is there.
+    static void TrimPrefix(std::string& text, const std::string& prefix);
+    /// "0x..." loses its prefix (digits unchanged); a decimal 32-bit integer becomes lower-case
+    /// hexadecimal (two's complement for negatives). Throws std::invalid_argument or
+    /// std::out_of_range for text that is not such a number.
+    static void toHexString(std::string& text);
+    /// The fields of the event's SYSCALL record; a shared empty map (and an error line) without one.
+    static SDK::AuditFields& getSyscallMsg(SDK::AuditEvent& event);
+
+    /// The container metadata provider ("container_collect_task"), or null. Looked up on the
+    /// first nine calls at most; the answer is kept for the life of the process.
+    static Framework::ContainerMetaInfo* GetContainerMeta();
+    /// Forgets the cached provider and the call count (for a new engine in the same process).
+    static void ResetContainerMetaCache();
+
+    /// The canonical absolute path of path, or empty. When resolution fails because a component
+    /// is missing, the part resolved so far (possibly empty).
+    static std::string RealPathOrEmpty(const char* path);
+};
+
+/// True when file is an immediate child of dir ("/etc", "/etc/passwd"); a dir given with a
+/// trailing slash never matches.
+bool IsChildFileNoRecursive(const std::string& dir, const std::string& file);
+
+}  // namespace Engine

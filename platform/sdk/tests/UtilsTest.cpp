@@ -1,0 +1,98 @@
+#include "sdk/BoundedStr.h"
+#include "sdk/DirUtils.h"
+#include "sdk/FileUtils.h"
+#include "sdk/PathUtils.h"
+#include "sdk/ProcessUtils.h"
+#include "sdk/StrUtils.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+using SDK::StrUtils;
+
+TEST(StrUtils, SplitKeepsEmptyPiecesAndHandlesLongSeparators)
+{
+    using V = std::vector<std::string>;
+    EXPECT_EQ(StrUtils::Split("open,,openat", ","), (V{"open", "", "openat"}));
+    EXPECT_EQ(StrUtils::Split("", " "), (V{""}));
+    EXPECT_EQ(StrUtils::Split(" a ", " "), (V{"", "a", ""}));
+    EXPECT_EQ(StrUtils::Split("t***tag***/p***wa", "***"), (V{"t", "tag", "/p", "wa"}));
+    EXPECT_EQ(StrUtils::Split("a****b", "***"), (V{"a", "*b"}));
+    EXPECT_EQ(StrUtils::Split("abc", ""), (V{"abc"}));
+}
+
+TEST(StrUtils, TrimAndStartWith)
+{
+    EXPECT_EQ(StrUtils::Trim(" \t log_file \r\n"), "log_file");
+    EXPECT_EQ(StrUtils::Trim("   "), "");
+    EXPECT_TRUE(StrUtils::StartWith("0x1F", "0x"));
+    EXPECT_FALSE(StrUtils::StartWith("0", "0x"));
+    EXPECT_TRUE(StrUtils::StartWith("x", ""));
+}
+
+TEST(BoundedStr, OverlongResultsFailInsteadOfOverflowing)
+{
+    char buf[8];
+    EXPECT_EQ(SDK::strcpy_s(buf, sizeof(buf), "1234567"), 0);
+    EXPECT_STREQ(buf, "1234567");
+    EXPECT_EQ(SDK::strcpy_s(buf, sizeof(buf), "12345678"), -1);
+    EXPECT_STREQ(buf, "");
+    EXPECT_EQ(SDK::strcpy_s(buf, sizeof(buf), nullptr), -1);
+    EXPECT_EQ(SDK::snprintf_s(buf, sizeof(buf), "%d-%s", 12, "ab"), 5);
+    EXPECT_STREQ(buf, "12-ab");
+    EXPECT_EQ(SDK::snprintf_s(buf, sizeof(buf), "%s", "too long!"), -1);
+    EXPECT_STREQ(buf, "");
+}
+
+TEST(PathUtils, InstallationPathComesFromTheEnvironmentOrTheProgramAndEndsInSlash)
+{
+    std::string path;
+    setenv("HOSTWARDEN_HOME", "/opt/hw", 1);
+    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
+    EXPECT_EQ(path, "/opt/hw/");
+    setenv("HOSTWARDEN_HOME", "/opt/hw/", 1);
+    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
+    EXPECT_EQ(path, "/opt/hw/");
+    unsetenv("HOSTWARDEN_HOME");
+    // This test program lives in <build>/platform/sdk/tests/: its "installation" is the folder
+    // above the program's own folder.
+    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
+    EXPECT_EQ(path, std::string(HW_BINARY_DIR) + "/platform/sdk/");
+    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("/a/b/AuditLog.cpp"), "AuditLog.cpp");
+    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");
+}
+
+TEST(FileUtils, QueriesReportFilesDirectoriesSizesAndProcesses)
+{
+    char dirTemplate[] = "/tmp/hw_utils_XXXXXX";
+    const std::string dir = mkdtemp(dirTemplate);
+    const std::string file = dir + "/f";
+    std::ofstream(file) << "12345";
+    long size = -1;
+    EXPECT_EQ(SDK::FileUtils::GetFileSize(file, size), 0);
+    EXPECT_EQ(size, 5);
+    EXPECT_EQ(SDK::FileUtils::GetFileSize(dir + "/missing", size), -1);
+    EXPECT_TRUE(SDK::FileUtils::IsFile(file));
+    EXPECT_FALSE(SDK::FileUtils::IsFile(dir));
+    EXPECT_TRUE(SDK::DirUtils::IsDir(dir));
+    EXPECT_FALSE(SDK::DirUtils::IsDir(file));
+    EXPECT_EQ(SDK::DirUtils::CreateDirs(dir + "/x/y/z"), 0);
+    EXPECT_TRUE(SDK::DirUtils::IsDir(dir + "/x/y/z"));
+    std::vector<std::string> names;
+    EXPECT_EQ(SDK::DirUtils::ListEntries(dir, names), 0);
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"f", "x"}));
+    std::string content;
+    EXPECT_EQ(SDK::FileUtils::ReadFile(file, content, 3), 0);
+    EXPECT_EQ(content, "123");
+
+    std::string exe;
+    ASSERT_EQ(SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned>(getpid()), exe), 0);
+    EXPECT_NE(exe.find("sdk_tests"), std::string::npos);
+    EXPECT_EQ(SDK::ProcessUtils::GetProcessExePath(0x7ffffff0U, exe), -1);
+    std::system(("rm -rf " + dir).c_str());
+}
