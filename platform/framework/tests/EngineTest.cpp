@@ -1,0 +1,92 @@
+#include "TestMessages.h"
+
+#include "framework/Engine.h"
+#include "framework/Module.h"
+#include "framework/Task.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <fstream>
+#include <mutex>
+#include <unistd.h>
+
+namespace {
+
+// Collects the echo task's answers.
+class ClientTask : public Framework::Task, public PingReceiver {
+public:
+    ClientTask() : Framework::Task("client_task", "test_feature", Framework::TaskCondition::kLoop, 64) {}
+    int OnPing(const PingMessage& msg) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        answers.push_back(msg.seq);
+        changed.notify_all();
+        return 0;
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<int> answers;
+};
+
+class ClientModule : public Framework::Module {
+public:
+    explicit ClientModule(ClientTask* task) : Framework::Module("client_module"), task_(task) {}
+    int Init() override { return RegisterTask(task_, true); }
+
+private:
+    ClientTask* task_;
+};
+
+std::string ReadAll(const std::string& path)
+{
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace
+
+TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
+{
+    const std::string log = "/tmp/hw_engine_test_" + std::to_string(getpid());
+    setenv("HW_TEST_MODULE_LOG", log.c_str(), 1);
+    {
+        Framework::Engine engine;
+        EXPECT_EQ(Framework::Engine::Current(), &engine);
+        ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
+        auto* client = new ClientTask;
+        ASSERT_EQ(engine.AddModule(std::make_unique<ClientModule>(client)), 0);
+        ASSERT_EQ(engine.StartTasks(), 0);
+        EXPECT_EQ(engine.ModuleNames(), (std::vector<std::string>{"echo_module", "client_module"}));
+
+        Framework::Task* echo = engine.FindTask("echo_task");
+        ASSERT_NE(echo, nullptr);
+        EXPECT_EQ(engine.FindTask("client_task"), client);
+        EXPECT_EQ(engine.FindTask("nobody"), nullptr);
+        for (int i = 0; i < 3; ++i) {
+            ASSERT_TRUE(client->SendDirectMsg("echo_task", new PingMessage("client_task", i)));
+        }
+        {
+            std::unique_lock<std::mutex> lock(client->mutex);
+            ASSERT_TRUE(client->changed.wait_for(lock, std::chrono::seconds(20), [&] { return client->answers.size() == 3; }));
+            EXPECT_EQ(client->answers, (std::vector<int>{1000, 1001, 1002}));
+        }
+        engine.StopAll();
+        EXPECT_EQ(engine.FindTask("echo_task"), nullptr);
+        EXPECT_TRUE(engine.ModuleNames().empty());
+    }
+    EXPECT_EQ(Framework::Engine::Current(), nullptr);
+    EXPECT_EQ(ReadAll(log), "init task\nuninit task\nuninit module\ndestroy task\ndestroy module\n");
+    std::remove(log.c_str());
+    unsetenv("HW_TEST_MODULE_LOG");
+}
+
+TEST(Engine, RefusesLibrariesThatAreMissingOrNotModules)
+{
+    Framework::Engine engine;
+    EXPECT_EQ(engine.LoadModule("/no/such/libmodule.so"), -1);
+    EXPECT_EQ(engine.LoadModule(HW_NOT_A_MODULE), -1);
+    EXPECT_EQ(engine.LoadModulesFrom("/no/such/dir"), 0);
+    EXPECT_TRUE(engine.ModuleNames().empty());
+}

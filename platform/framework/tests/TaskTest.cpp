@@ -1,0 +1,160 @@
+#include "TestMessages.h"
+
+#include "framework/Task.h"
+#include "framework/TaskRegistry.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// Records the pings it receives, in order, per sender.
+class RecordingTask : public Framework::Task, public PingReceiver {
+public:
+    explicit RecordingTask(const std::string& name, size_t capacity = 1024)
+        : Framework::Task(name, "test_feature", Framework::TaskCondition::kLoop, capacity) {}
+    int OnPing(const PingMessage& msg) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        received[msg.sender].push_back(msg.seq);
+        ++total;
+        changed.notify_all();
+        return 7;
+    }
+    // Waits (with a deadline) until count pings arrived.
+    bool WaitFor(size_t count)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(20), [&] { return total >= count; });
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::map<std::string, std::vector<int>> received;
+    size_t total = 0;
+};
+
+// A task without the ping receiver.
+class PlainTask : public Framework::Task {
+public:
+    PlainTask() : Framework::Task("plain", "test_feature", Framework::TaskCondition::kLoop, 8) {}
+    int HandleMsg(const Framework::Message* msg) override
+    {
+        fallback += msg != nullptr ? 1 : 0;
+        return 0;
+    }
+    int fallback = 0;
+};
+
+}  // namespace
+
+TEST(Task, DispatchReachesTheReceiverAndRefusesTasksWithoutOne)
+{
+    RecordingTask receiver("receiver");
+    PlainTask plain;
+    PingMessage ping("me", 1);
+    EXPECT_EQ(ping.MessageHandle(&receiver), 7);
+    EXPECT_EQ(ping.MessageHandle(&plain), -1);
+
+    // Through the queue: a message no receiver takes is counted and offered to HandleMsg.
+    ASSERT_TRUE(plain.PostMsg(new PingMessage("me", 2)));
+    EXPECT_EQ(plain.GetEventWaiter().WaitAndHandleEvent(0, 128), -1);
+    EXPECT_EQ(plain.BulkConsumeMsg(128), 1);
+    EXPECT_EQ(plain.UnhandledCount(), 1U);
+    EXPECT_EQ(plain.fallback, 1);
+    EXPECT_EQ(plain.GetEventWaiter().WaitAndHandleEvent(0, 128), 0);
+}
+
+TEST(Task, SendingByNameReachesRegisteredTasksOnlyAndDropsTheRest)
+{
+    Framework::TaskRegistry registry;
+    RecordingTask sender("sender");
+    RecordingTask receiver("receiver");
+    sender.AttachRegistry(&registry);
+    ASSERT_TRUE(registry.Add(&receiver));
+    EXPECT_FALSE(registry.Add(&receiver));  // one task per name
+
+    std::atomic<int> alive{0};
+    EXPECT_TRUE(sender.SendDirectMsg("receiver", new PingMessage("sender", 1, &alive)));
+    EXPECT_FALSE(sender.SendDirectMsg("nobody", new PingMessage("sender", 2, &alive)));
+    EXPECT_FALSE(sender.SendAgileMsg(nullptr, new PingMessage("sender", 3, &alive)));
+    EXPECT_EQ(sender.UndeliverableCount(), 2U);
+    EXPECT_EQ(alive.load(), 1);  // the undeliverable ones were destroyed at once
+
+    registry.Remove("receiver");
+    EXPECT_FALSE(sender.SendDirectMsg("receiver", new PingMessage("sender", 4, &alive)));
+    EXPECT_EQ(receiver.BulkConsumeMsg(128), 1);
+    EXPECT_EQ(alive.load(), 0);
+    EXPECT_EQ(receiver.received["sender"], std::vector<int>{1});
+}
+
+TEST(Task, AFullQueueDropsAndCountsWhatDoesNotFit)
+{
+    RecordingTask small("small", 3);
+    std::atomic<int> alive{0};
+    int accepted = 0;
+    for (int i = 0; i < 5; ++i) {
+        accepted += small.PostMsg(new PingMessage("p", i, &alive)) ? 1 : 0;
+    }
+    EXPECT_EQ(accepted, 3);
+    EXPECT_EQ(small.DroppedCount(), 2U);
+    EXPECT_EQ(alive.load(), 3);
+    EXPECT_EQ(small.BulkConsumeMsg(2), 2);  // at most max per call
+    EXPECT_EQ(small.BulkConsumeMsg(10), 1);
+    EXPECT_EQ(small.received["p"], (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(alive.load(), 0);
+}
+
+// Several senders flood one running task while it is stopped: the thread joins, every message is
+// either handled, dropped as overflow, or destroyed with the queue, and each sender's messages
+// arrive in the order sent.
+TEST(Task, StopsAndJoinsUnderLoadKeepingPerSenderOrderAndLosingNoMemory)
+{
+    std::atomic<int> alive{0};
+    std::atomic<uint64_t> sent{0};
+    {
+        RecordingTask task("busy", 64);
+        task.Init();
+        std::thread runner([&task] { task.Run(); });
+        std::vector<std::thread> senders;
+        for (int s = 0; s < 4; ++s) {
+            senders.emplace_back([&, s] {
+                for (int i = 0; i < 5000; ++i) {
+                    task.PostMsg(new PingMessage("s" + std::to_string(s), i, &alive));
+                    ++sent;
+                }
+            });
+        }
+        ASSERT_TRUE(task.WaitFor(100));
+        task.Stop();
+        runner.join();
+        for (std::thread& t : senders) {
+            t.join();
+        }
+        const uint64_t pending = task.PendingCount();
+        EXPECT_EQ(task.total + task.DroppedCount() + pending, sent.load());
+        for (const auto& [sender, seqs] : task.received) {
+            EXPECT_TRUE(std::is_sorted(seqs.begin(), seqs.end())) << sender;
+        }
+    }
+    EXPECT_EQ(alive.load(), 0) << "queued messages are destroyed with their task";
+}
+
+TEST(EventWaiter, ReturnsAtOnceForWaitingMessagesAndForAStop)
+{
+    RecordingTask task("waiter");
+    Framework::EventWaiter& waiter = task.GetEventWaiter();
+    EXPECT_EQ(waiter.WaitAndHandleEvent(1, 128), 0);  // nothing: time-out
+    task.PostMsg(new PingMessage("x", 1));
+    EXPECT_EQ(waiter.WaitAndHandleEvent(60000, 128), -1);  // would hang a minute if it waited
+    task.BulkConsumeMsg(128);
+    std::thread stopper([&task] { task.Stop(); });
+    EXPECT_EQ(waiter.WaitAndHandleEvent(60000, 128), 0);
+    stopper.join();
+    EXPECT_EQ(task.GetState(), Framework::kTaskStop);
+}
