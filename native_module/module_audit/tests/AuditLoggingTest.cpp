@@ -1,0 +1,60 @@
+#include "AuditLogging.h"
+
+#include "TestSupport.h"
+
+#include "sdk/InnerCpuCtrlUtils.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+int g_built = 0;
+int Built()
+{
+    return ++g_built;
+}
+}  // namespace
+
+TEST(AuditLogging, WritesFormattedLinesWithSourceNameLineAndPriority)
+{
+    TestSupport::LogCapture log(Poco::Message::PRIO_INFORMATION);
+    const int line = __LINE__ + 1;
+    AUDIT_LOG_ERROR("Distract task(%s) rule(%s) failed.", "net_task", std::string("exit,always"));
+    AUDIT_LOG_INFO("count %d of %lu", 3, 7UL);
+    const std::vector<Poco::Message> messages = log.channel().Messages();
+    ASSERT_EQ(messages.size(), 2U);
+    EXPECT_EQ(messages[0].getText(), "Distract task(net_task) rule(exit,always) failed.");
+    EXPECT_EQ(messages[0].getPriority(), Poco::Message::PRIO_ERROR);
+    EXPECT_STREQ(messages[0].getSourceFile(), "AuditLoggingTest");
+    EXPECT_EQ(messages[0].getSourceLine(), line);
+    EXPECT_EQ(messages[0].getSource(), "audit_module");
+    EXPECT_EQ(messages[1].getText(), "count 3 of 7");
+}
+
+TEST(AuditLogging, BuildsNothingBelowTheLevelAndSwallowsFormattingErrors)
+{
+    TestSupport::LogCapture log(Poco::Message::PRIO_WARNING);
+    g_built = 0;
+    AUDIT_LOG_DEBUG("value %d", Built());
+    EXPECT_EQ(g_built, 0) << "arguments are not evaluated when the level does not admit the line";
+    AUDIT_LOG_WARN("value %d", Built());
+    EXPECT_EQ(g_built, 1);
+    // A value of the wrong type is marked by Poco::format; nothing escapes to the caller.
+    EXPECT_NO_THROW(AUDIT_LOG_ERROR("number %d", std::string("not a number")));
+    EXPECT_EQ(log.channel().Texts(), (std::vector<std::string>{"value 1", "number [ERRFMT]"}));
+}
+
+TEST(AuditLogging, CpuCheckPointsAdjustOnlyWhenEnabledAndTheirTickIsOld)
+{
+    std::atomic<uint64_t> lastTick{0};
+    SDK::InnerCpuCtrlUtils::Disable();
+    Engine::Audit::detail::CpuCheckPoint(lastTick, "f", 1, "audit_task");
+    EXPECT_EQ(lastTick.load(), 0U) << "disabled: nothing is remembered";
+    SDK::InnerCpuCtrlUtils::Configure(0.9, 1);
+    Engine::Audit::detail::CpuCheckPoint(lastTick, "f", 1, "audit_task");
+    const uint64_t first = lastTick.load();
+    EXPECT_GT(first, 0U) << "the first pass is far from tick 0, so it adjusts and remembers";
+    SDK::InnerCpuCtrlUtils::Configure(0.9, 1000000000);
+    Engine::Audit::detail::CpuCheckPoint(lastTick, "f", 1, "audit_task");
+    EXPECT_EQ(lastTick.load(), first) << "within the suggested run tick nothing changes";
+    SDK::InnerCpuCtrlUtils::Disable();
+}

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace TestSupport {
+
+/// A Poco channel that keeps every message, for asserting the module's log lines.
+class CapturingChannel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override;
+    std::vector<Poco::Message> Messages();
+    /// The texts of the messages logged so far.
+    std::vector<std::string> Texts();
+    /// True when a message with exactly this text was logged.
+    bool Has(const std::string& text);
+    void Clear();
+
+private:
+    std::mutex mutex_;
+    std::vector<Poco::Message> messages_;
+};
+
+/// Routes the module logger to a fresh capturing channel at the given level for one test.
+class LogCapture {
+public:
+    explicit LogCapture(int level = Poco::Message::PRIO_TRACE);
+    ~LogCapture();
+    CapturingChannel& channel() { return *channel_; }
+
+private:
+    Poco::AutoPtr<CapturingChannel> channel_;
+};
+
+/// A scratch directory removed with everything in it at the end of the scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    const std::string& path() const { return path_; }
+    /// Writes a file (creating parent directories) and returns its path.
+    std::string Write(const std::string& relative, const std::string& content, unsigned mode = 0644) const;
+
+private:
+    std::string path_;
+};
+
+}  // namespace TestSupport
