@@ -11,6 +11,7 @@
 #include <Poco/SharedLibrary.h>
 
 #include <pthread.h>
+#include <signal.h>
 
 #include <algorithm>
 
@@ -53,11 +54,11 @@ int Engine::LoadModule(const std::string& libraryPath)
     try {
         library->load(libraryPath, Poco::SharedLibrary::SHLIB_LOCAL);
     } catch (const Poco::Exception& e) {
-        Log().error("Cannot load module library " + libraryPath + ": " + e.displayText());
+        poco_error(Log(), "Cannot load module library " + libraryPath + ": " + e.displayText());
         return -1;
     }
     if (!library->hasSymbol("CreateModule")) {
-        Log().warning(libraryPath + " exports no CreateModule; it is not a module, skipped.");
+        poco_warning(Log(), libraryPath + " exports no CreateModule; it is not a module, skipped.");
         return -1;
     }
     const auto create = reinterpret_cast<CreateModuleFunc>(library->getSymbol("CreateModule"));
@@ -65,11 +66,11 @@ int Engine::LoadModule(const std::string& libraryPath)
     try {
         module = create();
     } catch (const std::exception& e) {
-        Log().error("CreateModule of " + libraryPath + " failed: " + e.what());
+        poco_error(Log(), "CreateModule of " + libraryPath + " failed: " + e.what());
         return -1;
     }
     if (module == nullptr) {
-        Log().error("CreateModule of " + libraryPath + " returned no module.");
+        poco_error(Log(), "CreateModule of " + libraryPath + " returned no module.");
         return -1;
     }
     return Adopt(std::move(library), module);
@@ -79,7 +80,7 @@ int Engine::LoadModulesFrom(const std::string& directory)
 {
     std::vector<std::string> names;
     if (SDK::DirUtils::ListEntries(directory, names) != 0) {
-        Log().warning("Cannot read the module directory " + directory + ".");
+        poco_warning(Log(), "Cannot read the module directory " + directory + ".");
         return 0;
     }
     std::sort(names.begin(), names.end());
@@ -106,13 +107,13 @@ int Engine::Adopt(std::unique_ptr<Poco::SharedLibrary> library, Module* module)
     module->AttachRegistry(&registry_);
     const int rc = module->Init();
     if (rc != 0) {
-        Log().error("Init of module " + module->GetName() + " failed.");
+        poco_error(Log(), "Init of module " + module->GetName() + " failed.");
         delete module;  // its code is still loaded: the library is unloaded only afterwards
         return -1;
     }
     std::lock_guard<std::mutex> lock(mutex_);
     modules_.push_back(Loaded{std::move(library), module, {}});
-    Log().information("Loaded module " + module->GetName() + ".");
+    poco_information(Log(), "Loaded module " + module->GetName() + ".");
     return 0;
 }
 
@@ -129,12 +130,12 @@ int Engine::StartTasks()
             }
             task->AttachRegistry(&registry_);
             if (!registry_.Add(task)) {
-                Log().error("A task named " + task->GetName() + " is already running; not started.");
+                poco_error(Log(), "A task named " + task->GetName() + " is already running; not started.");
                 result = -1;
                 continue;
             }
             if (task->Init() != 0) {
-                Log().error("Init of task " + task->GetName() + " failed; not started.");
+                poco_error(Log(), "Init of task " + task->GetName() + " failed; not started.");
                 registry_.Remove(task->GetName());
                 result = -1;
                 continue;
@@ -184,7 +185,7 @@ void Engine::StopAll()
             loaded.library->unload();
         }
         modules_.pop_back();
-        Log().information("Unloaded module " + name + ".");
+        poco_information(Log(), "Unloaded module " + name + ".");
     }
 }
 
@@ -208,16 +209,24 @@ int Engine::main(const std::vector<std::string>& args)
     (void)args;
     std::string home;
     if (SDK::PathUtils::GetInstallationPath(home) != 0) {
-        Log().fatal("Cannot determine the installation directory.");
+        poco_fatal(Log(), "Cannot determine the installation directory.");
         return EXIT_SOFTWARE;
     }
+    // Task threads inherit this mask, so a termination signal always reaches the wait below
+    // instead of killing the process on whichever thread it lands.
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGINT);
+    sigaddset(&termination, SIGQUIT);
+    sigaddset(&termination, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
     const int loaded = LoadModulesFrom(home + "lib/modules");
-    Log().information(Poco::format("Agent started with %d module(s) from %s.", loaded, home));
+    poco_information(Log(), Poco::format("Agent started with %d module(s) from %s.", loaded, home));
     StartTasks();
     WaitForStop();
-    Log().information("Agent stopping.");
+    poco_information(Log(), "Agent stopping.");
     StopAll();
-    Log().information("Agent stopped.");
+    poco_information(Log(), "Agent stopped.");
     return EXIT_OK;
 }
 

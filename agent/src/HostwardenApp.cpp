@@ -1,0 +1,82 @@
+#include "HostwardenApp.h"
+
+#include "ParseCommand.h"
+
+#include "sdk/LoggerUtils.h"
+
+#include <Poco/Util/HelpFormatter.h>
+#include <Poco/Util/Option.h>
+#include <Poco/Util/OptionCallback.h>
+
+#include <iostream>
+
+namespace Agent {
+
+void HostwardenApp::defineOptions(Poco::Util::OptionSet& options)
+{
+    Framework::Engine::defineOptions(options);
+    options.addOption(Poco::Util::Option("help", "h", "show this help and exit"));
+    options.addOption(Poco::Util::Option("log-level", "", "log level: none, fatal, critical, error, warning, notice, "
+                                                          "information, debug, trace (default information)")
+                          .argument("LEVEL"));
+    options.addOption(Poco::Util::Option("log-file", "", "also log to this file, rotated at 10 MB").argument("PATH"));
+    options.addOption(Poco::Util::Option("config", "", "read settings (hostwarden.log.level, hostwarden.log.file) "
+                                                       "from a properties file")
+                          .argument("FILE"));
+}
+
+void HostwardenApp::handleOption(const std::string& name, const std::string& value)
+{
+    Framework::Engine::handleOption(name, value);
+    if (name == "help") {
+        helpRequested_ = true;
+        stopOptionsProcessing();
+    } else if (name == "log-level") {
+        logLevel_ = value;
+    } else if (name == "log-file") {
+        logFile_ = value;
+    } else if (name == "config") {
+        loadConfiguration(value);
+    }
+}
+
+void HostwardenApp::initialize(Poco::Util::Application& self)
+{
+    Framework::Engine::initialize(self);
+    SDK::LoggerUtils::Options options;
+    options.level = logLevel_.empty() ? config().getString("hostwarden.log.level", "information") : logLevel_;
+    options.filePath = logFile_.empty() ? config().getString("hostwarden.log.file", "") : logFile_;
+    SDK::LoggerUtils::GetInstance().Configure(options);
+}
+
+void HostwardenApp::ShowHelp() const
+{
+    Poco::Util::HelpFormatter help(options());
+    help.setCommand(commandName());
+    help.setWidth(100);
+    help.setUsage("[OPTIONS] [run | parse [FILE]]");
+    help.setHeader("hostwarden: host-security agent.\n"
+                   "  run (default)   load the modules of the installation and run until SIGINT or SIGTERM\n"
+                   "  parse [FILE]    print each audit event of FILE (or standard input) as one JSON line");
+    help.format(std::cout);
+}
+
+int HostwardenApp::main(const std::vector<std::string>& args)
+{
+    if (helpRequested_) {
+        ShowHelp();
+        return EXIT_OK;
+    }
+    const std::string command = args.empty() ? "run" : args[0];
+    const std::vector<std::string> rest(args.empty() ? args.end() : args.begin() + 1, args.end());
+    if (command == "run") {
+        return Framework::Engine::main(rest);
+    }
+    if (command == "parse") {
+        return RunParseCommand(rest, std::cout, std::cerr);
+    }
+    std::cerr << "hostwarden: unknown command '" << command << "' (see --help)\n";
+    return EXIT_USAGE;
+}
+
+}  // namespace Agent

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "framework/Engine.h"
+
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+/// The hostwarden program: the agent's engine plus its commands for people.
+///
+///   hostwarden [run]          run the agent until SIGINT or SIGTERM
+///   hostwarden parse [FILE]   print every audit event of a log as one JSON line
+class HostwardenApp : public Framework::Engine {
+protected:
+    void initialize(Poco::Util::Application& self) override;
+    void defineOptions(Poco::Util::OptionSet& options) override;
+    void handleOption(const std::string& name, const std::string& value) override;
+    int main(const std::vector<std::string>& args) override;
+
+private:
+    void ShowHelp() const;
+    bool helpRequested_ = false;
+    std::string logLevel_;
+    std::string logFile_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,57 @@
+#include "ParseCommand.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+const std::string kFixtures = std::string(HW_SOURCE_DIR) + "/tests/fixtures/";
+const std::string kGolden = std::string(HW_SOURCE_DIR) + "/agent/tests/golden/";
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Compares the parse output of a capture with its golden file. HW_UPDATE_GOLDEN=1 rewrites it.
+void ExpectGolden(const std::string& capture, const std::string& golden)
+{
+    std::ostringstream out;
+    std::ostringstream err;
+    EXPECT_EQ(Agent::RunParseCommand({kFixtures + capture}, out, err), 0) << err.str();
+    EXPECT_EQ(err.str(), "");
+    if (std::getenv("HW_UPDATE_GOLDEN") != nullptr) {
+        std::ofstream(kGolden + golden) << out.str();
+    }
+    EXPECT_EQ(out.str(), ReadFile(kGolden + golden)) << "golden " << golden;
+}
+
+}  // namespace
+
+TEST(ParseCommand, PrintsEveryEventOfARealCaptureAsItsGoldenJson)
+{
+    ExpectGolden("kernel-6.18-raw.log", "parse-kernel-6.18-raw.jsonl");
+    ExpectGolden("kernel-6.18-enriched.log", "parse-kernel-6.18-enriched.jsonl");
+}
+
+TEST(ParseCommand, ReportsBadLinesByNumberAndSaysSoInItsStatus)
+{
+    const std::string path = "/tmp/hw_parse_" + std::to_string(getpid());
+    std::ofstream(path) << "type=SYSCALL msg=audit(1.002:3): syscall=2 name=\"a\\\"b\"\n"
+                        << "not a record\n"
+                        << "type=CWD msg=audit(1.002:3): cwd=\"/\"\n"
+                        << "\n";
+    std::ostringstream out;
+    std::ostringstream err;
+    EXPECT_EQ(Agent::RunParseCommand({path}, out, err), 1);
+    EXPECT_EQ(err.str(), "line 2: not an audit record, skipped\nline 4: not an audit record, skipped\n");
+    EXPECT_EQ(out.str(),
+              "{\"time_ms\":1002,\"serial\":3,\"records\":[{\"type\":\"SYSCALL\",\"fields\":{\"syscall\":\"2\","
+              "\"name\":\"\\\"a\\\\\\\"b\\\"\"}},{\"type\":\"CWD\",\"fields\":{\"cwd\":\"\\\"/\\\"\"}}]}\n");
+    std::remove(path.c_str());
+
+    EXPECT_EQ(Agent::RunParseCommand({"/no/such/log"}, out, err), 2);
+}
