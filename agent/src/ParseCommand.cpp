@@ -18,8 +18,8 @@ std::string EventToJson(const SDK::AuditEvent& event)
     for (const SDK::AuditRecord& record : event.records) {
         Poco::JSON::Object::Ptr fields = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
         for (const auto& [name, value] : record.fields) {
-            if (!fields->has(name)) {  // a repeated name keeps its first value, as lookups do
-                fields->set(name, value);
+            if (!fields->has(std::string(name))) {  // a repeated name keeps its first value, as lookups do
+                fields->set(std::string(name), std::string(value));
             }
         }
         Poco::JSON::Object::Ptr item = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);

@@ -1,36 +1,94 @@
 #include "sdk/AuditParser.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace SDK {
 
 // ---- AuditFields / AuditEvent -----------------------------------------------------------------
 
-const std::string* AuditFields::Find(std::string_view name) const
+void AuditFields::StoreSlot(size_t index, const Slot& slot)
 {
-    for (const Field& field : fields_) {
-        if (field.first == name) {
-            return &field.second;
-        }
-    }
-    return nullptr;
+    std::memcpy(&data_[slotsAt_ + index * sizeof(Slot)], &slot, sizeof(Slot));
 }
 
-std::string AuditFields::Get(std::string_view name) const
+int AuditFields::IndexOf(std::string_view name) const
 {
-    const std::string* value = Find(name);
-    return value == nullptr ? std::string() : *value;
-}
-
-void AuditFields::Set(std::string_view name, std::string value)
-{
-    for (Field& field : fields_) {
-        if (field.first == name) {
-            field.second = std::move(value);
-            return;
+    for (size_t i = 0; i < count_; ++i) {
+        const Slot slot = SlotAt(i);
+        if (std::string_view(data_.data() + slot.name, slot.nameLen) == name) {
+            return static_cast<int>(i);
         }
     }
-    fields_.emplace_back(std::string(name), std::move(value));
+    return -1;
+}
+
+std::string_view AuditFields::View(std::string_view name) const
+{
+    const int index = IndexOf(name);
+    return index < 0 ? std::string_view() : At(static_cast<size_t>(index)).second;
+}
+
+bool AuditFields::Has(std::string_view name) const
+{
+    return IndexOf(name) >= 0;
+}
+
+uint32_t AuditFields::Append(std::string_view text)
+{
+    const auto offset = static_cast<uint32_t>(data_.size());
+    data_.append(text);
+    return offset;
+}
+
+void AuditFields::Add(std::string_view name, std::string_view value)
+{
+    // The slot table must stay contiguous: move it behind the new text.
+    const std::string copy = std::string(name) + std::string(value);  // either may view data_
+    std::string slots = data_.substr(slotsAt_, count_ * sizeof(Slot));
+    data_.resize(slotsAt_);
+    const uint32_t nameAt = Append(copy.substr(0, name.size()));
+    const uint32_t valueAt = Append(copy.substr(name.size()));
+    slotsAt_ = static_cast<uint32_t>(data_.size());
+    data_.append(slots);
+    const Slot slot{nameAt, static_cast<uint32_t>(name.size()), valueAt, static_cast<uint32_t>(value.size())};
+    data_.append(reinterpret_cast<const char*>(&slot), sizeof(slot));
+    ++count_;
+}
+
+void AuditFields::Set(std::string_view name, std::string_view value)
+{
+    const int index = IndexOf(name);
+    if (index < 0) {
+        Add(name, value);
+        return;
+    }
+    // The old value stays in data_ unreferenced; records are short-lived.
+    const std::string copy(value);  // value may view data_, which Append can move
+    Slot slot = SlotAt(static_cast<size_t>(index));
+    slot.value = Append(copy);
+    slot.valueLen = static_cast<uint32_t>(copy.size());
+    StoreSlot(static_cast<size_t>(index), slot);
+}
+
+void AuditFields::Clear()
+{
+    data_.clear();
+    slotsAt_ = 0;
+    count_ = 0;
+}
+
+bool AuditFields::operator==(const AuditFields& other) const
+{
+    if (size() != other.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < size(); ++i) {
+        if (At(i) != other.At(i)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 const AuditFields* AuditEvent::FindRecord(std::string_view type) const
@@ -95,6 +153,37 @@ std::string_view NextToken(std::string_view& rest)
     return token;
 }
 
+}  // namespace
+
+// Field slots of the line being parsed: on the stack, spilling into a vector past its size.
+class AuditParser::SlotTable {
+public:
+    void push_back(const AuditFields::Slot& slot)
+    {
+        if (count_ < kInline) {
+            inline_[count_] = slot;
+        } else {
+            spill_.push_back(slot);
+        }
+        ++count_;
+    }
+    size_t size() const { return count_; }
+    void AppendTo(std::string& data) const
+    {
+        const size_t inlineCount = count_ < kInline ? count_ : kInline;
+        data.append(reinterpret_cast<const char*>(inline_), inlineCount * sizeof(AuditFields::Slot));
+        data.append(reinterpret_cast<const char*>(spill_.data()), spill_.size() * sizeof(AuditFields::Slot));
+    }
+
+private:
+    static constexpr size_t kInline = 96;
+    AuditFields::Slot inline_[kInline];
+    std::vector<AuditFields::Slot> spill_;
+    size_t count_ = 0;
+};
+
+namespace {
+
 // "SECONDS.MILLIS:SERIAL" into milliseconds and serial.
 bool ParseStamp(std::string_view stamp, uint64_t header[2])
 {
@@ -124,12 +213,14 @@ bool AuditParser::ParseLine(std::string_view line, uint64_t header[2], AuditReco
         line = line.substr(0, enriched);
     }
     record.type.clear();
-    record.fields.Clear();
+    AuditFields& fields = record.fields;
+    fields.Clear();
 
     std::string_view rest = line;
     std::string_view token = NextToken(rest);
+    std::string_view node;
     if (token.substr(0, 5) == "node=") {
-        record.fields.Add("node", std::string(token.substr(5)));
+        node = token.substr(5);
         token = NextToken(rest);
     }
     if (token.substr(0, 5) != "type=" || token.size() == 5) {
@@ -149,32 +240,75 @@ bool AuditParser::ParseLine(std::string_view line, uint64_t header[2], AuditReco
     }
     rest = rest.substr(close + 2);
 
-    record.fields.Reserve(40);
+    // Field names and values become offsets into one copy of the text: the node value, the
+    // rest of the line, then "node" when there is one. Slots are collected on the stack (a
+    // record with more fields than that spills into a vector) and copied behind the text, so
+    // the record usually takes exactly one allocation.
+    SlotTable slots;
+    const auto shift = static_cast<uint32_t>(node.size());
+    if (!node.empty()) {
+        const auto nodeNameAt = static_cast<uint32_t>(node.size() + rest.size());
+        slots.push_back(AuditFields::Slot{nodeNameAt, 4, 0, shift});
+    }
+    // Tokens are separated by spaces; a token without '=' (or starting with it) carries no
+    // field, like the words of an AVC record. memchr does the scanning: long hex values
+    // (proctitle) dominate the bytes.
     bool inUserMessage = false;  // inside msg='...' of a user-space record
-    while (!(token = NextToken(rest)).empty()) {
-        const size_t eq = token.find('=');
-        if (eq == std::string_view::npos || eq == 0) {
-            continue;  // words such as "avc:" or "denied" carry no field
+    const char* const base = rest.data();
+    const char* p = base;
+    const char* const end = base + rest.size();
+    while (p < end) {
+        if (*p == ' ') {
+            ++p;
+            continue;
         }
-        std::string_view name = token.substr(0, eq);
-        std::string_view value = token.substr(eq + 1);
-        if (!inUserMessage && name == "msg" && !value.empty() && value.front() == '\'') {
+        const char* tokenEnd = static_cast<const char*>(std::memchr(p, ' ', static_cast<size_t>(end - p)));
+        if (tokenEnd == nullptr) {
+            tokenEnd = end;
+        }
+        const char* eq = p;  // names are short: a plain loop beats another memchr call
+        while (eq < tokenEnd && *eq != '=') {
+            ++eq;
+        }
+        if (eq == tokenEnd) {
+            eq = nullptr;
+        }
+        const char* name = p;
+        p = tokenEnd;
+        if (eq == nullptr || eq == name) {
+            continue;
+        }
+        const char* value = eq + 1;
+        const char* valueEnd = tokenEnd;
+        if (!inUserMessage && eq - name == 3 && std::memcmp(name, "msg", 3) == 0 && value < valueEnd && *value == '\'') {
             // msg='op=... res=x': the wrapper holds the record's real fields.
             inUserMessage = true;
-            token = value.substr(1);
-            const size_t innerEq = token.find('=');
-            if (innerEq == std::string_view::npos || innerEq == 0) {
+            name = value + 1;
+            eq = static_cast<const char*>(std::memchr(name, '=', static_cast<size_t>(valueEnd - name)));
+            if (eq == nullptr || eq == name) {
                 continue;
             }
-            name = token.substr(0, innerEq);
-            value = token.substr(innerEq + 1);
+            value = eq + 1;
         }
-        if (inUserMessage && !value.empty() && value.back() == '\'') {
-            value.remove_suffix(1);
+        if (inUserMessage && value < valueEnd && valueEnd[-1] == '\'') {
+            --valueEnd;
             inUserMessage = false;
         }
-        record.fields.Add(std::string(name), std::string(value));
+        slots.push_back(AuditFields::Slot{shift + static_cast<uint32_t>(name - base), static_cast<uint32_t>(eq - name),
+                                          shift + static_cast<uint32_t>(value - base),
+                                          static_cast<uint32_t>(valueEnd - value)});
     }
+    std::string& data = fields.data_;
+    const size_t textSize = node.size() + rest.size() + (node.empty() ? 0 : 4);
+    data.reserve(textSize + slots.size() * sizeof(AuditFields::Slot));
+    data.append(node);
+    data.append(rest);
+    if (!node.empty()) {
+        data.append("node");
+    }
+    fields.slotsAt_ = static_cast<uint32_t>(data.size());
+    slots.AppendTo(data);
+    fields.count_ = static_cast<uint32_t>(slots.size());
     return true;
 }
 

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,33 +13,84 @@ namespace SDK {
 
 /// The fields of one audit record in the order they were written. Values are kept exactly as
 /// written: quotes kept, hexadecimal kept. A name may occur twice; lookups see the first.
+///
+/// The record's text and the table of field offsets share one buffer, so a parsed record costs
+/// one allocation however many fields it has. Views handed out stay valid until the next Set,
+/// Add or Clear.
 class AuditFields {
 public:
-    using Field = std::pair<std::string, std::string>;
-    using const_iterator = std::vector<Field>::const_iterator;
+    using Field = std::pair<std::string_view, std::string_view>;
 
-    /// The value of name, or null when the record has no such field.
-    const std::string* Find(std::string_view name) const;
-    /// The value of name, or an empty text.
-    std::string Get(std::string_view name) const;
+    /// Iterates the fields in record order as (name, value) views.
+    class const_iterator {
+    public:
+        using iterator_category = std::forward_iterator_tag;
+        using value_type = Field;
+        using difference_type = std::ptrdiff_t;
+        using pointer = const Field*;
+        using reference = Field;
+        const_iterator(const AuditFields* owner, size_t index) : owner_(owner), index_(index) {}
+        Field operator*() const { return owner_->At(index_); }
+        const_iterator& operator++() { ++index_; return *this; }
+        const_iterator operator++(int) { const_iterator old = *this; ++index_; return old; }
+        bool operator==(const const_iterator& other) const { return index_ == other.index_; }
+        bool operator!=(const const_iterator& other) const { return index_ != other.index_; }
+
+    private:
+        const AuditFields* owner_;
+        size_t index_;
+    };
+
+    /// The value of name; empty when the record has no such field (see Has).
+    std::string_view View(std::string_view name) const;
+    /// The value of name as a text of its own, or an empty text.
+    std::string Get(std::string_view name) const { return std::string(View(name)); }
     /// True when the record has the field.
-    bool Has(std::string_view name) const { return Find(name) != nullptr; }
+    bool Has(std::string_view name) const;
     /// Appends a field.
-    void Add(std::string name, std::string value) { fields_.emplace_back(std::move(name), std::move(value)); }
+    void Add(std::string_view name, std::string_view value);
     /// Replaces the value of the first field called name, or appends the field.
-    void Set(std::string_view name, std::string value);
+    void Set(std::string_view name, std::string_view value);
     /// Removes every field.
-    void Clear() { fields_.clear(); }
-    void Reserve(size_t count) { fields_.reserve(count); }
+    void Clear();
 
-    size_t size() const { return fields_.size(); }
-    bool empty() const { return fields_.empty(); }
-    const_iterator begin() const { return fields_.begin(); }
-    const_iterator end() const { return fields_.end(); }
-    bool operator==(const AuditFields& other) const { return fields_ == other.fields_; }
+    /// The field at a position in record order.
+    Field At(size_t index) const
+    {
+        const Slot slot = SlotAt(index);
+        return Field(std::string_view(data_.data() + slot.name, slot.nameLen),
+                     std::string_view(data_.data() + slot.value, slot.valueLen));
+    }
+    size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+    const_iterator begin() const { return const_iterator(this, 0); }
+    const_iterator end() const { return const_iterator(this, count_); }
+    bool operator==(const AuditFields& other) const;
+    bool operator!=(const AuditFields& other) const { return !(*this == other); }
 
 private:
-    std::vector<Field> fields_;
+    friend class AuditParser;
+    struct Slot {
+        uint32_t name;
+        uint32_t nameLen;
+        uint32_t value;
+        uint32_t valueLen;
+    };
+    int IndexOf(std::string_view name) const;
+    Slot SlotAt(size_t index) const
+    {
+        Slot slot;
+        std::memcpy(&slot, data_.data() + slotsAt_ + index * sizeof(Slot), sizeof(Slot));
+        return slot;
+    }
+    void StoreSlot(size_t index, const Slot& slot);
+    uint32_t Append(std::string_view text);
+
+    // data_ holds the names and values, then count_ slots from slotsAt_ on (copied in and out
+    // with memcpy, so the buffer needs no alignment). Replaced values are appended after them.
+    std::string data_;
+    uint32_t slotsAt_ = 0;
+    uint32_t count_ = 0;
 };
 
 /// One record (one log line) of an event.
@@ -81,6 +135,7 @@ public:
     static bool ParseLine(std::string_view line, uint64_t header[2], AuditRecord& record);
 
 private:
+    class SlotTable;
     std::vector<AuditEvent> events_;
     bool open_ = false;  // the last event of events_ may still get records
 };
