@@ -1,6 +1,9 @@
 #include "sdk/AuditParser.h"
 
 #include <algorithm>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 #include <cstring>
 
 namespace SDK {
@@ -131,10 +134,11 @@ bool ParseUnsigned(std::string_view text, uint64_t& value)
     }
     value = 0;
     for (const char c : text) {
-        if (c < '0' || c > '9') {
+        const auto digit = static_cast<unsigned>(static_cast<unsigned char>(c) - '0');
+        if (digit > 9) {
             return false;
         }
-        value = value * 10 + static_cast<uint64_t>(c - '0');
+        value = value * 10 + digit;
     }
     return true;
 }
@@ -184,6 +188,32 @@ private:
 
 namespace {
 
+// Bit i of spaces (equals) is set when byte i of the next 16 bytes is ' ' ('='); bytes past
+// `left` count as neither.
+inline void ClassifyBlock(const char* p, size_t left, uint32_t& spaces, uint32_t& equals)
+{
+#if defined(__SSE2__)
+    __m128i bytes;
+    if (left >= 16) {
+        bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+    } else {
+        alignas(16) char tail[16] = {0};
+        std::memcpy(tail, p, left);
+        bytes = _mm_load_si128(reinterpret_cast<const __m128i*>(tail));
+    }
+    spaces = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8(' '))));
+    equals = static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_set1_epi8('='))));
+#else
+    spaces = 0;
+    equals = 0;
+    const size_t count = left < 16 ? left : 16;
+    for (size_t i = 0; i < count; ++i) {
+        spaces |= static_cast<uint32_t>(p[i] == ' ') << i;
+        equals |= static_cast<uint32_t>(p[i] == '=') << i;
+    }
+#endif
+}
+
 // "SECONDS.MILLIS:SERIAL" into milliseconds and serial.
 bool ParseStamp(std::string_view stamp, uint64_t header[2])
 {
@@ -207,6 +237,11 @@ bool ParseStamp(std::string_view stamp, uint64_t header[2])
 }  // namespace
 
 bool AuditParser::ParseLine(std::string_view line, uint64_t header[2], AuditRecord& record)
+{
+    return ParseLine(line, header, record, nullptr);
+}
+
+bool AuditParser::ParseLine(std::string_view line, uint64_t header[2], AuditRecord& record, StampCache* cache)
 {
     const size_t enriched = line.find(kEnrichedSeparator);
     if (enriched != std::string_view::npos) {
@@ -235,8 +270,24 @@ bool AuditParser::ParseLine(std::string_view line, uint64_t header[2], AuditReco
     }
     rest = rest.substr(open + kStampOpen.size());
     const size_t close = rest.find("):");
-    if (close == std::string_view::npos || !ParseStamp(rest.substr(0, close), header)) {
+    if (close == std::string_view::npos) {
         return false;
+    }
+    // The lines of one event repeat its stamp: reuse the numbers of the previous line's.
+    const std::string_view stamp = rest.substr(0, close);
+    if (cache != nullptr && cache->size != 0 && stamp == cache->View()) {
+        header[0] = cache->header[0];
+        header[1] = cache->header[1];
+    } else {
+        if (!ParseStamp(stamp, header)) {
+            return false;
+        }
+        if (cache != nullptr && stamp.size() <= sizeof(cache->text)) {
+            std::memcpy(cache->text, stamp.data(), stamp.size());
+            cache->size = stamp.size();
+            cache->header[0] = header[0];
+            cache->header[1] = header[1];
+        }
     }
     rest = rest.substr(close + 2);
 
@@ -251,53 +302,59 @@ bool AuditParser::ParseLine(std::string_view line, uint64_t header[2], AuditReco
         slots.push_back(AuditFields::Slot{nodeNameAt, 4, 0, shift});
     }
     // Tokens are separated by spaces; a token without '=' (or starting with it) carries no
-    // field, like the words of an AVC record. memchr does the scanning: long hex values
-    // (proctitle) dominate the bytes.
+    // field, like the words of an AVC record. Spaces and '=' are located 16 bytes at a time, so
+    // the long hex values (proctitle) cost little.
     bool inUserMessage = false;  // inside msg='...' of a user-space record
     const char* const base = rest.data();
-    const char* p = base;
-    const char* const end = base + rest.size();
-    while (p < end) {
-        if (*p == ' ') {
-            ++p;
-            continue;
+    const size_t size = rest.size();
+    size_t tokenStart = 0;
+    size_t eq = std::string_view::npos;  // first '=' of the current token
+    const auto emit = [&](size_t tokenEnd) __attribute__((always_inline)) {
+        if (eq == std::string_view::npos || eq == tokenStart || tokenEnd <= tokenStart) {
+            return;
         }
-        const char* tokenEnd = static_cast<const char*>(std::memchr(p, ' ', static_cast<size_t>(end - p)));
-        if (tokenEnd == nullptr) {
-            tokenEnd = end;
-        }
-        const char* eq = p;  // names are short: a plain loop beats another memchr call
-        while (eq < tokenEnd && *eq != '=') {
-            ++eq;
-        }
-        if (eq == tokenEnd) {
-            eq = nullptr;
-        }
-        const char* name = p;
-        p = tokenEnd;
-        if (eq == nullptr || eq == name) {
-            continue;
-        }
-        const char* value = eq + 1;
-        const char* valueEnd = tokenEnd;
-        if (!inUserMessage && eq - name == 3 && std::memcmp(name, "msg", 3) == 0 && value < valueEnd && *value == '\'') {
+        size_t name = tokenStart;
+        size_t nameEnd = eq;
+        size_t value = eq + 1;
+        size_t valueEnd = tokenEnd;
+        if (!inUserMessage && nameEnd - name == 3 && std::memcmp(base + name, "msg", 3) == 0 && value < valueEnd &&
+            base[value] == '\'') {
             // msg='op=... res=x': the wrapper holds the record's real fields.
             inUserMessage = true;
             name = value + 1;
-            eq = static_cast<const char*>(std::memchr(name, '=', static_cast<size_t>(valueEnd - name)));
-            if (eq == nullptr || eq == name) {
-                continue;
+            const void* inner = std::memchr(base + name, '=', valueEnd - name);
+            if (inner == nullptr || inner == base + name) {
+                return;
             }
-            value = eq + 1;
+            nameEnd = static_cast<size_t>(static_cast<const char*>(inner) - base);
+            value = nameEnd + 1;
         }
-        if (inUserMessage && value < valueEnd && valueEnd[-1] == '\'') {
+        if (inUserMessage && value < valueEnd && base[valueEnd - 1] == '\'') {
             --valueEnd;
             inUserMessage = false;
         }
-        slots.push_back(AuditFields::Slot{shift + static_cast<uint32_t>(name - base), static_cast<uint32_t>(eq - name),
-                                          shift + static_cast<uint32_t>(value - base),
-                                          static_cast<uint32_t>(valueEnd - value)});
+        slots.push_back(AuditFields::Slot{shift + static_cast<uint32_t>(name), static_cast<uint32_t>(nameEnd - name),
+                                          shift + static_cast<uint32_t>(value), static_cast<uint32_t>(valueEnd - value)});
+    };
+    for (size_t block = 0; block < size; block += 16) {
+        uint32_t spaces = 0;
+        uint32_t equals = 0;
+        ClassifyBlock(base + block, size - block, spaces, equals);
+        uint32_t marks = spaces | equals;
+        while (marks != 0) {
+            const unsigned bit = static_cast<unsigned>(__builtin_ctz(marks));
+            marks &= marks - 1;
+            const size_t at = block + bit;
+            if ((spaces >> bit) & 1U) {
+                emit(at);
+                tokenStart = at + 1;
+                eq = std::string_view::npos;
+            } else if (eq == std::string_view::npos) {
+                eq = at;
+            }
+        }
     }
+    emit(size);
     std::string& data = fields.data_;
     const size_t textSize = node.size() + rest.size() + (node.empty() ? 0 : 4);
     data.reserve(textSize + slots.size() * sizeof(AuditFields::Slot));
@@ -316,7 +373,7 @@ bool AuditParser::FeedLine(const std::string& line)
 {
     uint64_t header[2] = {0, 0};
     AuditRecord record;
-    if (!ParseLine(line, header, record)) {
+    if (!ParseLine(line, header, record, &stampCache_)) {
         return false;
     }
     if (!open_ || events_.empty() || events_.back().header[0] != header[0] || events_.back().header[1] != header[1]) {

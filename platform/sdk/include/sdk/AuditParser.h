@@ -136,7 +136,17 @@ public:
 
 private:
     class SlotTable;
+    /// The last stamp text parsed ("SECONDS.MILLIS:SERIAL", kept without allocating) and its numbers.
+    struct StampCache {
+        char text[48];
+        size_t size = 0;  // 0: nothing cached
+        uint64_t header[2] = {0, 0};
+        std::string_view View() const { return std::string_view(text, size); }
+    };
+    static bool ParseLine(std::string_view line, uint64_t header[2], AuditRecord& record, StampCache* cache);
+
     std::vector<AuditEvent> events_;
+    StampCache stampCache_;
     bool open_ = false;  // the last event of events_ may still get records
 };
 
