@@ -46,12 +46,12 @@ uint32_t AuditFields::Append(std::string_view text)
 
 void AuditFields::Add(std::string_view name, std::string_view value)
 {
-    // The slot table must stay contiguous: move it behind the new text.
+    // The slot table must stay contiguous: append the new text, then a fresh copy of the table
+    // with the new slot; the old table becomes dead bytes. Values appended by Set stay put.
     const std::string copy = std::string(name) + std::string(value);  // either may view data_
-    std::string slots = data_.substr(slotsAt_, count_ * sizeof(Slot));
-    data_.resize(slotsAt_);
-    const uint32_t nameAt = Append(copy.substr(0, name.size()));
-    const uint32_t valueAt = Append(copy.substr(name.size()));
+    const std::string slots = data_.substr(slotsAt_, count_ * sizeof(Slot));
+    const uint32_t nameAt = Append(std::string_view(copy).substr(0, name.size()));
+    const uint32_t valueAt = Append(std::string_view(copy).substr(name.size()));
     slotsAt_ = static_cast<uint32_t>(data_.size());
     data_.append(slots);
     const Slot slot{nameAt, static_cast<uint32_t>(name.size()), valueAt, static_cast<uint32_t>(value.size())};

@@ -173,3 +173,72 @@ TEST(AuditParser, IgnoresTheEnrichedTailAndOpensUserMessages)
         EXPECT_EQ(field, expected[i++]);
     }
 }
+
+// Real lines, mutated at random (fixed seed): byte changes, cuts, and the characters the parser
+// treats specially. Nothing may crash (the sanitizer builds run this too), every parsed record
+// has a type, and every field's value can be found again by its name.
+TEST(AuditParser, SurvivesMutatedRealLines)
+{
+    std::vector<std::string> lines = ReadLines(kFixtures + "kernel-6.18-enriched.log");
+    const std::vector<std::string> raw = ReadLines(kFixtures + "kernel-6.18-raw.log");
+    lines.insert(lines.end(), raw.begin(), raw.end());
+    ASSERT_FALSE(lines.empty());
+    uint64_t state = 0x9e3779b97f4a7c15ULL;
+    const auto next = [&state] {
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        return state;
+    };
+    const char specials[] = {' ', '=', '\'', '\x1d', '"', ':', ')', '(', '\0', '\n'};
+    size_t parsed = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::string line = lines[next() % lines.size()];
+        const int edits = 1 + static_cast<int>(next() % 4);
+        for (int e = 0; e < edits && !line.empty(); ++e) {
+            const size_t at = next() % line.size();
+            switch (next() % 4) {
+            case 0: line[at] = specials[next() % sizeof(specials)]; break;
+            case 1: line.resize(at); break;
+            case 2: line.insert(at, 1, specials[next() % sizeof(specials)]); break;
+            default: line[at] = static_cast<char>(next() & 0xff); break;
+            }
+        }
+        AuditParser parser;
+        if (!parser.FeedLine(line)) {
+            continue;
+        }
+        ++parsed;
+        parser.Flush();
+        const SDK::AuditRecord& record = parser.GetEvents().at(0).records.at(0);
+        ASSERT_FALSE(record.type.empty()) << line;
+        for (const auto& [name, value] : record.fields) {
+            ASSERT_FALSE(name.empty()) << line;
+            ASSERT_TRUE(record.fields.Has(name)) << line;
+        }
+    }
+    EXPECT_GT(parsed, 5000U) << "most mutations keep the stamp intact";
+}
+
+TEST(AuditParser, SetAndAddKeepEveryOtherFieldIntact)
+{
+    AuditParser parser;
+    ASSERT_TRUE(parser.FeedLine("type=SYSCALL msg=audit(1.000:1): exe=2F746D702F612062 comm=\"a\" key=(null)"));
+    SDK::AuditFields fields = parser.GetEvents()[0].records[0].fields;
+    fields.Set("exe", "/tmp/a b");
+    fields.Set("comm", fields.View("comm"));  // a value that views the record itself
+    fields.Add("extra", "1");
+    fields.Set("new", "2");
+    ASSERT_EQ(fields.size(), 5U);
+    EXPECT_EQ(fields.View("exe"), "/tmp/a b");
+    EXPECT_EQ(fields.View("comm"), "\"a\"");
+    EXPECT_EQ(fields.View("key"), "(null)");
+    EXPECT_EQ(fields.View("extra"), "1");
+    EXPECT_EQ(fields.View("new"), "2");
+    EXPECT_EQ(fields.At(4).first, "new");
+    const SDK::AuditFields copy = fields;
+    EXPECT_EQ(copy, fields);
+    fields.Clear();
+    EXPECT_TRUE(fields.empty());
+    EXPECT_EQ(copy.View("exe"), "/tmp/a b");
+}
