@@ -1,5 +1,7 @@
 #pragma once
 
+#include "AuditRule.h"
+
 #include "sdk/AuditParser.h"
 
 #include <cstddef>
@@ -11,10 +13,25 @@ class ContainerMetaInfo;
 
 namespace Engine {
 
+class AuditSyscallCtrlMessage;
+class AuditFileSystemCtrlMessage;
+
 /// Helpers for running auditctl and reading audit record fields. Stateless apart from the
 /// container provider cache of GetContainerMeta.
 class LinuxAuditUtil {
 public:
+    /// Parses the message's rule text ("exit,always -F arch=b64 -S open -k k") into rule.
+    /// Returns a RuleParseResult. A non-numeric a0..a3 value throws std::invalid_argument (one
+    /// beyond 32 bits std::out_of_range), as toHexString does; callers catch it.
+    static int auditDistractSyscallRule(const AuditSyscallCtrlMessage& msg, SyscallRule& rule);
+    /// Parses the message's rule text ("/etc -p wa -k k") into rule. Returns a RuleParseResult.
+    static int auditDistractFilesystemRule(const AuditFileSystemCtrlMessage& msg, FileSystemRule& rule);
+    /// Applies one name=value field of a file-system rule. Returns 0, or 2 when it is not name=value.
+    static int setFileSystemParameter(std::string parameter, FileSystemRule& rule);
+    /// The number of a system call on the arch ("b32" for i386, else x86_64); an unknown name is
+    /// added to the table with 0 and gives 0.
+    static int32_t auditGetSyscallNumber(const std::string& name, const std::string& arch);
+
     /// Runs the installation's bin/auditctl with args (with the installation's lib/ on the loader
     /// path), capturing its output. True when it ran and exited 0.
     static bool ExecAuditCmd(const std::string& args, std::string& output);

@@ -1,6 +1,8 @@
 #include "AuditUtil.h"
 
 #include "AuditLogging.h"
+#include "AuditMessages.h"
+#include "SyscallTables.h"
 
 #include "container/ContainerMetaInfo.h"
 #include "framework/Engine.h"
@@ -19,6 +21,38 @@
 
 namespace Engine {
 
+std::map<std::string, ParameterNumber> parameterNumberMap = {
+    {"pid", kParamPid}, {"arch", kParamArch}, {"ppid", kParamPpid}, {"key", kParamKey},
+    {"success", kParamSuccess}, {"exit", kParamExit}, {"a0", kParamA0}, {"a1", kParamA1},
+    {"a2", kParamA2}, {"a3", kParamA3}, {"path", kParamPath}, {"perm", kParamPerm}};
+
+namespace {
+
+std::map<std::string, int32_t> MakeByName(const SyscallEntry* entries, size_t count)
+{
+    std::map<std::string, int32_t> byName;
+    for (size_t i = 0; i < count; ++i) {
+        byName.emplace(entries[i].name, entries[i].number);
+    }
+    return byName;
+}
+
+std::map<int32_t, std::string> MakeByNumber(const SyscallEntry* entries, size_t count)
+{
+    std::map<int32_t, std::string> byNumber;
+    for (size_t i = 0; i < count; ++i) {
+        byNumber.emplace(entries[i].number, entries[i].name);
+    }
+    return byNumber;
+}
+
+}  // namespace
+
+std::map<std::string, int32_t> syscallNameToNumber64 = MakeByName(kSyscalls64, kSyscalls64Count);
+std::map<int32_t, std::string> syscallNumberToName64 = MakeByNumber(kSyscalls64, kSyscalls64Count);
+std::map<std::string, int32_t> syscallNameToNumber32 = MakeByName(kSyscalls32, kSyscalls32Count);
+std::map<int32_t, std::string> syscallNumberToName32 = MakeByNumber(kSyscalls32, kSyscalls32Count);
+
 namespace {
 
 constexpr size_t kPathBufferSize = 4096;
@@ -28,7 +62,229 @@ constexpr size_t kCmdOutputSize = 4096;
 Framework::ContainerMetaInfo* g_containerMeta = nullptr;
 int g_containerMetaCalls = 0;
 
+// True when a comma-separated piece of token is "exclude" or "never".
+bool IsNeverOrExcludeAction(const std::string& token)
+{
+    for (const std::string& piece : SDK::StrUtils::Split(token, ",")) {
+        if (piece == "exclude" || piece == "never") {
+            return true;
+        }
+    }
+    return false;
+}
+
+enum class ParseState { kFirst, kOption, kSyscalls, kField, kKey, kPerm, kDead };
+
+// Stores value in member when it is still empty; a field may be given once.
+bool SetOnce(std::string& member, const std::string& value)
+{
+    if (!member.empty()) {
+        return false;
+    }
+    member = value;
+    return true;
+}
+
+// Applies one -F name=value of a syscall rule; false rejects the rule.
+bool ApplySyscallField(const std::string& token, SyscallRule& rule)
+{
+    const std::vector<std::string> pair = SDK::StrUtils::Split(token, "=");
+    if (pair.size() != 2) {
+        return false;
+    }
+    const std::string& value = pair[1];
+    switch (parameterNumberMap[pair[0]]) {
+    case kParamPid:
+        return SetOnce(rule.pid, value);
+    case kParamArch:
+        return SetOnce(rule.arch, value);
+    case kParamPpid:
+        return SetOnce(rule.ppid, value);
+    case kParamKey:
+        return SetOnce(rule.key, value);
+    case kParamSuccess:
+        if (!rule.success.empty()) {
+            return false;
+        }
+        rule.hasFilter = 1;
+        if (value == "1") {
+            rule.success = "yes";
+        } else if (value == "0") {
+            rule.success = "no";
+        } else {
+            return false;
+        }
+        return true;
+    case kParamExit:
+        rule.hasFilter = rule.exit.empty() ? 1 : rule.hasFilter;
+        return SetOnce(rule.exit, value);
+    case kParamA0:
+    case kParamA1:
+    case kParamA2:
+    case kParamA3: {
+        std::string* const args[] = {&rule.a0, &rule.a1, &rule.a2, &rule.a3};
+        std::string& member = *args[parameterNumberMap[pair[0]] - kParamA0];
+        if (!member.empty()) {
+            return false;
+        }
+        rule.hasFilter = 1;
+        member = value;
+        LinuxAuditUtil::toHexString(member);
+        return true;
+    }
+    case kParamPath:
+    case kParamPerm:
+        return true;
+    }
+    return true;
+}
+
+// The rule text's tokens: split on single spaces, trimmed, empty ones dropped.
+std::vector<std::string> RuleTokens(const std::string& text)
+{
+    std::vector<std::string> tokens;
+    for (const std::string& piece : SDK::StrUtils::Split(text, " ")) {
+        std::string token = SDK::StrUtils::Trim(piece);
+        if (!token.empty()) {
+            tokens.push_back(std::move(token));
+        }
+    }
+    return tokens;
+}
+
 }  // namespace
+
+int LinuxAuditUtil::auditDistractSyscallRule(const AuditSyscallCtrlMessage& msg, SyscallRule& rule)
+{
+    int result = kRuleParsed;
+    ParseState state = ParseState::kFirst;
+    for (const std::string& token : RuleTokens(msg.rule)) {
+        switch (state) {
+        case ParseState::kFirst:
+            if (IsNeverOrExcludeAction(token)) {
+                result = kRuleNeverOrExclude;
+            }
+            state = ParseState::kOption;
+            break;
+        case ParseState::kOption:
+            state = token == "-S"   ? ParseState::kSyscalls
+                    : token == "-F" ? ParseState::kField
+                    : token == "-k" ? ParseState::kKey
+                                    : ParseState::kDead;
+            break;
+        case ParseState::kSyscalls:
+            for (std::string& name : SDK::StrUtils::Split(token, ",")) {
+                rule.syscalls.push_back(std::move(name));
+            }
+            state = ParseState::kOption;
+            break;
+        case ParseState::kKey:
+            rule.key = token;
+            state = ParseState::kOption;
+            break;
+        case ParseState::kField:
+            if (!ApplySyscallField(token, rule)) {
+                return kRuleRejected;
+            }
+            state = ParseState::kOption;
+            break;
+        case ParseState::kPerm:
+        case ParseState::kDead:
+            result = kRuleRejected;
+            break;
+        }
+    }
+    if (result == kRuleNeverOrExclude) {
+        return result;
+    }
+    return rule.syscalls.empty() ? kRuleRejected : result;
+}
+
+int LinuxAuditUtil::auditDistractFilesystemRule(const AuditFileSystemCtrlMessage& msg, FileSystemRule& rule)
+{
+    int result = kRuleParsed;
+    ParseState state = ParseState::kFirst;
+    for (const std::string& token : RuleTokens(msg.rule)) {
+        switch (state) {
+        case ParseState::kFirst:
+            rule.path = token.front() == '/' ? token : std::string();
+            if (!rule.path.empty() && rule.path.back() == '/') {
+                rule.path.pop_back();
+            }
+            if (rule.path.empty() && IsNeverOrExcludeAction(token)) {
+                result = kRuleNeverOrExclude;
+            }
+            state = ParseState::kOption;
+            break;
+        case ParseState::kOption:
+            state = token == "-p"   ? ParseState::kPerm
+                    : token == "-F" ? ParseState::kField
+                    : token == "-k" ? ParseState::kKey
+                                    : ParseState::kDead;
+            break;
+        case ParseState::kPerm:
+            rule.perm = token;
+            state = ParseState::kOption;
+            break;
+        case ParseState::kKey:
+            rule.key = token;
+            state = ParseState::kOption;
+            break;
+        case ParseState::kField:
+            if (setFileSystemParameter(token, rule) == kRuleRejected) {
+                return kRuleRejected;
+            }
+            state = ParseState::kOption;
+            break;
+        case ParseState::kSyscalls:
+        case ParseState::kDead:
+            result = kRuleRejected;
+            break;
+        }
+    }
+    if (result == kRuleNeverOrExclude) {
+        return result;
+    }
+    return rule.path.empty() ? kRuleRejected : result;
+}
+
+int LinuxAuditUtil::setFileSystemParameter(std::string parameter, FileSystemRule& rule)
+{
+    const std::vector<std::string> pair = SDK::StrUtils::Split(parameter, "=");
+    if (pair.size() != 2) {
+        return kRuleRejected;
+    }
+    const std::string& value = pair[1];
+    switch (parameterNumberMap[pair[0]]) {
+    case kParamPid:
+        rule.pid = value;
+        break;
+    case kParamPpid:
+        rule.ppid = value;
+        break;
+    case kParamPerm:
+        rule.perm = value;
+        break;
+    case kParamPath:
+        rule.path = value;
+        if (!rule.path.empty() && rule.path.back() == '/') {
+            rule.path.pop_back();
+        }
+        break;
+    case kParamKey:
+        // Kept as the agent has always stored it: the second character of the whole parameter.
+        rule.key = std::string(1, parameter[1]);
+        break;
+    default:
+        break;
+    }
+    return kRuleParsed;
+}
+
+int32_t LinuxAuditUtil::auditGetSyscallNumber(const std::string& name, const std::string& arch)
+{
+    return arch == "b32" ? syscallNameToNumber32[name] : syscallNameToNumber64[name];
+}
 
 bool LinuxAuditUtil::getLibraryPathEnv(char* buffer, size_t length)
 {

@@ -13,32 +13,7 @@
 
 using Engine::LinuxAuditUtil;
 
-namespace {
-
-// An installation directory whose bin/auditctl records its arguments and loader path.
-class FakeInstallation {
-public:
-    explicit FakeInstallation(int exitCode = 0)
-    {
-        dir.Write("bin/auditctl",
-                  "#!/bin/sh\n"
-                  "printf '%s\\n' \"$LD_LIBRARY_PATH\" > \"$(dirname \"$0\")/../calls\"\n"
-                  "for a in \"$@\"; do printf '[%s]' \"$a\" >> \"$(dirname \"$0\")/../calls\"; done\n"
-                  "echo printed-by-auditctl\n"
-                  "exit " + std::to_string(exitCode) + "\n",
-                  0755);
-        setenv("HOSTWARDEN_HOME", dir.path().c_str(), 1);
-    }
-    ~FakeInstallation() { unsetenv("HOSTWARDEN_HOME"); }
-    std::string Calls() const
-    {
-        std::ifstream in(dir.path() + "/calls");
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    TestSupport::TempDir dir;
-};
-
-}  // namespace
+using TestSupport::FakeInstallation;
 
 TEST(ExecAuditCmd, RunsTheInstallationsAuditctlWithItsLibraryPathAndNoShell)
 {
@@ -47,7 +22,7 @@ TEST(ExecAuditCmd, RunsTheInstallationsAuditctlWithItsLibraryPathAndNoShell)
     std::string output;
     EXPECT_TRUE(LinuxAuditUtil::ExecAuditCmd("-l -k 'key1***' ; touch /tmp/hw_x $(id)", output));
     EXPECT_EQ(output, "printed-by-auditctl\n");
-    EXPECT_EQ(install.Calls(), install.dir.path() + "/lib\n[-l][-k][key1***][;][touch][/tmp/hw_x][$(id)]");
+    EXPECT_EQ(install.Calls(), install.dir.path() + "/lib\n[-l][-k][key1***][;][touch][/tmp/hw_x][$(id)]\n");
     const std::string command = install.dir.path() + "/bin/auditctl -l -k 'key1***' ; touch /tmp/hw_x $(id)";
     EXPECT_TRUE(log.channel().Has("Execute cmd audit(" + command + "), ret(0), result(printed-by-auditctl\n), library path(LD_LIBRARY_PATH=" +
                                   install.dir.path() + "/lib)."));
@@ -59,7 +34,7 @@ TEST(ExecAuditCmd, ReportsFailureForANonZeroStatusOrAMissingProgram)
     {
         FakeInstallation failing(1);
         EXPECT_FALSE(LinuxAuditUtil::ExecAuditCmd("-D -k x"));
-        EXPECT_EQ(failing.Calls(), failing.dir.path() + "/lib\n[-D][-k][x]");
+        EXPECT_EQ(failing.Commands(), std::vector<std::string>{"[-D][-k][x]"});
     }
     TestSupport::TempDir empty;
     setenv("HOSTWARDEN_HOME", empty.path().c_str(), 1);

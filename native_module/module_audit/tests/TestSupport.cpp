@@ -86,4 +86,41 @@ std::string TempDir::Write(const std::string& relative, const std::string& conte
     return file;
 }
 
+FakeInstallation::FakeInstallation(int exitCode, const std::string& printed)
+{
+    dir.Write("bin/auditctl",
+              "#!/bin/sh\n"
+              "log=\"$(dirname \"$0\")/../calls\"\n"
+              "[ -f \"$log\" ] || printf '%s\\n' \"$LD_LIBRARY_PATH\" > \"$log\"\n"
+              "for a in \"$@\"; do printf '[%s]' \"$a\" >> \"$log\"; done\n"
+              "printf '\\n' >> \"$log\"\n"
+              "echo '" + printed + "'\n"
+              "exit " + std::to_string(exitCode) + "\n",
+              0755);
+    setenv("HOSTWARDEN_HOME", dir.path().c_str(), 1);
+}
+
+FakeInstallation::~FakeInstallation()
+{
+    unsetenv("HOSTWARDEN_HOME");
+}
+
+std::string FakeInstallation::Calls() const
+{
+    std::ifstream in(dir.path() + "/calls");
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::vector<std::string> FakeInstallation::Commands() const
+{
+    std::vector<std::string> commands;
+    std::ifstream in(dir.path() + "/calls");
+    std::string line;
+    std::getline(in, line);  // the library path
+    while (std::getline(in, line)) {
+        commands.push_back(line);
+    }
+    return commands;
+}
+
 }  // namespace TestSupport

@@ -50,4 +50,17 @@ private:
     std::string path_;
 };
 
+/// An installation directory (HOSTWARDEN_HOME, for the life of the object) whose bin/auditctl
+/// records every call: its LD_LIBRARY_PATH once, then each call's arguments as [a][b]... lines.
+class FakeInstallation {
+public:
+    explicit FakeInstallation(int exitCode = 0, const std::string& printed = "printed-by-auditctl");
+    ~FakeInstallation();
+    /// Everything recorded so far.
+    std::string Calls() const;
+    /// The recorded argument lists, one per call.
+    std::vector<std::string> Commands() const;
+    TempDir dir;
+};
+
 }  // namespace TestSupport

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace Engine {
+
+/// One pair of a kernel system-call table.
+struct SyscallEntry {
+    int32_t number;
+    const char* name;
+};
+
+/// The kernel's x86_64 table, numbers 0 to 323 (generated, see tools/gen_syscall_tables.py).
+extern const SyscallEntry kSyscalls64[];
+extern const size_t kSyscalls64Count;
+/// The kernel's i386 table, numbers 0 to 374 (generated).
+extern const SyscallEntry kSyscalls32[];
+extern const size_t kSyscalls32Count;
+
+/// Process-wide lookup tables built from the generated pairs at load time. Lookups by name use
+/// insert-on-miss (operator[]): an unknown name is added with number 0. Touched only on the
+/// audit task's thread.
+extern std::map<std::string, int32_t> syscallNameToNumber64;
+extern std::map<int32_t, std::string> syscallNumberToName64;
+extern std::map<std::string, int32_t> syscallNameToNumber32;
+extern std::map<int32_t, std::string> syscallNumberToName32;
+
+}  // namespace Engine
