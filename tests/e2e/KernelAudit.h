@@ -1,0 +1,37 @@
+#pragma once
+
+#include <string>
+
+namespace E2E {
+
+/// Empty when this process can change kernel audit rules (root, auditd running and enabled);
+/// otherwise the reason it cannot, for the skip message.
+std::string WhyKernelAuditIsUnusable();
+
+/// The kernel's rule list as the system auditctl prints it.
+std::string ListKernelRules();
+
+/// Runs the system auditctl with args (no shell); returns its exit status.
+int SystemAuditctl(const std::string& args, std::string* output = nullptr);
+
+/// A temporary installation directory (HOSTWARDEN_HOME while it lives) holding our built
+/// auditctl as bin/auditctl, as the module finds it in a real installation.
+class TestInstallation {
+public:
+    TestInstallation();
+    ~TestInstallation();
+    const std::string& Home() const { return home_; }
+    /// Runs the installation's auditctl with args; returns its exit status.
+    int Auditctl(const std::string& args, std::string* output = nullptr) const;
+
+private:
+    std::string home_;
+};
+
+/// The marker every key made by the kernel tests contains, so cleanup can find them all.
+inline constexpr const char* kTestKeyMarker = "hwe2e";
+
+/// Removes every kernel rule whose key contains the test marker or the given foreign key.
+void RemoveTestRules(const std::string& foreignKey = "");
+
+}  // namespace E2E
