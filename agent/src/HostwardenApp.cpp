@@ -1,5 +1,6 @@
 #include "HostwardenApp.h"
 
+#include "DecodeCommand.h"
 #include "ParseCommand.h"
 
 #include "sdk/LoggerUtils.h"
@@ -54,10 +55,12 @@ void HostwardenApp::ShowHelp() const
     Poco::Util::HelpFormatter help(options());
     help.setCommand(commandName());
     help.setWidth(100);
-    help.setUsage("[OPTIONS] [run | parse [FILE]]");
+    help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE]]");
     help.setHeader("hostwarden: host-security agent.\n"
                    "  run (default)   load the modules of the installation and run until SIGINT or SIGTERM\n"
-                   "  parse [FILE]    print each audit event of FILE (or standard input) as one JSON line");
+                   "  parse [FILE]    print each audit event of FILE (or standard input) as one JSON line\n"
+                   "  decode [FILE]   assemble, decode and route audit log lines as the audit module does and\n"
+                   "                  print each decoded event as one JSON line");
     help.format(std::cout);
 }
 
@@ -74,6 +77,9 @@ int HostwardenApp::main(const std::vector<std::string>& args)
     }
     if (command == "parse") {
         return RunParseCommand(rest, std::cout, std::cerr);
+    }
+    if (command == "decode") {
+        return RunDecodeCommand(rest, std::cout, std::cerr);
     }
     std::cerr << "hostwarden: unknown command '" << command << "' (see --help)\n";
     return EXIT_USAGE;

@@ -11,6 +11,7 @@ namespace Agent {
 ///
 ///   hostwarden [run]          run the agent until SIGINT or SIGTERM
 ///   hostwarden parse [FILE]   print every audit event of a log as one JSON line
+///   hostwarden decode [FILE]  print every event the audit module decodes from a log
 class HostwardenApp : public Framework::Engine {
 protected:
     void initialize(Poco::Util::Application& self) override;

@@ -1,10 +1,13 @@
 #pragma once
 
+#include "AuditEvent.h"
 #include "AuditRoute.h"
 #include "AuditRule.h"
 
 #include <map>
+#include <memory>
 #include <string>
+#include <string_view>
 
 namespace Framework {
 class Task;
@@ -21,8 +24,9 @@ using SyscallRouteMap = std::multimap<int32_t, auditSyscallDest>;
 /// File-system routes by watched path (without trailing slash).
 using PathRouteMap = std::multimap<std::string, auditFileSystemDest>;
 
-/// The audit task's event machinery: the route table from system calls and paths to subscriber
-/// tasks. Used on the audit task's thread only.
+/// The audit task's event machinery: it assembles log lines into events, decodes them, and
+/// routes each to the subscribers whose routes and filters it matches. Used on the audit task's
+/// thread only; events leave it as shared, read-only AuditEvents inside AuditEventMessages.
 class AuditLog {
 public:
     /// owner sends the event messages; rules is the owner's registry. Either may be null in tests.
@@ -51,14 +55,80 @@ public:
     /// Empties all three tables.
     void CleanLogRoute();
 
+    // ---- record assembly ----
+    /// Takes one log line: collects the lines of an event and hands complete events on.
+    void HandleOneLineLog(const std::string& line);
+    /// Adds a collected record to the pending event. 1: line taken (or dropped), 2: end of event.
+    int PackLogs(std::string type, const std::string& line);
+    /// A poll found no new data: completes a pending event that never got its end record.
+    void HandleNoEofScenarios();
+    /// Puts back a rule of ours that was removed, or waits for the path of one the kernel refused.
+    void FixAuditConfigChange(const std::string& line);
+    /// Parses, decodes and delivers one event. 0 delivered, 1 no SYSCALL record, 2 nothing parsed.
+    int ParseAndDeliverLogs(const std::shared_ptr<AuditEvent>& event);
+
+    // ---- decoding ----
+    /// Fills the syscall part from the SYSCALL record; false without one.
+    bool setSyscallInfo(const std::shared_ptr<AuditEvent>& event);
+    /// Copies the EXECVE record's fields.
+    void setExecInfo(const std::shared_ptr<AuditEvent>& event);
+    /// Working directory, PATH records and access flags. 0 ok, 3 no CWD record, -1 a PATH failed.
+    int setFileSystemInfo(const std::shared_ptr<AuditEvent>& event);
+    /// Socket address family, IPv4 port and address or local socket path.
+    void setSockaddrInfo(const std::shared_ptr<AuditEvent>& event);
+    /// The CWD record's cwd (as written) into cwd; 3 when there is no CWD record, else 0.
+    int getCWD(const std::shared_ptr<AuditEvent>& event, std::string& cwd);
+    /// True for chmod, fchmod and fchmodat on the event's architecture.
+    bool IsChangeMode(const std::shared_ptr<AuditEvent>& event);
+
+    // ---- paths and containers ----
+    /// Builds and appends the AuditLogPath of one PATH record. 0, or -1 when the container
+    /// translation cannot convert the process ids.
+    int GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& event, const SDK::AuditFields& record,
+                                    const std::string& cwd);
+    /// Translates path.hostPath for a process in a container. 0, or -1 for unconvertible pids.
+    int LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, AuditLogPath& path);
+
+    // ---- delivery ----
+    /// Sends the event to every matching syscall route, then to every matching path route.
+    void DeliverEvent(std::shared_ptr<AuditEvent> event);
+    void DeliverSyscallEvent(const std::shared_ptr<AuditEvent>& event);
+    void DeliverFileSystemEvent(std::shared_ptr<AuditEvent> event);
+    /// True when the event passes the route's argument and process filters.
+    bool CheckSyscallInfo(auditSyscallDest* dest, const std::shared_ptr<AuditEvent>& event);
+    /// True when the event passes the route's access and process filters.
+    bool CheckFileEventInfo(auditFileSystemDest* dest, const std::shared_ptr<AuditEvent>& event);
+    /// Chooses the passing destinations registered under exactly path (one per task and tag).
+    void CheckFilepathAndDeliver(std::shared_ptr<AuditEvent> event, std::string path);
+    /// Sends one AuditEventMessage sharing the event to dest.
+    void DeliverTo(Framework::Task* dest, std::string tag, std::shared_ptr<AuditEvent> event);
+
     SyscallRouteMap syscallRoutes64;
     SyscallRouteMap syscallRoutes32;
     PathRouteMap pathRoutes;
 
 private:
+    // Moves the pending event into a shared pointer and runs ParseAndDeliverLogs on it.
+    void FinishPendingEvent();
+
     Framework::Task* owner_;
     AuditRules* rules_;
     std::map<std::string, auditFileSystemDest*> chosenFileDests_;  // per delivery, by task name + tag
+    std::unique_ptr<AuditEvent> pendingEvent_;                     // the event being collected
 };
+
+/// Decimal text to int32; -1 for empty, non-numeric or out-of-range text.
+int32_t DecimalOrMinusOne(std::string_view text);
+/// Hexadecimal text (optional leading blanks and "+") to int; 0 for anything invalid or at
+/// least 0x80000000.
+int getDecValueFromHex(const std::string& hex);
+/// Decodes pairs of hex digits into bytes (a lone last digit alone); invalid pairs give 0 bytes.
+std::string getStringValueFromHex(const std::string& hex);
+/// name made absolute against cwd, without normalisation; an empty name gives "".
+std::string getFilepath(const std::string& cwd, const std::string& name);
+/// The container id of a rule key whose second "***" piece starts with "cid:"; out unchanged otherwise.
+void getContainerId(const std::string& key, std::string& out);
+/// True when path lies below the directory prefix (path equal to prefix only when prefix ends in '/').
+bool StartsWith(const std::string& path, const std::string& prefix);
 
 }  // namespace Engine

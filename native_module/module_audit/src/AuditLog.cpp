@@ -3,9 +3,18 @@
 #include "AuditConstants.h"
 #include "AuditLogging.h"
 #include "AuditMessages.h"
+#include "AuditRules.h"
 #include "AuditUtil.h"
+#include "SyscallTables.h"
 
+#include "container/ContainerMetaInfo.h"
 #include "sdk/StrUtils.h"
+
+#include <cctype>
+#include <charconv>
+#include <climits>
+#include <cstdlib>
+#include <set>
 
 namespace Engine {
 
@@ -48,7 +57,7 @@ bool setPermission(auditFileSystemDest& dest, std::string& perm)
 
 AuditLog::AuditLog(Framework::Task* owner, AuditRules* rules) : owner_(owner), rules_(rules) {}
 
-AuditLog::~AuditLog() = default;
+AuditLog::~AuditLog() = default;  // a still-pending event is dropped undelivered
 
 SyscallRouteMap& AuditLog::GetSyscallMap(const SyscallRule& rule)
 {
@@ -208,6 +217,543 @@ void AuditLog::CleanLogRoute()
     syscallRoutes64.clear();
     syscallRoutes32.clear();
     pathRoutes.clear();
+}
+
+
+// ---------------------------------------------------------------------------------------------
+// Record assembly
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+bool IsCollectedType(const std::string& type)
+{
+    static const std::set<std::string> collected = {"SYSCALL", "PATH", "CWD", "SOCKADDR", "EXECVE", "EOE", "PROCTITLE"};
+    return collected.count(type) > 0;
+}
+
+}  // namespace
+
+void AuditLog::FinishPendingEvent()
+{
+    const std::shared_ptr<AuditEvent> event(std::move(pendingEvent_));
+    ParseAndDeliverLogs(event);
+}
+
+void AuditLog::HandleOneLineLog(const std::string& line)
+{
+    const std::string type = LinuxAuditUtil::GetField("type", line);
+    if (type == "CONFIG_CHANGE") {
+        FixAuditConfigChange(line);
+        AUDIT_CPU_CHECK(kAuditTaskName);
+        return;
+    }
+    AUDIT_CPU_CHECK(kAuditTaskName);
+    if (IsCollectedType(type)) {
+        if (PackLogs(type, line) == 2) {
+            if (!pendingEvent_) {
+                AUDIT_LOG_WARN("Find invalid audit log, finished but event is empty.");
+            } else {
+                FinishPendingEvent();
+            }
+        }
+    } else if (pendingEvent_ && !pendingEvent_->lines.empty()) {
+        // A record of another kind ends the event; the record itself is not ours.
+        FinishPendingEvent();
+    }
+    AUDIT_CPU_CHECK(kAuditTaskName);
+}
+
+int AuditLog::PackLogs(std::string type, const std::string& line)
+{
+    if (type == "SYSCALL") {
+        if (pendingEvent_) {
+            FinishPendingEvent();  // its end record never came
+        }
+        pendingEvent_ = std::make_unique<AuditEvent>();
+    }
+    if (type == "PROCTITLE" || type == "EOE") {
+        return 2;
+    }
+    if (pendingEvent_) {
+        pendingEvent_->lines.push_back(line);
+        return 1;
+    }
+    AUDIT_LOG_WARN("Find invalid audit msg(%s), have expect log but event is empty.", line);
+    return 1;
+}
+
+void AuditLog::HandleNoEofScenarios()
+{
+    if (pendingEvent_ && !pendingEvent_->lines.empty()) {
+        FinishPendingEvent();
+    }
+}
+
+void AuditLog::FixAuditConfigChange(const std::string& line)
+{
+    if (rules_ == nullptr) {
+        return;
+    }
+    const std::string op = LinuxAuditUtil::GetField("op", line);
+    if (op == "remove_rule") {
+        const std::string key = LinuxAuditUtil::GetField("key", line);
+        if (rules_->RuleExists(key)) {
+            rules_->ReAddRule(key);  // someone else removed a rule of ours: put it back
+        }
+    } else if (op == "add_rule" && LinuxAuditUtil::GetField("res", line) == "0") {
+        const std::string key = LinuxAuditUtil::GetField("key", line);
+        if (rules_->RuleExists(key) && !rules_->AuditctlRuleExist(key)) {
+            rules_->AddToScanFilePath(key);  // install it once its path exists
+        }
+    }
+}
+
+int AuditLog::ParseAndDeliverLogs(const std::shared_ptr<AuditEvent>& event)
+{
+    SDK::AuditParser parser;
+    for (const std::string& line : event->lines) {
+        parser.FeedLine(line);
+    }
+    parser.Flush();
+    AUDIT_CPU_CHECK(kAuditTaskName);
+    std::vector<SDK::AuditEvent> parsed = parser.TakeEvents();
+    if (parsed.empty()) {
+        AUDIT_LOG_WARN("Find parse audit log invalid.");
+        return 2;
+    }
+    AUDIT_CPU_CHECK(kAuditTaskName);
+    event->parsedEvent = std::move(parsed.front());
+    if (!setSyscallInfo(event)) {
+        AUDIT_LOG_WARN("Find parse audit log invalid, not find SYSCALL.");
+        return 1;
+    }
+    setExecInfo(event);
+    setFileSystemInfo(event);
+    setSockaddrInfo(event);
+    if (event->family != 0) {
+        AUDIT_LOG_DEBUG("sockaddr family is %d, port is %d, saddr is %s", static_cast<int>(event->family),
+                        static_cast<int>(event->port), event->saddr);
+    }
+    AUDIT_CPU_CHECK(kAuditTaskName);
+    DeliverEvent(event);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Decoding
+// ---------------------------------------------------------------------------------------------
+
+int32_t DecimalOrMinusOne(std::string_view text)
+{
+    int32_t value = -1;
+    const char* end = text.data() + text.size();
+    const auto [at, error] = std::from_chars(text.data(), end, value);
+    return text.empty() || error != std::errc() || at != end ? -1 : value;
+}
+
+int getDecValueFromHex(const std::string& hex)
+{
+    size_t i = 0;
+    while (i < hex.size() && std::isspace(static_cast<unsigned char>(hex[i])) != 0) {
+        ++i;
+    }
+    if (i < hex.size() && hex[i] == '+') {
+        ++i;
+    }
+    if (i == hex.size()) {
+        return 0;
+    }
+    uint32_t value = 0;
+    for (; i < hex.size(); ++i) {
+        const char c = hex[i];
+        uint32_t digit = 0;
+        if (c >= '0' && c <= '9') {
+            digit = static_cast<uint32_t>(c - '0');
+        } else if (c >= 'a' && c <= 'f') {
+            digit = static_cast<uint32_t>(c - 'a' + 10);
+        } else if (c >= 'A' && c <= 'F') {
+            digit = static_cast<uint32_t>(c - 'A' + 10);
+        } else {
+            return 0;
+        }
+        if (value > 0x7ffffffU) {
+            return 0;  // another digit would pass 31 bits
+        }
+        value = value * 16 + digit;
+    }
+    return value >= 0x80000000U ? 0 : static_cast<int>(value);
+}
+
+std::string getStringValueFromHex(const std::string& hex)
+{
+    std::string text;
+    text.reserve(hex.size() / 2 + 1);
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        text.push_back(static_cast<char>(getDecValueFromHex(hex.substr(i, 2))));
+    }
+    return text;
+}
+
+bool AuditLog::setSyscallInfo(const std::shared_ptr<AuditEvent>& event)
+{
+    SDK::AuditFields* record = event->parsedEvent.FindRecord("SYSCALL");
+    if (record == nullptr) {
+        return false;
+    }
+    event->syscall = DecimalOrMinusOne(record->View("syscall"));
+    event->ppid = record->Get("ppid");
+    event->pid = record->Get("pid");
+    event->exit = record->Get("exit");
+    event->success = record->Get("success");
+    event->arch = record->Get("arch");
+    event->a0 = record->Get("a0");
+    event->a1 = record->Get("a1");
+    event->a2 = record->Get("a2");
+    event->a3 = record->Get("a3");
+    event->key = record->Get("key");
+    event->items = DecimalOrMinusOne(record->View("items"));
+    // A quoted value is plain text; an unquoted one is the audit system's hex encoding of a text
+    // with special characters. The decoded text goes back into the record too.
+    for (const char* name : {"exe", "comm"}) {
+        std::string value = record->Get(name);
+        if (!LinuxAuditUtil::TrimQuotation(value)) {
+            value = getStringValueFromHex(value);
+        }
+        record->Set(name, value);
+    }
+    event->exe = record->Get("exe");
+    event->comm = record->Get("comm");
+    return true;
+}
+
+void AuditLog::setExecInfo(const std::shared_ptr<AuditEvent>& event)
+{
+    if (const SDK::AuditFields* record = event->parsedEvent.FindRecord("EXECVE")) {
+        event->isExecve = true;
+        event->execveFields = *record;
+    }
+}
+
+int AuditLog::getCWD(const std::shared_ptr<AuditEvent>& event, std::string& cwd)
+{
+    const SDK::AuditFields* record = event->parsedEvent.FindRecord("CWD");
+    if (record == nullptr) {
+        return 3;
+    }
+    if (record->Has("cwd")) {
+        cwd = record->Get("cwd");
+    }
+    return 0;
+}
+
+bool AuditLog::IsChangeMode(const std::shared_ptr<AuditEvent>& event)
+{
+    const auto& table = event->arch == "c000003e" ? syscallNameToNumber64 : syscallNameToNumber32;
+    for (const char* name : {"chmod", "fchmod", "fchmodat"}) {
+        const auto it = table.find(name);
+        if (it != table.end() && it->second == event->syscall) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int AuditLog::setFileSystemInfo(const std::shared_ptr<AuditEvent>& event)
+{
+    std::string cwd;
+    const int found = getCWD(event, cwd);
+    LinuxAuditUtil::TrimQuotation(cwd);
+    event->cwd = cwd;
+    if (found == 3) {
+        return 3;
+    }
+    for (const SDK::AuditFields* record : event->parsedEvent.FindRecords("PATH")) {
+        if (GenerateLogPathForOneRecord(event, *record, event->cwd) != 0) {
+            return -1;
+        }
+    }
+    // A single-object call counts as a read (or an attribute change for chmod), a call touching
+    // several objects as a write.
+    if (event->items == 1) {
+        if (IsChangeMode(event)) {
+            event->attributeChange = true;
+        } else {
+            event->read = true;
+        }
+    } else {
+        event->write = true;
+    }
+    if (event->isExecve) {
+        event->execute = true;
+    }
+    return 0;
+}
+
+void AuditLog::setSockaddrInfo(const std::shared_ptr<AuditEvent>& event)
+{
+    const SDK::AuditFields* record = event->parsedEvent.FindRecord("SOCKADDR");
+    if (record == nullptr) {
+        AUDIT_LOG_TRACE("not found sockaddr record");
+        return;
+    }
+    if (!record->Has("saddr")) {
+        AUDIT_LOG_TRACE("not found saddr field");
+        return;
+    }
+    const std::string hex = record->Get("saddr");
+    AUDIT_LOG_TRACE("saddr is %s, saddr len is %d", hex, static_cast<int>(hex.size()));
+    const auto family = static_cast<uint16_t>(getDecValueFromHex(hex.substr(0, 4)));
+    event->family = static_cast<uint16_t>((family >> 8) | (family << 8));  // stored little-endian
+    if (event->family == 2 && hex.size() >= 16) {
+        event->port = static_cast<uint16_t>(getDecValueFromHex(hex.substr(4, 4)));  // network order
+        event->saddr = std::to_string(getDecValueFromHex(hex.substr(8, 2))) + "." +
+                       std::to_string(getDecValueFromHex(hex.substr(10, 2))) + "." +
+                       std::to_string(getDecValueFromHex(hex.substr(12, 2))) + "." +
+                       std::to_string(getDecValueFromHex(hex.substr(14, 2)));
+    } else if (event->family == 1 && hex.size() <= 220) {
+        char path[110] = {0};  // sun_path and its terminator
+        size_t length = 0;
+        for (size_t i = 4; i < hex.size() && length < sizeof(path) - 1; i += 2) {
+            const char byte = static_cast<char>(getDecValueFromHex(hex.substr(i, 2)));
+            path[length++] = byte;
+            if (byte == '\0') {
+                break;
+            }
+        }
+        event->saddr = path;  // up to the first zero byte: an abstract name gives ""
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Paths and containers
+// ---------------------------------------------------------------------------------------------
+
+std::string getFilepath(const std::string& cwd, const std::string& name)
+{
+    if (name.empty()) {
+        return {};
+    }
+    if (name.front() == '/') {
+        return name;
+    }
+    return cwd + "/" + name;
+}
+
+void getContainerId(const std::string& key, std::string& out)
+{
+    const std::vector<std::string> pieces = SDK::StrUtils::Split(key, "***");
+    if (pieces.size() >= 3 && SDK::StrUtils::StartWith(pieces[1], "cid:")) {
+        out = pieces[1].substr(4);
+    }
+}
+
+bool StartsWith(const std::string& path, const std::string& prefix)
+{
+    if (!SDK::StrUtils::StartWith(path, prefix)) {
+        return false;
+    }
+    if (!prefix.empty() && prefix.back() == '/') {
+        return true;
+    }
+    return path.size() > prefix.size() && path[prefix.size()] == '/';
+}
+
+int AuditLog::GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& event, const SDK::AuditFields& record,
+                                          const std::string& cwd)
+{
+    AuditLogPath path;
+    path.ouid = record.Get("ouid");
+    path.ogid = record.Get("ogid");
+    path.rdev = record.Get("rdev");
+    path.dev = record.Get("dev");
+    path.inode = record.Get("inode");
+    path.mode = record.Get("mode");
+    path.nametype = record.Has("objtype") ? record.Get("objtype") : record.Get("nametype");
+    path.name = record.Get("name");
+    LinuxAuditUtil::TrimQuotation(path.name);  // a hex-encoded name stays hex, unlike exe
+    path.path = getFilepath(cwd, path.name);
+    path.hostPath = path.path;
+    if (LogPathProcForContainer(event, path) != 0) {
+        return -1;
+    }
+    char resolved[PATH_MAX] = {0};
+    if (!path.hostPath.empty() && realpath(path.hostPath.c_str(), resolved) != nullptr) {
+        path.hostPath = resolved;  // a deleted file keeps its unresolved path
+    }
+    if (path.nametype == "CREATE" && rules_ != nullptr && pathRoutes.count(path.hostPath) > 0) {
+        rules_->ReAddRuleForFile(path.hostPath);  // a watch that waited for this file
+    }
+    path.item = DecimalOrMinusOne(record.View("item"));
+    event->paths.push_back(std::move(path));
+    return 0;
+}
+
+int AuditLog::LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, AuditLogPath& path)
+{
+    Framework::ContainerMetaInfo* provider = LinuxAuditUtil::GetContainerMeta();
+    if (provider == nullptr) {
+        return 0;
+    }
+    const int32_t ppid = DecimalOrMinusOne(event->ppid);
+    const int32_t pid = DecimalOrMinusOne(event->pid);
+    if ((ppid == -1 && event->ppid != "-1") || (pid == -1 && event->pid != "-1")) {
+        return -1;
+    }
+    std::string id;
+    getContainerId(event->key, id);
+    std::shared_ptr<Framework::ContainerInfo> info;
+    if (id.empty()) {
+        if ((provider->GetContainerInfoByPid(ppid, info) || provider->GetContainerInfoByPid(pid, info)) && info) {
+            AUDIT_LOG_TRACE("got a process in container, containerid %s, pid %d, ppid %d", info->id, pid, ppid);
+            id = info->id;
+        }
+        if (id.empty()) {
+            return 0;
+        }
+    }
+    info.reset();
+    if (!provider->GetContainerInfoById(id, info) || !info) {
+        return 0;
+    }
+    AUDIT_LOG_TRACE("got containerinfo");
+    for (const Framework::MountPoint& mount : info->mounts) {
+        AUDIT_LOG_TRACE("path %s, mount %s", path.path, mount.destination);
+        if (StartsWith(path.path, mount.destination)) {
+            path.hostPath = mount.source + path.path.substr(mount.destination.size());
+            return 0;
+        }
+    }
+    path.hostPath = info->rootPath + path.hostPath;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Delivery
+// ---------------------------------------------------------------------------------------------
+
+void AuditLog::DeliverEvent(std::shared_ptr<AuditEvent> event)
+{
+    DeliverSyscallEvent(event);
+    DeliverFileSystemEvent(std::move(event));
+}
+
+bool AuditLog::CheckSyscallInfo(auditSyscallDest* dest, const std::shared_ptr<AuditEvent>& event)
+{
+    if (dest->hasFilter != 0) {
+        const std::pair<const std::string*, const std::string*> filters[] = {
+            {&dest->exit, &event->exit}, {&dest->success, &event->success}, {&dest->a0, &event->a0},
+            {&dest->a1, &event->a1},     {&dest->a2, &event->a2},           {&dest->a3, &event->a3}};
+        for (const auto& [wanted, actual] : filters) {
+            if (!wanted->empty() && *wanted != *actual) {
+                return false;
+            }
+        }
+    }
+    if (dest->pids.empty() && dest->ppids.empty()) {
+        return true;
+    }
+    return dest->pids.count(event->pid) > 0 || dest->ppids.count(event->ppid) > 0;
+}
+
+bool AuditLog::CheckFileEventInfo(auditFileSystemDest* dest, const std::shared_ptr<AuditEvent>& event)
+{
+    // Passes when one access kind is the same on both sides, set or clear alike.
+    const bool sameSomewhere = (dest->read != 0) == event->read || (dest->write != 0) == event->write ||
+                               (dest->exec != 0) == event->execute || (dest->attr != 0) == event->attributeChange;
+    if (!sameSomewhere) {
+        return false;
+    }
+    if (dest->pids.empty() && dest->ppids.empty()) {
+        return true;
+    }
+    return dest->pids.count(event->pid) > 0 || dest->ppids.count(event->ppid) > 0;
+}
+
+void AuditLog::DeliverSyscallEvent(const std::shared_ptr<AuditEvent>& event)
+{
+    SyscallRouteMap& routes = event->arch == "c000003e" ? syscallRoutes64 : syscallRoutes32;
+    AUDIT_LOG_TRACE("syscall arch is %s", event->arch);
+    auto [it, end] = routes.equal_range(event->syscall);
+    for (; it != end; ++it) {
+        AUDIT_CPU_CHECK(kAuditTaskName);
+        AUDIT_LOG_TRACE("got dest and start check %d", event->syscall);
+        auditSyscallDest& dest = it->second;
+        if (!CheckSyscallInfo(&dest, event)) {
+            continue;
+        }
+        for (const std::string& line : event->lines) {
+            AUDIT_LOG_TRACE("deliver syscall audit event to %s %s %s", NameOf(dest.task), dest.tag, line);
+        }
+        DeliverTo(dest.task, dest.tag, event);
+    }
+}
+
+void AuditLog::DeliverFileSystemEvent(std::shared_ptr<AuditEvent> event)
+{
+    chosenFileDests_.clear();
+    for (const AuditLogPath& record : event->paths) {
+        AUDIT_CPU_CHECK(kAuditTaskName);
+        if (record.nametype == "PARENT") {
+            continue;
+        }
+        std::string path = record.hostPath;
+        AUDIT_LOG_TRACE("trying to distribute filesystem event hostpath is %s, ppid is %s", path, event->ppid);
+        if (path.empty()) {
+            continue;
+        }
+        // The path and each of its ancestors; "/" last, for absolute paths only.
+        bool reachedRoot = false;
+        for (;;) {
+            AUDIT_CPU_CHECK(kAuditTaskName);
+            CheckFilepathAndDeliver(event, path);
+            const size_t slash = path.rfind('/');
+            if (slash == std::string::npos) {
+                break;
+            }
+            if (slash == 0) {
+                reachedRoot = true;
+                break;
+            }
+            path.resize(slash);
+        }
+        if (reachedRoot) {
+            CheckFilepathAndDeliver(event, "/");
+        }
+    }
+    for (const auto& [key, dest] : chosenFileDests_) {
+        AUDIT_CPU_CHECK(kAuditTaskName);
+        for (const std::string& line : event->lines) {
+            AUDIT_LOG_TRACE("deliver filesystem audit event to %s %s", NameOf(dest->task), line);
+        }
+        DeliverTo(dest->task, dest->tag, event);
+    }
+}
+
+void AuditLog::CheckFilepathAndDeliver(std::shared_ptr<AuditEvent> event, std::string path)
+{
+    auto [it, end] = pathRoutes.equal_range(path);
+    for (; it != end; ++it) {
+        AUDIT_CPU_CHECK(kAuditTaskName);
+        auditFileSystemDest& dest = it->second;
+        if (!CheckFileEventInfo(&dest, event)) {
+            continue;
+        }
+        // One message per task and tag, however many paths and ancestors match.
+        chosenFileDests_.emplace(NameOf(dest.task) + dest.tag, &dest);
+    }
+}
+
+void AuditLog::DeliverTo(Framework::Task* dest, std::string tag, std::shared_ptr<AuditEvent> event)
+{
+    auto* message = new AuditEventMessage;
+    message->event = std::move(event);
+    message->tag = std::move(tag);
+    if (owner_ == nullptr) {
+        delete message;  // nothing to send with
+        return;
+    }
+    owner_->SendAgileMsg(dest, message);
 }
 
 }  // namespace Engine
