@@ -7,13 +7,9 @@
 #include <gtest/gtest.h>
 
 using namespace Engine;
+using TestSupport::NamedTask;
 
 namespace {
-
-class NamedTask : public Framework::Task {
-public:
-    explicit NamedTask(const std::string& name) : Framework::Task(name, "test", Framework::TaskCondition::kLoop, 8) {}
-};
 
 AuditSyscallCtrlMessage SyscallMsg(Framework::Task* sender, const std::string& tag, const std::string& text,
                                    SyscallRule& rule)

@@ -9,14 +9,10 @@
 #include <unistd.h>
 
 using namespace Engine;
+using TestSupport::NamedTask;
 using TestSupport::FakeInstallation;
 
 namespace {
-
-class NamedTask : public Framework::Task {
-public:
-    explicit NamedTask(const std::string& name) : Framework::Task(name, "test", Framework::TaskCondition::kLoop, 8) {}
-};
 
 struct SyscallSub {
     AuditSyscallCtrlMessage msg;

@@ -123,4 +123,49 @@ std::vector<std::string> FakeInstallation::Commands() const
     return commands;
 }
 
+Subscriber::Subscriber(const std::string& name, size_t capacity)
+    : Framework::Task(name, "test", Framework::TaskCondition::kLoop, capacity)
+{
+}
+
+int Subscriber::Receive(const Engine::AuditEventMessage& msg)
+{
+    received.emplace_back(msg.tag, msg.event);
+    return 0;
+}
+
+const std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>>& Subscriber::Drain()
+{
+    while (BulkConsumeMsg(1024) > 0) {
+    }
+    return received;
+}
+
+std::vector<std::string> ReadLines(const std::string& path)
+{
+    std::ifstream in(path);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string FixturesDir()
+{
+    return std::string(HW_SOURCE_DIR) + "/tests/fixtures/";
+}
+
+std::vector<std::string> EventLines(const std::string& capture, unsigned long serial)
+{
+    const std::string stamp = ":" + std::to_string(serial) + "):";
+    std::vector<std::string> lines;
+    for (const std::string& line : ReadLines(FixturesDir() + capture)) {
+        if (line.find(stamp) != std::string::npos) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
 }  // namespace TestSupport

@@ -4,6 +4,9 @@
 #include <Poco/Channel.h>
 #include <Poco/Message.h>
 
+#include "AuditMessages.h"
+
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -62,5 +65,28 @@ public:
     std::vector<std::string> Commands() const;
     TempDir dir;
 };
+
+/// A subscriber task that keeps every AuditEventMessage it receives (call Drain to dispatch).
+class Subscriber : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
+public:
+    explicit Subscriber(const std::string& name = "sub_task", size_t capacity = 4096);
+    int Receive(const Engine::AuditEventMessage& msg) override;
+    /// Dispatches everything queued; returns the messages received so far.
+    const std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>>& Drain();
+    std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>> received;  ///< (tag, event)
+};
+
+/// A plain task, for senders and owners.
+class NamedTask : public Framework::Task {
+public:
+    explicit NamedTask(const std::string& name) : Framework::Task(name, "test", Framework::TaskCondition::kLoop, 64) {}
+};
+
+/// The lines of a file, without newlines.
+std::vector<std::string> ReadLines(const std::string& path);
+/// The project's capture fixtures directory, ending in "/".
+std::string FixturesDir();
+/// The lines of the capture whose stamp has this serial, in file order.
+std::vector<std::string> EventLines(const std::string& capture, unsigned long serial);
 
 }  // namespace TestSupport
