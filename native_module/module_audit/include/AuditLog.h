@@ -31,7 +31,7 @@ class AuditLog {
 public:
     /// owner sends the event messages; rules is the owner's registry. Either may be null in tests.
     AuditLog(Framework::Task* owner, AuditRules* rules);
-    ~AuditLog();
+    virtual ~AuditLog();
     AuditLog(const AuditLog&) = delete;
     AuditLog& operator=(const AuditLog&) = delete;
 
@@ -57,11 +57,12 @@ public:
 
     // ---- record assembly ----
     /// Takes one log line: collects the lines of an event and hands complete events on.
-    void HandleOneLineLog(const std::string& line);
+    /// (Virtual, like HandleNoEofScenarios, so a test can watch what the log reader hands over.)
+    virtual void HandleOneLineLog(const std::string& line);
     /// Adds a collected record to the pending event. 1: line taken (or dropped), 2: end of event.
     int PackLogs(std::string type, const std::string& line);
     /// A poll found no new data: completes a pending event that never got its end record.
-    void HandleNoEofScenarios();
+    virtual void HandleNoEofScenarios();
     /// Puts back a rule of ours that was removed, or waits for the path of one the kernel refused.
     void FixAuditConfigChange(const std::string& line);
     /// Parses, decodes and delivers one event. 0 delivered, 1 no SYSCALL record, 2 nothing parsed.
