@@ -1,3 +1,4 @@
+#include "DecodeCommand.h"
 #include "ParseCommand.h"
 
 #include <gtest/gtest.h>
@@ -16,12 +17,14 @@ std::string ReadFile(const std::string& path)
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// Compares the parse output of a capture with its golden file. HW_UPDATE_GOLDEN=1 rewrites it.
-void ExpectGolden(const std::string& capture, const std::string& golden)
+using Command = int (*)(const std::vector<std::string>&, std::ostream&, std::ostream&);
+
+// Compares a command's output for a capture with its golden file. HW_UPDATE_GOLDEN=1 rewrites it.
+void ExpectGolden(const std::string& capture, const std::string& golden, Command command = Agent::RunParseCommand)
 {
     std::ostringstream out;
     std::ostringstream err;
-    EXPECT_EQ(Agent::RunParseCommand({kFixtures + capture}, out, err), 0) << err.str();
+    EXPECT_EQ(command({kFixtures + capture}, out, err), 0) << err.str();
     EXPECT_EQ(err.str(), "");
     if (std::getenv("HW_UPDATE_GOLDEN") != nullptr) {
         std::ofstream(kGolden + golden) << out.str();
@@ -54,4 +57,20 @@ TEST(ParseCommand, ReportsBadLinesByNumberAndSaysSoInItsStatus)
     std::remove(path.c_str());
 
     EXPECT_EQ(Agent::RunParseCommand({"/no/such/log"}, out, err), 2);
+}
+
+// The module's own assembly, decoding and delivery over whole real captures. Events that the
+// assembly rules drop (an execve closed early by its BPRM_FCAPS record) are absent by design.
+TEST(DecodeCommand, PrintsEveryDeliveredEventOfARealCaptureAsItsGoldenJson)
+{
+    ExpectGolden("kernel-6.18-raw.log", "decode-kernel-6.18-raw.jsonl", Agent::RunDecodeCommand);
+    ExpectGolden("kernel-6.18-enriched.log", "decode-kernel-6.18-enriched.jsonl", Agent::RunDecodeCommand);
+}
+
+TEST(DecodeCommand, AnUnreadableFileIsAnError)
+{
+    std::ostringstream out;
+    std::ostringstream err;
+    EXPECT_EQ(Agent::RunDecodeCommand({"/no/such/log"}, out, err), 2);
+    EXPECT_NE(err.str().find("cannot read"), std::string::npos);
 }
