@@ -94,13 +94,13 @@ public:
     /// Sends the event to every matching syscall route, then to every matching path route.
     void DeliverEvent(std::shared_ptr<AuditEvent> event);
     void DeliverSyscallEvent(const std::shared_ptr<AuditEvent>& event);
-    void DeliverFileSystemEvent(std::shared_ptr<AuditEvent> event);
+    void DeliverFileSystemEvent(const std::shared_ptr<AuditEvent>& event);
     /// True when the event passes the route's argument and process filters.
     bool CheckSyscallInfo(auditSyscallDest* dest, const std::shared_ptr<AuditEvent>& event);
     /// True when the event passes the route's access and process filters.
     bool CheckFileEventInfo(auditFileSystemDest* dest, const std::shared_ptr<AuditEvent>& event);
     /// Chooses the passing destinations registered under exactly path (one per task and tag).
-    void CheckFilepathAndDeliver(std::shared_ptr<AuditEvent> event, std::string path);
+    void CheckFilepathAndDeliver(const std::shared_ptr<AuditEvent>& event, const std::string& path);
     /// Sends one AuditEventMessage sharing the event to dest.
     void DeliverTo(Framework::Task* dest, std::string tag, std::shared_ptr<AuditEvent> event);
 
@@ -115,7 +115,9 @@ private:
     Framework::Task* owner_;
     AuditRules* rules_;
     std::map<std::string, auditFileSystemDest*> chosenFileDests_;  // per delivery, by task name + tag
-    std::unique_ptr<AuditEvent> pendingEvent_;                     // the event being collected
+    // The event being collected. Only this member refers to it until it is handed on (moved);
+    // it is made shared from the start so handing it on needs no second allocation.
+    std::shared_ptr<AuditEvent> pendingEvent_;
 };
 
 /// Decimal text to int32; -1 for empty, non-numeric or out-of-range text.

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace Framework {
 class ContainerMetaInfo;
@@ -47,6 +48,9 @@ public:
     /// Trims text and blanks a leading and a trailing double quote; true when a leading one was
     /// removed (only then is the text trimmed again).
     static bool TrimQuotation(std::string& text);
+    /// What TrimQuotation makes of raw, as a new text; opened (when given) tells whether a
+    /// leading quote was removed.
+    static std::string UnquotedText(std::string_view raw, bool* opened = nullptr);
     /// Drops prefix from the start of text when it is there.
     static void TrimPrefix(std::string& text, const std::string& prefix);
     /// "0x..." loses its prefix (digits unchanged); a decimal 32-bit integer becomes lower-case

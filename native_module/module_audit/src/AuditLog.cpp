@@ -14,7 +14,6 @@
 #include <charconv>
 #include <climits>
 #include <cstdlib>
-#include <set>
 
 namespace Engine {
 
@@ -226,17 +225,25 @@ void AuditLog::CleanLogRoute()
 
 namespace {
 
+// The record types assembly collects: SYSCALL, PATH, CWD, SOCKADDR, EXECVE, EOE, PROCTITLE.
 bool IsCollectedType(const std::string& type)
 {
-    static const std::set<std::string> collected = {"SYSCALL", "PATH", "CWD", "SOCKADDR", "EXECVE", "EOE", "PROCTITLE"};
-    return collected.count(type) > 0;
+    switch (type.size()) {
+    case 3: return type == "CWD" || type == "EOE";
+    case 4: return type == "PATH";
+    case 6: return type == "EXECVE";
+    case 7: return type == "SYSCALL";
+    case 8: return type == "SOCKADDR";
+    case 9: return type == "PROCTITLE";
+    default: return false;
+    }
 }
 
 }  // namespace
 
 void AuditLog::FinishPendingEvent()
 {
-    const std::shared_ptr<AuditEvent> event(std::move(pendingEvent_));
+    const std::shared_ptr<AuditEvent> event = std::move(pendingEvent_);
     ParseAndDeliverLogs(event);
 }
 
@@ -270,7 +277,8 @@ int AuditLog::PackLogs(std::string type, const std::string& line)
         if (pendingEvent_) {
             FinishPendingEvent();  // its end record never came
         }
-        pendingEvent_ = std::make_unique<AuditEvent>();
+        pendingEvent_ = std::make_shared<AuditEvent>();
+        pendingEvent_->lines.reserve(8);
     }
     if (type == "PROCTITLE" || type == "EOE") {
         return 2;
@@ -352,7 +360,9 @@ int32_t DecimalOrMinusOne(std::string_view text)
     return text.empty() || error != std::errc() || at != end ? -1 : value;
 }
 
-int getDecValueFromHex(const std::string& hex)
+namespace {
+
+int DecValueFromHex(std::string_view hex)
 {
     size_t i = 0;
     while (i < hex.size() && std::isspace(static_cast<unsigned char>(hex[i])) != 0) {
@@ -385,14 +395,92 @@ int getDecValueFromHex(const std::string& hex)
     return value >= 0x80000000U ? 0 : static_cast<int>(value);
 }
 
-std::string getStringValueFromHex(const std::string& hex)
+std::string StringValueFromHex(std::string_view hex)
 {
     std::string text;
     text.reserve(hex.size() / 2 + 1);
     for (size_t i = 0; i < hex.size(); i += 2) {
-        text.push_back(static_cast<char>(getDecValueFromHex(hex.substr(i, 2))));
+        text.push_back(static_cast<char>(DecValueFromHex(hex.substr(i, 2))));
     }
     return text;
+}
+
+// Quotes removed when the value is quoted; otherwise the audit system's hex encoding, decoded.
+std::string UnquotedOrHexDecoded(std::string_view raw)
+{
+    bool opened = false;
+    std::string value = LinuxAuditUtil::UnquotedText(raw, &opened);
+    return opened ? value : StringValueFromHex(value);
+}
+
+// The quoted text of raw without its quotes, when raw is exactly "...": a view into raw itself.
+bool PlainQuoted(std::string_view raw, std::string_view& inner)
+{
+    if (raw.size() < 2 || raw.front() != '"' || raw.back() != '"' ||
+        raw.find_first_of(" \t\r\n\v\f") != std::string_view::npos) {
+        return false;
+    }
+    inner = raw.substr(1, raw.size() - 2);
+    return true;
+}
+
+// The SYSCALL fields decoding reads, by position.
+enum SyscallField { kSyscall, kItems, kPpid, kPid, kExit, kSuccess, kArch, kA0, kA1, kA2, kA3, kKey, kExe, kComm,
+                    kSyscallFieldCount };
+
+int SyscallFieldSlot(std::string_view name)
+{
+    switch (name.size()) {
+    case 2:
+        if (name[0] == 'a' && name[1] >= '0' && name[1] <= '3') {
+            return kA0 + (name[1] - '0');
+        }
+        return -1;
+    case 3:
+        return name == "pid" ? kPid : name == "key" ? kKey : name == "exe" ? kExe : -1;
+    case 4:
+        return name == "ppid" ? kPpid : name == "exit" ? kExit : name == "arch" ? kArch : name == "comm" ? kComm : -1;
+    case 5:
+        return name == "items" ? kItems : -1;
+    case 7:
+        return name == "syscall" ? kSyscall : name == "success" ? kSuccess : -1;
+    default:
+        return -1;
+    }
+}
+
+// The PATH fields decoding reads, by position.
+enum PathField { kOuid, kOgid, kRdev, kDev, kInode, kMode, kName, kItem, kNametype, kObjtype, kPathFieldCount };
+
+int PathFieldSlot(std::string_view name)
+{
+    switch (name.size()) {
+    case 3:
+        return name == "dev" ? kDev : -1;
+    case 4:
+        return name == "ouid" ? kOuid : name == "ogid" ? kOgid : name == "rdev" ? kRdev : name == "mode" ? kMode
+               : name == "name" ? kName : name == "item" ? kItem : -1;
+    case 5:
+        return name == "inode" ? kInode : -1;
+    case 7:
+        return name == "objtype" ? kObjtype : -1;
+    case 8:
+        return name == "nametype" ? kNametype : -1;
+    default:
+        return -1;
+    }
+}
+
+}  // namespace
+
+int getDecValueFromHex(const std::string& hex)
+{
+    return DecValueFromHex(hex);
+}
+
+std::string getStringValueFromHex(const std::string& hex)
+{
+    return StringValueFromHex(hex);
 }
 
 bool AuditLog::setSyscallInfo(const std::shared_ptr<AuditEvent>& event)
@@ -401,29 +489,45 @@ bool AuditLog::setSyscallInfo(const std::shared_ptr<AuditEvent>& event)
     if (record == nullptr) {
         return false;
     }
-    event->syscall = DecimalOrMinusOne(record->View("syscall"));
-    event->ppid = record->Get("ppid");
-    event->pid = record->Get("pid");
-    event->exit = record->Get("exit");
-    event->success = record->Get("success");
-    event->arch = record->Get("arch");
-    event->a0 = record->Get("a0");
-    event->a1 = record->Get("a1");
-    event->a2 = record->Get("a2");
-    event->a3 = record->Get("a3");
-    event->key = record->Get("key");
-    event->items = DecimalOrMinusOne(record->View("items"));
-    // A quoted value is plain text; an unquoted one is the audit system's hex encoding of a text
-    // with special characters. The decoded text goes back into the record too.
-    for (const char* name : {"exe", "comm"}) {
-        std::string value = record->Get(name);
-        if (!LinuxAuditUtil::TrimQuotation(value)) {
-            value = getStringValueFromHex(value);
+    // One pass over the record; a repeated name keeps its first value, as lookups do.
+    std::string_view views[kSyscallFieldCount];
+    bool seen[kSyscallFieldCount] = {};
+    for (const auto& [name, value] : *record) {
+        const int slot = SyscallFieldSlot(name);
+        if (slot >= 0 && !seen[slot]) {
+            seen[slot] = true;
+            views[slot] = value;
         }
-        record->Set(name, value);
     }
-    event->exe = record->Get("exe");
-    event->comm = record->Get("comm");
+    std::string* const members[] = {nullptr,      nullptr,     &event->ppid, &event->pid, &event->exit,
+                                    &event->success, &event->arch, &event->a0, &event->a1, &event->a2,
+                                    &event->a3,   &event->key};
+    for (int slot = kPpid; slot <= kKey; ++slot) {
+        members[slot]->assign(views[slot]);
+    }
+    const std::string_view syscall = views[kSyscall];
+    const std::string_view items = views[kItems];
+    const std::string_view exe = views[kExe];
+    const std::string_view comm = views[kComm];
+    event->syscall = DecimalOrMinusOne(syscall);
+    event->items = DecimalOrMinusOne(items);
+    // The decoded texts go back into the record too. A plainly quoted value (the usual case) is
+    // the record's own text without its quotes, so the record just points at it.
+    std::string_view inner;
+    if (PlainQuoted(exe, inner)) {
+        event->exe.assign(inner);
+        record->Set("exe", inner);
+    } else {
+        event->exe = UnquotedOrHexDecoded(exe);
+        record->Set("exe", event->exe);
+    }
+    if (PlainQuoted(comm, inner)) {
+        event->comm.assign(inner);
+        record->Set("comm", inner);
+    } else {
+        event->comm = UnquotedOrHexDecoded(comm);
+        record->Set("comm", event->comm);
+    }
     return true;
 }
 
@@ -468,7 +572,9 @@ int AuditLog::setFileSystemInfo(const std::shared_ptr<AuditEvent>& event)
     if (found == 3) {
         return 3;
     }
-    for (const SDK::AuditFields* record : event->parsedEvent.FindRecords("PATH")) {
+    const std::vector<const SDK::AuditFields*> records = event->parsedEvent.FindRecords("PATH");
+    event->paths.reserve(records.size());
+    for (const SDK::AuditFields* record : records) {
         if (GenerateLogPathForOneRecord(event, *record, event->cwd) != 0) {
             return -1;
         }
@@ -501,21 +607,21 @@ void AuditLog::setSockaddrInfo(const std::shared_ptr<AuditEvent>& event)
         AUDIT_LOG_TRACE("not found saddr field");
         return;
     }
-    const std::string hex = record->Get("saddr");
-    AUDIT_LOG_TRACE("saddr is %s, saddr len is %d", hex, static_cast<int>(hex.size()));
-    const auto family = static_cast<uint16_t>(getDecValueFromHex(hex.substr(0, 4)));
+    const std::string_view hex = record->View("saddr");
+    AUDIT_LOG_TRACE("saddr is %s, saddr len is %d", std::string(hex), static_cast<int>(hex.size()));
+    const auto family = static_cast<uint16_t>(DecValueFromHex(hex.substr(0, 4)));
     event->family = static_cast<uint16_t>((family >> 8) | (family << 8));  // stored little-endian
     if (event->family == 2 && hex.size() >= 16) {
-        event->port = static_cast<uint16_t>(getDecValueFromHex(hex.substr(4, 4)));  // network order
-        event->saddr = std::to_string(getDecValueFromHex(hex.substr(8, 2))) + "." +
-                       std::to_string(getDecValueFromHex(hex.substr(10, 2))) + "." +
-                       std::to_string(getDecValueFromHex(hex.substr(12, 2))) + "." +
-                       std::to_string(getDecValueFromHex(hex.substr(14, 2)));
+        event->port = static_cast<uint16_t>(DecValueFromHex(hex.substr(4, 4)));  // network order
+        event->saddr = std::to_string(DecValueFromHex(hex.substr(8, 2))) + "." +
+                       std::to_string(DecValueFromHex(hex.substr(10, 2))) + "." +
+                       std::to_string(DecValueFromHex(hex.substr(12, 2))) + "." +
+                       std::to_string(DecValueFromHex(hex.substr(14, 2)));
     } else if (event->family == 1 && hex.size() <= 220) {
         char path[110] = {0};  // sun_path and its terminator
         size_t length = 0;
         for (size_t i = 4; i < hex.size() && length < sizeof(path) - 1; i += 2) {
-            const char byte = static_cast<char>(getDecValueFromHex(hex.substr(i, 2)));
+            const char byte = static_cast<char>(DecValueFromHex(hex.substr(i, 2)));
             path[length++] = byte;
             if (byte == '\0') {
                 break;
@@ -563,28 +669,37 @@ int AuditLog::GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& eve
                                           const std::string& cwd)
 {
     AuditLogPath path;
-    path.ouid = record.Get("ouid");
-    path.ogid = record.Get("ogid");
-    path.rdev = record.Get("rdev");
-    path.dev = record.Get("dev");
-    path.inode = record.Get("inode");
-    path.mode = record.Get("mode");
-    path.nametype = record.Has("objtype") ? record.Get("objtype") : record.Get("nametype");
-    path.name = record.Get("name");
-    LinuxAuditUtil::TrimQuotation(path.name);  // a hex-encoded name stays hex, unlike exe
+    std::string_view views[kPathFieldCount];
+    bool seen[kPathFieldCount] = {};
+    for (const auto& [name, value] : record) {
+        const int slot = PathFieldSlot(name);
+        if (slot >= 0 && !seen[slot]) {
+            seen[slot] = true;
+            views[slot] = value;
+        }
+    }
+    path.ouid.assign(views[kOuid]);
+    path.ogid.assign(views[kOgid]);
+    path.rdev.assign(views[kRdev]);
+    path.dev.assign(views[kDev]);
+    path.inode.assign(views[kInode]);
+    path.mode.assign(views[kMode]);
+    path.nametype.assign(seen[kObjtype] ? views[kObjtype] : views[kNametype]);
+    const std::string_view item = views[kItem];
+    path.name = LinuxAuditUtil::UnquotedText(views[kName]);  // a hex-encoded name stays hex, unlike exe
     path.path = getFilepath(cwd, path.name);
     path.hostPath = path.path;
     if (LogPathProcForContainer(event, path) != 0) {
         return -1;
     }
-    char resolved[PATH_MAX] = {0};
+    char resolved[PATH_MAX];  // realpath writes a terminated path on success; unread otherwise
     if (!path.hostPath.empty() && realpath(path.hostPath.c_str(), resolved) != nullptr) {
         path.hostPath = resolved;  // a deleted file keeps its unresolved path
     }
     if (path.nametype == "CREATE" && rules_ != nullptr && pathRoutes.count(path.hostPath) > 0) {
         rules_->ReAddRuleForFile(path.hostPath);  // a watch that waited for this file
     }
-    path.item = DecimalOrMinusOne(record.View("item"));
+    path.item = DecimalOrMinusOne(item);
     event->paths.push_back(std::move(path));
     return 0;
 }
@@ -635,7 +750,7 @@ int AuditLog::LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, 
 void AuditLog::DeliverEvent(std::shared_ptr<AuditEvent> event)
 {
     DeliverSyscallEvent(event);
-    DeliverFileSystemEvent(std::move(event));
+    DeliverFileSystemEvent(event);
 }
 
 bool AuditLog::CheckSyscallInfo(auditSyscallDest* dest, const std::shared_ptr<AuditEvent>& event)
@@ -689,7 +804,7 @@ void AuditLog::DeliverSyscallEvent(const std::shared_ptr<AuditEvent>& event)
     }
 }
 
-void AuditLog::DeliverFileSystemEvent(std::shared_ptr<AuditEvent> event)
+void AuditLog::DeliverFileSystemEvent(const std::shared_ptr<AuditEvent>& event)
 {
     chosenFileDests_.clear();
     for (const AuditLogPath& record : event->paths) {
@@ -718,7 +833,8 @@ void AuditLog::DeliverFileSystemEvent(std::shared_ptr<AuditEvent> event)
             path.resize(slash);
         }
         if (reachedRoot) {
-            CheckFilepathAndDeliver(event, "/");
+            static const std::string kRoot = "/";
+        CheckFilepathAndDeliver(event, kRoot);
         }
     }
     for (const auto& [key, dest] : chosenFileDests_) {
@@ -730,7 +846,7 @@ void AuditLog::DeliverFileSystemEvent(std::shared_ptr<AuditEvent> event)
     }
 }
 
-void AuditLog::CheckFilepathAndDeliver(std::shared_ptr<AuditEvent> event, std::string path)
+void AuditLog::CheckFilepathAndDeliver(const std::shared_ptr<AuditEvent>& event, const std::string& path)
 {
     auto [it, end] = pathRoutes.equal_range(path);
     for (; it != end; ++it) {

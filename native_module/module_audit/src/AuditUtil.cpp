@@ -328,38 +328,71 @@ bool LinuxAuditUtil::ExecAuditCmd(const std::string& args)
     return ExecAuditCmd(args, scratch);
 }
 
+namespace {
+
+constexpr std::string_view kBlanks = " \t\r\n\v\f";
+
+std::string_view TrimView(std::string_view text)
+{
+    const size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+}  // namespace
+
+std::string LinuxAuditUtil::UnquotedText(std::string_view raw, bool* opened)
+{
+    std::string_view text = TrimView(raw);
+    const bool leading = !text.empty() && text.front() == '"';
+    if (opened != nullptr) {
+        *opened = leading;
+    }
+    if (text.empty()) {
+        return {};
+    }
+    if (leading) {
+        text.remove_prefix(1);
+        if (!text.empty() && text.back() == '"') {
+            text.remove_suffix(1);
+        }
+        return std::string(TrimView(text));
+    }
+    if (text.back() == '"') {
+        // A closing quote alone becomes a blank that stays (only an opened text is trimmed again).
+        std::string value(text);
+        value.back() = ' ';
+        return value;
+    }
+    return std::string(text);
+}
+
 std::string LinuxAuditUtil::GetField(const std::string& name, const std::string& line)
 {
-    const std::string needle = name + "=";
-    const size_t at = line.find(needle);
+    // name + "=" as a plain substring, searched without building the needle.
+    size_t at = line.find(name);
+    while (at != std::string::npos && (at + name.size() >= line.size() || line[at + name.size()] != '=')) {
+        at = line.find(name, at + 1);
+    }
     if (at == std::string::npos) {
         return {};
     }
-    const size_t start = at + needle.size();
-    // ENRICHED lines append auditd's interpretation after a 0x1d byte; it ends a value too.
-    const size_t end = line.find_first_of(" \x1d", at);
-    std::string value = line.substr(start, end == std::string::npos || end < start ? std::string::npos : end - start);
-    TrimQuotation(value);
-    return value;
+    const size_t start = at + name.size() + 1;
+    // The value ends at a space, at the 0x1d that starts auditd's ENRICHED interpretation, or at
+    // the end of the line (searched from the match start, as the field's own text has neither).
+    size_t end = start;
+    while (end < line.size() && line[end] != ' ' && line[end] != '\x1d') {
+        ++end;
+    }
+    return UnquotedText(std::string_view(line).substr(start, end - start));
 }
 
 bool LinuxAuditUtil::TrimQuotation(std::string& text)
 {
-    text = SDK::StrUtils::Trim(text);
-    if (text.empty()) {
-        return false;
-    }
     bool opened = false;
-    if (text.front() == '"') {
-        text.front() = ' ';
-        opened = true;
-    }
-    if (text.back() == '"') {
-        text.back() = ' ';
-    }
-    if (opened) {
-        text = SDK::StrUtils::Trim(text);
-    }
+    text = UnquotedText(text, &opened);
     return opened;
 }
 

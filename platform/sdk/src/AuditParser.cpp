@@ -66,11 +66,17 @@ void AuditFields::Set(std::string_view name, std::string_view value)
         Add(name, value);
         return;
     }
-    // The old value stays in data_ unreferenced; records are short-lived.
-    const std::string copy(value);  // value may view data_, which Append can move
     Slot slot = SlotAt(static_cast<size_t>(index));
-    slot.value = Append(copy);
-    slot.valueLen = static_cast<uint32_t>(copy.size());
+    const char* const begin = data_.data();
+    if (value.data() >= begin && value.data() + value.size() <= begin + data_.size()) {
+        // A part of the record's own text (such as a value without its quotes): point at it.
+        slot.value = static_cast<uint32_t>(value.data() - begin);
+        slot.valueLen = static_cast<uint32_t>(value.size());
+    } else {
+        // The old value stays in data_ unreferenced; records are short-lived.
+        slot.value = Append(value);
+        slot.valueLen = static_cast<uint32_t>(value.size());
+    }
     StoreSlot(static_cast<size_t>(index), slot);
 }
 
