@@ -1,0 +1,212 @@
+#include "AuditTask.h"
+
+#include "AuditConstants.h"
+#include "AuditLogging.h"
+#include "AuditUtil.h"
+
+#include "sdk/StrUtils.h"
+#include "sdk/TimeUtils.h"
+
+#include <type_traits>
+
+namespace Engine {
+
+namespace {
+
+constexpr int kWaitMs = 100;
+constexpr int kMessagesPerTurn = 128;
+constexpr uint64_t kScanIntervalMs = 300;
+
+std::string NameOf(const Framework::Task* task)
+{
+    return task == nullptr ? std::string() : task->GetName();
+}
+
+int Parse(const AuditSyscallCtrlMessage& msg, SyscallRule& rule)
+{
+    return LinuxAuditUtil::auditDistractSyscallRule(msg, rule);
+}
+
+int Parse(const AuditFileSystemCtrlMessage& msg, FileSystemRule& rule)
+{
+    return LinuxAuditUtil::auditDistractFilesystemRule(msg, rule);
+}
+
+}  // namespace
+
+bool GetOperate(const std::string& operate)
+{
+    return operate == "-a" || operate == "-w";
+}
+
+void StripKeyInCmd(const std::string& cmd, std::string& out)
+{
+    for (const std::string& piece : SDK::StrUtils::Split(cmd, " ")) {
+        if (piece == "-k") {
+            break;
+        }
+        out += piece;
+        out += ' ';
+    }
+    out = SDK::StrUtils::Trim(out);
+}
+
+AuditTask::AuditTask(const std::string& probeConfPath, AuditReplySource* replySource)
+    : Framework::Task(kAuditTaskName, kAuditFeatureName, Framework::TaskCondition::kLoop, 1024),
+      probe_(probeConfPath, replySource), auditLog_(this, &rules_)
+{
+}
+
+AuditTask::~AuditTask() = default;
+
+bool AuditTask::AuditEnabled()
+{
+    Poco::FastMutex::ScopedLock lock(mutex_);
+    if (!enabledKnown_) {
+        AUDIT_LOG_INFO("Check audit whether is enabled.");
+        enabled_ = probe_.IsAuditEnabled();
+        if (enabled_) {
+            AUDIT_LOG_INFO("Audit is enabled.");
+        } else {
+            AUDIT_LOG_INFO("Audit is disabled.");
+        }
+        enabledKnown_ = true;
+    }
+    return enabled_;
+}
+
+int AuditTask::Init()
+{
+    AUDIT_LOG_INFO("Init task(%s).", GetName());
+    rules_.DeleteAllRules();  // what an earlier run left behind goes first
+    if (AuditEnabled()) {
+        probe_.GetAuditLogPath(logPath_);
+        AUDIT_LOG_INFO("Aduit log path is (%s).", logPath_);
+    }
+    return Framework::Task::Init();
+}
+
+void AuditTask::PollOnce(uint64_t now, uint64_t& lastScan)
+{
+    // The timestamp is compared with the constant 9, not with an earlier one: the log is read on
+    // every turn.
+    if (now > 9) {
+        reader_.ReadOnceLog(auditLog_);
+    }
+    AUDIT_CPU_CHECK_AT(kAuditTaskName, 54);
+    if (now >= lastScan + kScanIntervalMs) {
+        lastScan = now;
+        rules_.ScanCreatedFilepath();
+    }
+    AUDIT_CPU_CHECK_AT(kAuditTaskName, 61);
+}
+
+int AuditTask::Run()
+{
+    uint64_t lastScan = 0;
+    while (GetState() != Framework::kTaskStop) {
+        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) == -1) {
+            BulkConsumeMsg(kMessagesPerTurn);
+        }
+        if (!AuditEnabled() || subscribers_.empty()) {
+            continue;  // without subscribers the log is not read
+        }
+        PollOnce(SDK::TimeUtils::GetCurrentTimestampMS(), lastScan);
+    }
+    return 0;
+}
+
+// Both rule kinds take the same path; each instantiation keeps check points of its own.
+template <typename Message, typename Rule>
+int AuditTask::HandleRule(const Message& msg)
+{
+    const std::string sender = NameOf(msg.sender);
+    if (!AuditEnabled()) {
+        AUDIT_LOG_ERROR("Aduit is disabled, task(%s) handle rule(%s) failed.", sender, msg.rule);
+        return -1;
+    }
+    AUDIT_CPU_CHECK_AT(GetName(), (std::is_same<Rule, SyscallRule>::value ? 141 : 184));
+    Rule rule;
+    if (msg.sender == nullptr) {
+        // Events would have nowhere to go.
+        AUDIT_LOG_ERROR("Distract task(%s) rule(%s) failed.", sender, msg.rule);
+        return 2;
+    }
+    subscribers_.insert(sender);  // before parsing, whatever the operation
+    int result = 2;
+    try {
+        result = Parse(msg, rule);
+    } catch (const std::exception& e) {
+        // A -F a0..a3 value that is not a 32-bit number.
+        AUDIT_LOG_WARN("Rule(%s) of task(%s) has a bad argument value: %s", msg.rule, sender, std::string(e.what()));
+        result = 2;
+    }
+    if (result == 2) {
+        AUDIT_LOG_ERROR("Distract task(%s) rule(%s) failed.", sender, msg.rule);
+        return 2;
+    }
+    std::string stripped;
+    StripKeyInCmd(msg.rule, stripped);
+    if (GetOperate(msg.operate)) {
+        if (rules_.ruleCommands.size() > kMaxRules) {
+            return 0;  // full: dropped without a word, routes untouched
+        }
+        rules_.AddAuditRule(msg, rule, stripped);
+        auditLog_.AddLogRoute(msg, rule);
+        if (!readerStarted_) {
+            reader_.SetAuditLogPath(logPath_);  // follow the log from the first accepted add on
+            readerStarted_ = true;
+        }
+    } else {
+        try {
+            rules_.DeleteAuditRule(msg, rule);
+        } catch (const std::out_of_range&) {
+            AUDIT_LOG_WARN("Task(%s) removes rule(%s), which it never added.", sender, msg.rule);
+        }
+        auditLog_.DeleteLogRoute(msg, rule);
+    }
+    AUDIT_CPU_CHECK_AT(kAuditTaskName, (std::is_same<Rule, SyscallRule>::value ? 172 : 215));
+    return 0;
+}
+
+int AuditTask::Receive(const AuditSyscallCtrlMessage& msg)
+{
+    return HandleRule<AuditSyscallCtrlMessage, SyscallRule>(msg);
+}
+
+int AuditTask::Receive(const AuditFileSystemCtrlMessage& msg)
+{
+    return HandleRule<AuditFileSystemCtrlMessage, FileSystemRule>(msg);
+}
+
+int AuditTask::Receive(const AuditUnsubscribeMessage& msg)
+{
+    const std::string name = NameOf(msg.sender);
+    AUDIT_LOG_INFO("Audit unsubscribe task(%s) monitor.", name);
+    rules_.UnregisterTask(name);
+    auditLog_.UnregisterTask(msg.sender);
+    subscribers_.erase(name);
+    if (subscribers_.empty()) {
+        rules_.DeleteAllRules();
+        auditLog_.CleanLogRoute();
+    }
+    return 0;
+}
+
+void AuditTask::UnInit()
+{
+    AUDIT_LOG_INFO("Uninit task(%s).", GetName());
+    rules_.DeleteAllRules();
+    auditLog_.CleanLogRoute();
+    {
+        Poco::FastMutex::ScopedLock lock(mutex_);
+        enabledKnown_ = false;
+        enabled_ = false;
+    }
+    logPath_.clear();
+    reader_.Clear();
+    subscribers_.clear();
+    Framework::Task::UnInit();
+}
+
+}  // namespace Engine

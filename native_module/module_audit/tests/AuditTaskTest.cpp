@@ -1,0 +1,208 @@
+// The audit task's handlers, driven directly on the test's thread, against a recording auditctl
+// and a log file of its own.
+#include "AuditTask.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <fstream>
+
+using namespace Engine;
+using TestSupport::Subscriber;
+
+namespace {
+
+// Always answers the status request with the given state and auditd pid.
+class StatusReplies : public AuditReplySource {
+public:
+    int Open() override { return 3; }
+    int RequestStatus(int) override { return 1; }
+    int Poll(int, int) override { return 1; }
+    int GetReply(int, audit_reply& reply) override
+    {
+        reply.type = 1000;
+        reply.status = &status;
+        return 1;
+    }
+    void Close(int) override {}
+    audit_status status{};
+};
+
+class AuditTaskTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const std::string exe = dir_.path() + "/auditd";
+        std::system(("cp /bin/sleep " + exe).c_str());
+        char* argv[] = {const_cast<char*>(exe.c_str()), const_cast<char*>("60"), nullptr};
+        posix_spawn(&auditd_, exe.c_str(), nullptr, nullptr, argv, nullptr);
+        replies_.status.enabled = 1;
+        replies_.status.pid = static_cast<__u32>(auditd_);
+        logFile_ = dir_.Write("audit.log", "type=DAEMON_START msg=audit(1.000:1): op=start ver=3.0.9 format=raw res=success\n");
+        conf_ = dir_.Write("auditd.conf", "log_file = " + logFile_ + "\nlog_format = RAW\n");
+        task_ = std::make_unique<AuditTask>(conf_, &replies_);
+    }
+    void TearDown() override
+    {
+        task_.reset();
+        kill(auditd_, SIGKILL);
+        waitpid(auditd_, nullptr, 0);
+    }
+    AuditSyscallCtrlMessage Syscall(Framework::Task* sender, const std::string& tag, const std::string& rule,
+                                    const std::string& operate = "-a")
+    {
+        AuditSyscallCtrlMessage msg(sender);
+        msg.tag = tag;
+        msg.operate = operate;
+        msg.rule = rule;
+        return msg;
+    }
+    void AppendLog(const std::string& lines) { std::ofstream(logFile_, std::ios::app) << lines; }
+
+    TestSupport::FakeInstallation install_;
+    TestSupport::TempDir dir_;
+    pid_t auditd_ = -1;
+    StatusReplies replies_;
+    std::string logFile_;
+    std::string conf_;
+    std::unique_ptr<AuditTask> task_;
+};
+
+}  // namespace
+
+TEST(AuditTaskHelpers, StripKeyInCmdAndGetOperate)
+{
+    std::string out;
+    StripKeyInCmd("-a always,exit -S open -k mykey", out);
+    EXPECT_EQ(out, "-a always,exit -S open");
+    out.clear();
+    StripKeyInCmd("-w /etc -p wa", out);
+    EXPECT_EQ(out, "-w /etc -p wa");
+    out.clear();
+    StripKeyInCmd("-k x", out);
+    EXPECT_EQ(out, "");
+    out.clear();
+    StripKeyInCmd("exit,always  -S open ", out);
+    EXPECT_EQ(out, "exit,always  -S open");
+    EXPECT_TRUE(GetOperate("-a"));
+    EXPECT_TRUE(GetOperate("-w"));
+    for (const char* other : {"-d", "-W", "-A", "", "a"}) {
+        EXPECT_FALSE(GetOperate(other)) << other;
+    }
+}
+
+TEST_F(AuditTaskTest, InitClearsEarlierRulesProbesOnceAndFollowsTheLogFromTheFirstAdd)
+{
+    TestSupport::LogCapture capture(Poco::Message::PRIO_INFORMATION);
+    ASSERT_EQ(task_->Init(), 0);
+    EXPECT_EQ(install_.Commands().front(), "[-D][-k][_task***]");
+    EXPECT_TRUE(capture.channel().Has("Aduit log path is (" + logFile_ + ")."));
+    EXPECT_TRUE(capture.channel().Has("Audit is enabled."));
+
+    Subscriber sub("net_task");
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "net", "exit,always -S connect")), 0);
+    EXPECT_EQ(install_.Commands().back(), "[-a][exit,always][-F][arch=b64][-S][connect][-k][net_task***netconnectpidppid]");
+    EXPECT_EQ(task_->Subscribers(), std::set<std::string>{"net_task"});
+    EXPECT_EQ(task_->Reader().logPath, logFile_);
+
+    // A connect event written to the log now reaches the subscriber with its tag.
+    uint64_t lastScan = 0;
+    AppendLog("type=SYSCALL msg=audit(1795311548.685:3559): arch=c000003e syscall=42 success=no exit=-111 a0=3 a1=1 "
+              "a2=10 a3=0 items=0 ppid=5640 pid=5730 comm=\"python3\" exe=\"/usr/bin/python3.11\" key=\"x\"\n"
+              "type=SOCKADDR msg=audit(1795311548.685:3559): saddr=02001F907F0000010000000000000000\n"
+              "type=PROCTITLE msg=audit(1795311548.685:3559): proctitle=707974686F6E33\n");
+    task_->PollOnce(1000, lastScan);
+    ASSERT_EQ(sub.Drain().size(), 1U);
+    EXPECT_EQ(sub.received[0].first, "net");
+    EXPECT_EQ(sub.received[0].second->saddr, "127.0.0.1");
+    EXPECT_EQ(sub.received[0].second->port, 8080);
+
+    task_->UnInit();
+    EXPECT_EQ(install_.Commands().back(), "[-D][-k][_task***]");
+    EXPECT_TRUE(task_->Subscribers().empty());
+    EXPECT_TRUE(task_->Rules().ruleCommands.empty());
+    EXPECT_EQ(task_->Reader().position, -1);
+}
+
+TEST_F(AuditTaskTest, DisabledAuditRefusesRulesAndStoresNothing)
+{
+    replies_.status.enabled = 0;
+    TestSupport::LogCapture capture;
+    task_->Init();
+    Subscriber sub("net_task");
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "net", "exit,always -S connect")), -1);
+    EXPECT_TRUE(capture.channel().Has("Aduit is disabled, task(net_task) handle rule(exit,always -S connect) failed."));
+    EXPECT_TRUE(task_->Subscribers().empty());
+    EXPECT_EQ(install_.Commands().size(), 1U);  // only Init's clean-up ran
+    AuditUnsubscribeMessage bye(&sub);
+    EXPECT_EQ(task_->Receive(bye), 0) << "unsubscribing works regardless";
+}
+
+TEST_F(AuditTaskTest, RejectedRulesAndRemovalsStillRegisterTheSender)
+{
+    TestSupport::LogCapture capture;
+    task_->Init();
+    Subscriber sub("net_task");
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "net", "exit,always -F arch=b64")), 2);
+    EXPECT_TRUE(capture.channel().Has("Distract task(net_task) rule(exit,always -F arch=b64) failed."));
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "net", "exit,always -S open -F a0=zz")), 2) << "a bad number rejects";
+    Subscriber other("proc_task");
+    EXPECT_EQ(task_->Receive(Syscall(&other, "p", "exit,always -S execve", "-d")), 0) << "never added: no crash";
+    EXPECT_EQ(task_->Subscribers(), (std::set<std::string>{"net_task", "proc_task"}));
+    EXPECT_EQ(task_->Receive(Syscall(nullptr, "x", "exit,always -S open")), 2) << "no sender, nowhere to send";
+}
+
+TEST_F(AuditTaskTest, AddsAreAdmittedUpTo257RulesAndAgainAfterARemoval)
+{
+    task_->Init();
+    Subscriber sub("many_task");
+    for (int i = 0; i < 256; ++i) {
+        ASSERT_EQ(task_->Receive(Syscall(&sub, "t" + std::to_string(i), "exit,always -S open")), 0);
+    }
+    ASSERT_EQ(task_->Rules().ruleCommands.size(), 256U);
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "t256", "exit,always -S open")), 0);
+    EXPECT_EQ(task_->Rules().ruleCommands.size(), 257U) << "256 entries still admit one more";
+    const size_t runs = install_.Commands().size();
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "t257", "exit,always -S open")), 0);
+    EXPECT_EQ(task_->Rules().ruleCommands.size(), 257U);
+    EXPECT_EQ(install_.Commands().size(), runs) << "dropped silently, auditctl not run";
+    EXPECT_EQ(task_->Routes().syscallRoutes64.count(2), 257U) << "and no route added";
+
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "t0", "exit,always -S open", "-d")), 0);
+    EXPECT_EQ(task_->Rules().ruleCommands.size(), 256U);
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "t257", "exit,always -S open")), 0);
+    EXPECT_EQ(task_->Rules().ruleCommands.size(), 257U);
+}
+
+TEST_F(AuditTaskTest, TheLastUnsubscribeRemovesEverythingButTheReaderKeepsItsPlace)
+{
+    task_->Init();
+    Subscriber a("a_task");
+    Subscriber b("b_task");
+    AuditFileSystemCtrlMessage watch(&b, "", {}, _FileNotifyOpt{});
+    watch.tag = "fs";
+    watch.operate = "-w";
+    watch.rule = dir_.path() + " -p wa";
+    EXPECT_EQ(task_->Receive(Syscall(&a, "x", "exit,always -S open")), 0);
+    EXPECT_EQ(task_->Receive(watch), 0);
+    EXPECT_EQ(task_->Rules().ruleCommands.size(), 2U);
+
+    EXPECT_EQ(task_->Receive(AuditUnsubscribeMessage(&a)), 0);
+    EXPECT_EQ(install_.Commands().back(), "[-D][-k][a_task***]");
+    EXPECT_EQ(task_->Rules().ruleCommands.size(), 1U);
+    EXPECT_TRUE(task_->Routes().syscallRoutes64.empty());
+    EXPECT_EQ(task_->Routes().pathRoutes.size(), 1U);
+
+    const int64_t position = task_->Reader().position;
+    EXPECT_EQ(task_->Receive(AuditUnsubscribeMessage(&b)), 0);
+    EXPECT_EQ(install_.Commands().back(), "[-D][-k][_task***]");
+    EXPECT_TRUE(task_->Rules().ruleCommands.empty());
+    EXPECT_TRUE(task_->Routes().pathRoutes.empty());
+    EXPECT_TRUE(task_->Subscribers().empty());
+    EXPECT_EQ(task_->Reader().position, position);
+}

@@ -1,0 +1,172 @@
+// The audit status and configuration probe, with a fake netlink reply source.
+#include "GetAuditConfAndStatus.h"
+
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <deque>
+
+using namespace Engine;
+
+namespace {
+
+// Replies from a script; counts what the probe asked.
+class FakeReplies : public AuditReplySource {
+public:
+    int Open() override { return openResult; }
+    int RequestStatus(int) override { return requestResult; }
+    int Poll(int, int) override { return 1; }
+    int GetReply(int, audit_reply& reply) override
+    {
+        ++gets;
+        if (script.empty()) {
+            reply.type = otherType;
+            return 1;
+        }
+        const int type = script.front();
+        script.pop_front();
+        if (type < 0) {
+            return 0;  // nothing came
+        }
+        reply.type = type;
+        reply.status = &status;
+        return 1;
+    }
+    void Close(int) override { ++closes; }
+    int openResult = 3;
+    int requestResult = 1;
+    int otherType = 1001;
+    std::deque<int> script;
+    audit_status status{};
+    int gets = 0;
+    int closes = 0;
+};
+
+// A process whose executable is named auditd (a copy of sleep), for the process check.
+class FakeAuditd {
+public:
+    explicit FakeAuditd(const TestSupport::TempDir& dir, const std::string& name = "auditd")
+    {
+        const std::string exe = dir.path() + "/" + name;
+        std::system(("cp /bin/sleep " + exe).c_str());
+        char* argv[] = {const_cast<char*>(exe.c_str()), const_cast<char*>("60"), nullptr};
+        posix_spawn(&pid, exe.c_str(), nullptr, nullptr, argv, nullptr);
+    }
+    ~FakeAuditd()
+    {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    pid_t pid = -1;
+};
+
+std::string Conf(const TestSupport::TempDir& dir, const std::string& text)
+{
+    return dir.Write("auditd.conf", text);
+}
+
+}  // namespace
+
+TEST(ProbeConfiguration, ReadsTheLogPathAndRefusesNoLog)
+{
+    TestSupport::TempDir dir;
+    TestSupport::LogCapture capture;
+    const auto check = [&](const std::string& text, bool ok, const std::string& path = "") {
+        GetAuditConfAndStatus probe(Conf(dir, text));
+        EXPECT_EQ(probe.GetAuditLogPath(), ok) << text;
+        std::string found = "stale";
+        probe.GetAuditLogPath(found);
+        EXPECT_EQ(found, path) << text;
+    };
+    check("log_file = /var/log/audit/audit.log\nlog_format = ENRICHED\n", true, "/var/log/audit/audit.log");
+    check("log_file = /var/log/audit/audit.log\nlog_format = NOLOG\n", false);
+    EXPECT_TRUE(capture.channel().Has("Audit log format is invalid."));
+    check("log_format = nolog\nlog_file = /x\n", true, "/x");  // only the upper-case word disables
+    check("# log_file = /commented\n\n   \nlog_file = a = b\nlog_file=/tight\nlog_format=RAW\n", true, "/tight");
+    check("log_file = /first\nlog_format = RAW\nlog_file = /later\n", true, "/first");
+    check("log_file = /only\n", false);  // no log_format at all is refused too
+    capture.channel().Clear();
+    check("space_left = 75\n", false);
+    EXPECT_TRUE(capture.channel().Has("Not find log path in /etc/audit/auditd.conf."));
+    EXPECT_TRUE(capture.channel().Has("Audit log format is invalid."));
+    GetAuditConfAndStatus missing(dir.path() + "/nothing.conf");
+    EXPECT_FALSE(missing.GetAuditLogPath());
+    EXPECT_TRUE(capture.channel().Has("Open /etc/audit/auditd.conf falied."));
+}
+
+TEST(ProbeStatus, TakesTheStatusReplyAndGivesUpAfterFortyOthers)
+{
+    TestSupport::TempDir dir;
+    TestSupport::LogCapture capture;
+    FakeReplies replies;
+    GetAuditConfAndStatus probe(Conf(dir, ""), &replies);
+    audit_status status{};
+
+    replies.status.enabled = 1;
+    replies.status.pid = 42;
+    replies.script = {-1, 1001, 1000};
+    EXPECT_TRUE(probe.GetAuditStatus(status));
+    EXPECT_EQ(status.pid, 42U);
+    EXPECT_EQ(replies.closes, 1);
+    const std::vector<std::string> texts = capture.channel().Texts();
+    EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& text) {
+        return text.rfind("Get the audit system's reply failed, errno(", 0) == 0 && text.find("), try again.") != std::string::npos;
+    }));
+    EXPECT_TRUE(capture.channel().Has("Get the audit system's reply type(1001), try again."));
+
+    replies.gets = 0;
+    EXPECT_FALSE(probe.GetAuditStatus(status));  // only other types
+    EXPECT_EQ(replies.gets, 40);
+    EXPECT_EQ(replies.closes, 2);
+
+    replies.script = {2};
+    EXPECT_FALSE(probe.GetAuditStatus(status));
+    EXPECT_TRUE(capture.channel().Has("Get the audit system's reply type(2), get status falied."));
+    EXPECT_EQ(replies.closes, 3);
+
+    replies.requestResult = 0;
+    EXPECT_FALSE(probe.GetAuditStatus(status));
+    EXPECT_TRUE(capture.channel().Has("Request status of the audit failed, ret(0)."));
+    EXPECT_EQ(replies.closes, 4);
+
+    replies.openResult = -1;
+    EXPECT_FALSE(probe.GetAuditStatus(status));
+    EXPECT_TRUE(capture.channel().Has("Open audit socket failed."));
+    EXPECT_EQ(replies.closes, 4) << "nothing to close";
+}
+
+TEST(ProbeEnabled, NeedsEnabledExactlyOneARealAuditdAndAUsableConfiguration)
+{
+    TestSupport::TempDir dir;
+    TestSupport::LogCapture capture;
+    FakeAuditd auditd(dir);
+    FakeAuditd impostor(dir, "sleepy");
+    const std::string conf = Conf(dir, "log_file = /var/log/audit/audit.log\nlog_format = RAW\n");
+    FakeReplies replies;
+    GetAuditConfAndStatus probe(conf, &replies);
+    const auto enabled = [&](unsigned state, pid_t pid) {
+        replies.status.enabled = state;
+        replies.status.pid = static_cast<__u32>(pid);
+        replies.script = {1000};
+        return probe.IsAuditEnabled();
+    };
+    EXPECT_TRUE(enabled(1, auditd.pid));
+    std::string path;
+    probe.GetAuditLogPath(path);
+    EXPECT_EQ(path, "/var/log/audit/audit.log");
+    EXPECT_TRUE(capture.channel().Has("Auditd pid is (" + std::to_string(auditd.pid) + ")."));
+    EXPECT_FALSE(enabled(2, auditd.pid));  // rules locked counts as disabled
+    EXPECT_TRUE(capture.channel().Has("Audit status is disabled."));
+    EXPECT_FALSE(enabled(0, auditd.pid));
+    EXPECT_FALSE(enabled(1, 0));
+    EXPECT_TRUE(capture.channel().Has("Auditd pid(0) is invalid."));
+    EXPECT_FALSE(enabled(1, impostor.pid));
+    EXPECT_TRUE(capture.channel().Has("Auditd exe path(" + dir.path() + "/sleepy) is invalid."));
+    EXPECT_FALSE(enabled(1, 0x7ffffff0));
+}
