@@ -1,5 +1,6 @@
 #include "HostwardenApp.h"
 
+#include "AuditCommand.h"
 #include "DecodeCommand.h"
 #include "ParseCommand.h"
 
@@ -21,6 +22,11 @@ void HostwardenApp::defineOptions(Poco::Util::OptionSet& options)
                                                           "information, debug, trace (default information)")
                           .argument("LEVEL"));
     options.addOption(Poco::Util::Option("log-file", "", "also log to this file, rotated at 10 MB").argument("PATH"));
+    options.addOption(Poco::Util::Option("tag", "", "audit: the tag of the subscriptions (default cli)").argument("TAG"));
+    options.addOption(Poco::Util::Option("watch", "", "audit: also watch PATH for writes and attribute changes "
+                                                      "(repeatable)")
+                          .argument("PATH")
+                          .repeatable(true));
     options.addOption(Poco::Util::Option("config", "", "read settings (hostwarden.log.level, hostwarden.log.file) "
                                                        "from a properties file")
                           .argument("FILE"));
@@ -36,6 +42,10 @@ void HostwardenApp::handleOption(const std::string& name, const std::string& val
         logLevel_ = value;
     } else if (name == "log-file") {
         logFile_ = value;
+    } else if (name == "tag") {
+        tag_ = value;
+    } else if (name == "watch") {
+        watches_.push_back(value);
     } else if (name == "config") {
         loadConfiguration(value);
     }
@@ -55,12 +65,15 @@ void HostwardenApp::ShowHelp() const
     Poco::Util::HelpFormatter help(options());
     help.setCommand(commandName());
     help.setWidth(100);
-    help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE]]");
+    help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE] | audit RULE... [--tag TAG] [--watch PATH]...]");
     help.setHeader("hostwarden: host-security agent.\n"
                    "  run (default)   load the modules of the installation and run until SIGINT or SIGTERM\n"
                    "  parse [FILE]    print each audit event of FILE (or standard input) as one JSON line\n"
                    "  decode [FILE]   assemble, decode and route audit log lines as the audit module does and\n"
-                   "                  print each decoded event as one JSON line");
+                   "                  print each decoded event as one JSON line\n"
+                   "  audit RULE...   subscribe syscall rules (such as 'exit,always -S connect') and --watch paths\n"
+                   "                  through the audit task and print each event as one JSON line until\n"
+                   "                  interrupted; the rules are removed on exit");
     help.format(std::cout);
 }
 
@@ -80,6 +93,13 @@ int HostwardenApp::main(const std::vector<std::string>& args)
     }
     if (command == "decode") {
         return RunDecodeCommand(rest, std::cout, std::cerr);
+    }
+    if (command == "audit") {
+        AuditRequest request;
+        request.rules = rest;
+        request.watches = watches_;
+        request.tag = tag_;
+        return RunAuditCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
     }
     std::cerr << "hostwarden: unknown command '" << command << "' (see --help)\n";
     return EXIT_USAGE;

@@ -12,6 +12,7 @@ namespace Agent {
 ///   hostwarden [run]          run the agent until SIGINT or SIGTERM
 ///   hostwarden parse [FILE]   print every audit event of a log as one JSON line
 ///   hostwarden decode [FILE]  print every event the audit module decodes from a log
+///   hostwarden audit RULE... [--tag TAG] [--watch PATH]...  print live audit events
 class HostwardenApp : public Framework::Engine {
 protected:
     void initialize(Poco::Util::Application& self) override;
@@ -22,6 +23,8 @@ protected:
 private:
     void ShowHelp() const;
     bool helpRequested_ = false;
+    std::string tag_ = "cli";
+    std::vector<std::string> watches_;
     std::string logLevel_;
     std::string logFile_;
 };

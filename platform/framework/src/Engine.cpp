@@ -199,6 +199,16 @@ std::vector<std::string> Engine::ModuleNames() const
     return names;
 }
 
+void Engine::BlockTerminationSignals()
+{
+    sigset_t termination;
+    sigemptyset(&termination);
+    sigaddset(&termination, SIGINT);
+    sigaddset(&termination, SIGQUIT);
+    sigaddset(&termination, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+}
+
 void Engine::WaitForStop()
 {
     waitForTerminationRequest();
@@ -212,14 +222,7 @@ int Engine::main(const std::vector<std::string>& args)
         poco_fatal(Log(), "Cannot determine the installation directory.");
         return EXIT_SOFTWARE;
     }
-    // Task threads inherit this mask, so a termination signal always reaches the wait below
-    // instead of killing the process on whichever thread it lands.
-    sigset_t termination;
-    sigemptyset(&termination);
-    sigaddset(&termination, SIGINT);
-    sigaddset(&termination, SIGQUIT);
-    sigaddset(&termination, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+    BlockTerminationSignals();
     const int loaded = LoadModulesFrom(home + "lib/modules");
     poco_information(Log(), Poco::format("Agent started with %d module(s) from %s.", loaded, home));
     StartTasks();

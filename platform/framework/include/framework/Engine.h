@@ -51,6 +51,10 @@ public:
     /// The names of the running tasks' modules, in load order.
     std::vector<std::string> ModuleNames() const;
 
+    /// Blocks SIGINT, SIGQUIT and SIGTERM for the calling thread and the threads it starts later,
+    /// so they reach waitForTerminationRequest instead of ending the process on any thread.
+    static void BlockTerminationSignals();
+
 protected:
     /// The agent's main job: load the modules of the installation, run until SIGINT or SIGTERM,
     /// stop cleanly.
