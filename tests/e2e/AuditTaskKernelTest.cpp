@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <fstream>
 #include <functional>
@@ -220,7 +221,9 @@ TEST_F(AuditTaskKernel, SubscribersReceiveTheDecodedEventsOfRealActions)
     const auto created = WaitTagged("fs", [&](const AuditEvent& e) { return HasPath(e, file, "CREATE"); });
     ASSERT_TRUE(created.second) << "no create event";
     EXPECT_TRUE(created.second->write);
-    EXPECT_EQ(created.second->cwd, std::string(get_current_dir_name()));
+    char cwd[PATH_MAX] = {0};
+    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
+    EXPECT_EQ(created.second->cwd, std::string(cwd));
     const auto written = WaitTagged("fs", [&](const AuditEvent& e) { return e.items == 1 && HasPath(e, file, "NORMAL") && e.read; });
     ASSERT_TRUE(written.second) << "no write event (one PATH record counts as a read)";
     const auto chmodded = WaitTagged("fs", [&](const AuditEvent& e) { return e.attributeChange && HasPath(e, file); });

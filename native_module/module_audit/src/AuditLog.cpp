@@ -512,20 +512,25 @@ bool AuditLog::setSyscallInfo(const std::shared_ptr<AuditEvent>& event)
     event->syscall = DecimalOrMinusOne(syscall);
     event->items = DecimalOrMinusOne(items);
     // The decoded texts go back into the record too. A plainly quoted value (the usual case) is
-    // the record's own text without its quotes, so the record just points at it.
-    std::string_view inner;
-    if (PlainQuoted(exe, inner)) {
-        event->exe.assign(inner);
-        record->Set("exe", inner);
-    } else {
-        event->exe = UnquotedOrHexDecoded(exe);
+    // the record's own text without its quotes, so the record just points at it. Those re-points
+    // come first: a decoded text is appended to the record, which may move its buffer and with it
+    // every view into it.
+    std::string_view exeInner;
+    std::string_view commInner;
+    const bool exeQuoted = PlainQuoted(exe, exeInner);
+    const bool commQuoted = PlainQuoted(comm, commInner);
+    event->exe = exeQuoted ? std::string(exeInner) : UnquotedOrHexDecoded(exe);
+    event->comm = commQuoted ? std::string(commInner) : UnquotedOrHexDecoded(comm);
+    if (exeQuoted) {
+        record->Set("exe", exeInner);
+    }
+    if (commQuoted) {
+        record->Set("comm", commInner);
+    }
+    if (!exeQuoted) {
         record->Set("exe", event->exe);
     }
-    if (PlainQuoted(comm, inner)) {
-        event->comm.assign(inner);
-        record->Set("comm", inner);
-    } else {
-        event->comm = UnquotedOrHexDecoded(comm);
+    if (!commQuoted) {
         record->Set("comm", event->comm);
     }
     return true;

@@ -97,7 +97,9 @@ TEST(Decode, HexEncodedNamesStayHexButExeIsDecoded)
     const auto event = Decode(Synthetic("arch=c000003e syscall=59 items=2 exe=2F746D702F612062 comm=\"cat\" pid=1 ppid=0",
                                         {"EXECVE argc=2 a0=\"cat\" a1=78", "CWD cwd=\"/\""}));
     EXPECT_EQ(event->exe, "/tmp/a b");
+    EXPECT_EQ(event->comm, "cat");
     EXPECT_EQ(event->parsedEvent.FindRecord("SYSCALL")->View("exe"), "/tmp/a b");  // written back
+    EXPECT_EQ(event->parsedEvent.FindRecord("SYSCALL")->View("comm"), "cat");
     EXPECT_TRUE(event->isExecve);
     EXPECT_EQ(event->execveFields.View("a1"), "78");
     EXPECT_TRUE(event->write && event->execute);

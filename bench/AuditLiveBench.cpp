@@ -1,0 +1,266 @@
+// Measures the audit task against the real kernel and auditd (needs root; run through
+// bench/run-live-bench.sh):
+//   latency   kernel event to subscriber, median and 99th percentile over 1,000 events
+//   cpu       the audit task thread's processor share while 100 and 250 execve/s are audited
+//   rate      the highest log line rate the task keeps up with, how far behind it falls above it,
+//             and what a log rotation then loses
+#include "AuditMessages.h"
+#include "AuditTask.h"
+
+#include "framework/Engine.h"
+#include "framework/Module.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <thread>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr long kMarkerBase = 3000000;  // getpgid() of a pid that does not exist: fails fast
+
+double NowUs()
+{
+    return std::chrono::duration<double, std::micro>(Clock::now().time_since_epoch()).count();
+}
+
+// Receives events: getpgid markers (a0) with their arrival time, and a count of the rest.
+class Subscriber : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
+public:
+    Subscriber() : Framework::Task("bench_sub_task", "bench", Framework::TaskCondition::kLoop, 65536) {}
+    int Receive(const Engine::AuditEventMessage& msg) override
+    {
+        const double now = NowUs();
+        std::lock_guard<std::mutex> lock(mutex);
+        if (msg.event->syscall == SYS_getpgid) {
+            arrivals.emplace_back(std::stol(msg.event->a0, nullptr, 16) - kMarkerBase, now);
+        } else {
+            ++others;
+        }
+        return 0;
+    }
+    void Reset()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        arrivals.clear();
+        others = 0;
+    }
+    size_t Arrived()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return arrivals.size();
+    }
+    std::mutex mutex;
+    std::vector<std::pair<long, double>> arrivals;  // (marker index, arrival time in µs)
+    size_t others = 0;
+};
+
+class BenchModule : public Framework::Module {
+public:
+    BenchModule(Engine::AuditTask* audit, Subscriber* sub) : Framework::Module("bench_module"), audit_(audit), sub_(sub) {}
+    int Init() override { return RegisterTask(audit_, true) == 0 && RegisterTask(sub_, true) == 0 ? 0 : -1; }
+
+private:
+    Engine::AuditTask* audit_;
+    Subscriber* sub_;
+};
+
+// CPU seconds used so far by this process's thread called name.
+double ThreadCpuSeconds(const std::string& name)
+{
+    DIR* dir = opendir("/proc/self/task");
+    double seconds = 0;
+    while (dirent* entry = readdir(dir)) {
+        const std::string base = std::string("/proc/self/task/") + entry->d_name;
+        std::string comm;
+        std::getline(std::ifstream(base + "/comm"), comm);
+        if (comm != name) {
+            continue;
+        }
+        std::string stat;
+        std::getline(std::ifstream(base + "/stat"), stat);
+        std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+        std::string skip;
+        for (int i = 0; i < 11; ++i) {
+            fields >> skip;
+        }
+        long utime = 0;
+        long stime = 0;
+        fields >> utime >> stime;
+        seconds += static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    }
+    closedir(dir);
+    return seconds;
+}
+
+// Calls fn count times, spread evenly over count / perSecond seconds.
+template <typename Fn>
+void Paced(int count, double perSecond, Fn fn)
+{
+    const auto start = Clock::now();
+    for (int i = 0; i < count; ++i) {
+        std::this_thread::sleep_until(start + std::chrono::duration<double>(i / perSecond));
+        fn(i);
+    }
+}
+
+void Subscribe(Subscriber& sub, const std::string& tag, const std::string& rule, const std::string& operate = "-a")
+{
+    auto* msg = new Engine::AuditSyscallCtrlMessage(&sub);
+    msg->tag = tag;
+    msg->operate = operate;
+    msg->rule = rule;
+    sub.SendDirectMsg("audit_task", msg);
+}
+
+bool WaitUntil(const std::function<bool()>& done, double seconds)
+{
+    const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
+    while (!done()) {
+        if (Clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+void Latency(Subscriber& sub)
+{
+    constexpr int kEvents = 1000;
+    sub.Reset();
+    std::vector<double> sent(kEvents);
+    Paced(kEvents, 100.0, [&](int i) {
+        sent[static_cast<size_t>(i)] = NowUs();
+        syscall(SYS_getpgid, kMarkerBase + i);
+    });
+    WaitUntil([&] { return sub.Arrived() >= kEvents; }, 30);
+    std::vector<double> latencies;
+    {
+        std::lock_guard<std::mutex> lock(sub.mutex);
+        for (const auto& [index, at] : sub.arrivals) {
+            if (index >= 0 && index < kEvents) {
+                latencies.push_back((at - sent[static_cast<size_t>(index)]) / 1000.0);
+            }
+        }
+    }
+    std::sort(latencies.begin(), latencies.end());
+    if (latencies.empty()) {
+        std::printf("latency: no event arrived\n");
+        return;
+    }
+    std::printf("latency: %zu of %d events, median %.1f ms, p99 %.1f ms, max %.1f ms (100 events/s)\n",
+                latencies.size(), kEvents, latencies[latencies.size() / 2], latencies[latencies.size() * 99 / 100],
+                latencies.back());
+}
+
+void CpuShare(Subscriber& sub, double perSecond)
+{
+    constexpr double kSeconds = 10;
+    sub.Reset();
+    const double cpu0 = ThreadCpuSeconds("audit_task");
+    const auto start = Clock::now();
+    Paced(static_cast<int>(perSecond * kSeconds), perSecond, [](int) {
+        pid_t child = -1;
+        char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
+        if (posix_spawn(&child, "/bin/true", nullptr, nullptr, argv, environ) == 0) {
+            waitpid(child, nullptr, 0);
+        }
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // let the last events drain
+    const double wall = std::chrono::duration<double>(Clock::now() - start).count();
+    const double cpu = ThreadCpuSeconds("audit_task") - cpu0;
+    std::printf("cpu: %.0f execve/s for %.0f s: audit task thread %.1f%% of one core (%zu events delivered)\n", perSecond,
+                kSeconds, 100.0 * cpu / wall, sub.others);
+}
+
+// Events at a rate, each two log lines (SYSCALL, PROCTITLE): how many arrived when generation
+// ended, and how long the rest took.
+void Rate(Subscriber& sub, double eventsPerSecond, bool rotate, pid_t auditd)
+{
+    constexpr double kSeconds = 5;
+    const int count = static_cast<int>(eventsPerSecond * kSeconds);
+    sub.Reset();
+    const auto start = Clock::now();
+    Paced(count, eventsPerSecond, [&](int i) {
+        if (rotate && i == count / 2) {
+            kill(auditd, SIGUSR1);
+        }
+        syscall(SYS_getpgid, kMarkerBase + i);
+    });
+    const size_t atEnd = sub.Arrived();
+    WaitUntil([&] { return sub.Arrived() >= static_cast<size_t>(count); }, 60);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const double drain = std::chrono::duration<double>(Clock::now() - start).count() - kSeconds;
+    const size_t arrived = sub.Arrived();
+    std::printf("rate: %5.0f lines/s%s: behind by %6zu lines when generation stopped, %zu of %d events arrived, "
+                "%zu lost, caught up %.1f s later\n",
+                2 * eventsPerSecond, rotate ? " with rotation" : "", 2 * (static_cast<size_t>(count) - std::min<size_t>(atEnd, count)),
+                arrived, count, static_cast<size_t>(count) - std::min<size_t>(arrived, count), drain);
+}
+
+pid_t AuditdPid()
+{
+    char buffer[64] = {0};
+    FILE* pipe = popen("pgrep -x auditd", "r");
+    if (pipe != nullptr && std::fgets(buffer, sizeof(buffer), pipe) != nullptr) {
+        pclose(pipe);
+        return static_cast<pid_t>(std::atol(buffer));
+    }
+    if (pipe != nullptr) {
+        pclose(pipe);
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string what = argc > 1 ? argv[1] : "all";
+    Framework::Engine engine;
+    auto* audit = new Engine::AuditTask;
+    auto* sub = new Subscriber;
+    if (engine.AddModule(std::make_unique<BenchModule>(audit, sub)) != 0 || engine.StartTasks() != 0 ||
+        !audit->AuditEnabled()) {
+        std::fprintf(stderr, "audit_live_bench: the audit task cannot run here (root, auditd, HOSTWARDEN_HOME?)\n");
+        return 1;
+    }
+    const std::string self = std::to_string(getpid());
+    Subscribe(*sub, "pgid", "exit,always -F arch=b64 -S getpgid -F pid=" + self);
+    Subscribe(*sub, "exec", "exit,always -F arch=b64 -S execve -F ppid=" + self);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    if (what == "all" || what == "latency") {
+        Latency(*sub);
+    }
+    if (what == "all" || what == "cpu") {
+        CpuShare(*sub, 100);
+        CpuShare(*sub, 250);
+    }
+    if (what == "all" || what == "rate") {
+        for (const double rate : {250.0, 500.0, 900.0, 1200.0, 2000.0}) {
+            Rate(*sub, rate, false, -1);
+        }
+        Rate(*sub, 900.0, true, AuditdPid());
+        Rate(*sub, 2000.0, true, AuditdPid());
+    }
+    sub->SendDirectMsg("audit_task", new Engine::AuditUnsubscribeMessage(sub));
+    engine.StopAll();
+    return 0;
+}
