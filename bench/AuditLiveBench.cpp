@@ -253,6 +253,9 @@ int main(int argc, char** argv)
         CpuShare(*sub, 100);
         CpuShare(*sub, 250);
     }
+    if (what == "rotate") {
+        Rate(*sub, 900.0, true, AuditdPid());
+    }
     if (what == "all" || what == "rate") {
         for (const double rate : {250.0, 500.0, 900.0, 1200.0, 2000.0}) {
             Rate(*sub, rate, false, -1);
