@@ -5,6 +5,8 @@
 #include "AuditLog.h"
 #include "AuditMessages.h"
 
+#include "CommandInput.h"
+
 #include <fstream>
 #include <iostream>
 
@@ -49,14 +51,9 @@ void RouteEverything(Engine::AuditLog& log, Framework::Task* receiver)
 int RunDecodeCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
     std::ifstream file;
-    std::istream* in = &std::cin;
-    if (!args.empty() && args[0] != "-") {
-        file.open(args[0]);
-        if (!file) {
-            err << "hostwarden decode: cannot read " << args[0] << "\n";
-            return 2;
-        }
-        in = &file;
+    std::istream* in = OpenInput(args, file, "decode", err);
+    if (in == nullptr) {
+        return 2;
     }
     PrintingTask printer(out);
     Framework::Task sender("decode_task", "decode", Framework::TaskCondition::kOnEvent, 1);

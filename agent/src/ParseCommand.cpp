@@ -1,5 +1,7 @@
 #include "ParseCommand.h"
 
+#include "CommandInput.h"
+
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
@@ -36,14 +38,9 @@ std::string EventToJson(const SDK::AuditEvent& event)
 int RunParseCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
     std::ifstream file;
-    std::istream* in = &std::cin;
-    if (!args.empty() && args[0] != "-") {
-        file.open(args[0]);
-        if (!file) {
-            err << "hostwarden parse: cannot read " << args[0] << "\n";
-            return 2;
-        }
-        in = &file;
+    std::istream* in = OpenInput(args, file, "parse", err);
+    if (in == nullptr) {
+        return 2;
     }
     SDK::AuditParser parser;
     size_t lineNumber = 0;

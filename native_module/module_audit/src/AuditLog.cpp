@@ -63,10 +63,13 @@ SyscallRouteMap& AuditLog::GetSyscallMap(const SyscallRule& rule)
     return rule.arch == "b32" ? syscallRoutes32 : syscallRoutes64;
 }
 
-bool AuditLog::FindLogDest(int32_t number, SyscallRouteMap& routes, const AuditSyscallCtrlMessage& msg,
-                           SyscallRouteMap::iterator& found)
+namespace {
+
+// The destination of the message's (sender, tag) among the routes under key, or the range's end.
+template <typename Map, typename Key, typename Message>
+bool FindDest(Map& routes, const Key& key, const Message& msg, typename Map::iterator& found)
 {
-    auto [it, end] = routes.equal_range(number);
+    auto [it, end] = routes.equal_range(key);
     for (; it != end; ++it) {
         if (it->second.task == msg.sender && it->second.tag == msg.tag) {
             found = it;
@@ -77,17 +80,17 @@ bool AuditLog::FindLogDest(int32_t number, SyscallRouteMap& routes, const AuditS
     return false;
 }
 
+}  // namespace
+
+bool AuditLog::FindLogDest(int32_t number, SyscallRouteMap& routes, const AuditSyscallCtrlMessage& msg,
+                           SyscallRouteMap::iterator& found)
+{
+    return FindDest(routes, number, msg, found);
+}
+
 bool AuditLog::FindLogDest(const std::string& path, const AuditFileSystemCtrlMessage& msg, PathRouteMap::iterator& found)
 {
-    auto [it, end] = pathRoutes.equal_range(path);
-    for (; it != end; ++it) {
-        if (it->second.task == msg.sender && it->second.tag == msg.tag) {
-            found = it;
-            return true;
-        }
-    }
-    found = end;
-    return false;
+    return FindDest(pathRoutes, path, msg, found);
 }
 
 void AuditLog::AddLogRoute(const AuditSyscallCtrlMessage& msg, const SyscallRule& rule)

@@ -73,8 +73,6 @@ bool IsNeverOrExcludeAction(const std::string& token)
     return false;
 }
 
-enum class ParseState { kFirst, kOption, kSyscalls, kField, kKey, kPerm, kDead };
-
 // Stores value in member when it is still empty; a field may be given once.
 bool SetOnce(std::string& member, const std::string& value)
 {
@@ -152,100 +150,85 @@ std::vector<std::string> RuleTokens(const std::string& text)
     return tokens;
 }
 
+// The token machine both rule kinds share. first(token) reads the first token and tells whether
+// it makes the rule a never/exclude one; listOption ("-S" or "-p") hands its token to list;
+// -F tokens go to field (false rejects at once); complete() says whether the rule has what it
+// must have. Tokens after an unknown option reject the rule, though the scan goes on.
+template <typename First, typename List, typename Field, typename Complete>
+int ParseRuleText(const std::string& text, const char* listOption, std::string& key, First first, List list,
+                  Field field, Complete complete)
+{
+    enum class State { kFirst, kOption, kList, kField, kKey, kDead };
+    int result = kRuleParsed;
+    State state = State::kFirst;
+    for (const std::string& token : RuleTokens(text)) {
+        switch (state) {
+        case State::kFirst:
+            if (first(token)) {
+                result = kRuleNeverOrExclude;
+            }
+            state = State::kOption;
+            break;
+        case State::kOption:
+            state = token == listOption ? State::kList
+                    : token == "-F"     ? State::kField
+                    : token == "-k"     ? State::kKey
+                                        : State::kDead;
+            break;
+        case State::kList:
+            list(token);
+            state = State::kOption;
+            break;
+        case State::kKey:
+            key = token;  // a later -k overwrites an earlier key
+            state = State::kOption;
+            break;
+        case State::kField:
+            if (!field(token)) {
+                return kRuleRejected;
+            }
+            state = State::kOption;
+            break;
+        case State::kDead:
+            result = kRuleRejected;
+            break;
+        }
+    }
+    if (result == kRuleNeverOrExclude) {
+        return result;  // such a rule needs nothing more
+    }
+    return complete() ? result : kRuleRejected;
+}
+
 }  // namespace
 
 int LinuxAuditUtil::auditDistractSyscallRule(const AuditSyscallCtrlMessage& msg, SyscallRule& rule)
 {
-    int result = kRuleParsed;
-    ParseState state = ParseState::kFirst;
-    for (const std::string& token : RuleTokens(msg.rule)) {
-        switch (state) {
-        case ParseState::kFirst:
-            if (IsNeverOrExcludeAction(token)) {
-                result = kRuleNeverOrExclude;
-            }
-            state = ParseState::kOption;
-            break;
-        case ParseState::kOption:
-            state = token == "-S"   ? ParseState::kSyscalls
-                    : token == "-F" ? ParseState::kField
-                    : token == "-k" ? ParseState::kKey
-                                    : ParseState::kDead;
-            break;
-        case ParseState::kSyscalls:
+    return ParseRuleText(
+        msg.rule, "-S", rule.key, [](const std::string& token) { return IsNeverOrExcludeAction(token); },
+        [&rule](const std::string& token) {
             for (std::string& name : SDK::StrUtils::Split(token, ",")) {
                 rule.syscalls.push_back(std::move(name));
             }
-            state = ParseState::kOption;
-            break;
-        case ParseState::kKey:
-            rule.key = token;
-            state = ParseState::kOption;
-            break;
-        case ParseState::kField:
-            if (!ApplySyscallField(token, rule)) {
-                return kRuleRejected;
-            }
-            state = ParseState::kOption;
-            break;
-        case ParseState::kPerm:
-        case ParseState::kDead:
-            result = kRuleRejected;
-            break;
-        }
-    }
-    if (result == kRuleNeverOrExclude) {
-        return result;
-    }
-    return rule.syscalls.empty() ? kRuleRejected : result;
+        },
+        [&rule](const std::string& token) { return ApplySyscallField(token, rule); },
+        [&rule] { return !rule.syscalls.empty(); });
 }
 
 int LinuxAuditUtil::auditDistractFilesystemRule(const AuditFileSystemCtrlMessage& msg, FileSystemRule& rule)
 {
-    int result = kRuleParsed;
-    ParseState state = ParseState::kFirst;
-    for (const std::string& token : RuleTokens(msg.rule)) {
-        switch (state) {
-        case ParseState::kFirst:
+    return ParseRuleText(
+        msg.rule, "-p", rule.key,
+        [&rule](const std::string& token) {
             rule.path = token.front() == '/' ? token : std::string();
             if (!rule.path.empty() && rule.path.back() == '/') {
                 rule.path.pop_back();
             }
-            if (rule.path.empty() && IsNeverOrExcludeAction(token)) {
-                result = kRuleNeverOrExclude;
-            }
-            state = ParseState::kOption;
-            break;
-        case ParseState::kOption:
-            state = token == "-p"   ? ParseState::kPerm
-                    : token == "-F" ? ParseState::kField
-                    : token == "-k" ? ParseState::kKey
-                                    : ParseState::kDead;
-            break;
-        case ParseState::kPerm:
-            rule.perm = token;
-            state = ParseState::kOption;
-            break;
-        case ParseState::kKey:
-            rule.key = token;
-            state = ParseState::kOption;
-            break;
-        case ParseState::kField:
-            if (setFileSystemParameter(token, rule) == kRuleRejected) {
-                return kRuleRejected;
-            }
-            state = ParseState::kOption;
-            break;
-        case ParseState::kSyscalls:
-        case ParseState::kDead:
-            result = kRuleRejected;
-            break;
-        }
-    }
-    if (result == kRuleNeverOrExclude) {
-        return result;
-    }
-    return rule.path.empty() ? kRuleRejected : result;
+            return rule.path.empty() && IsNeverOrExcludeAction(token);
+        },
+        [&rule](const std::string& token) { rule.perm = token; },
+        [&rule](const std::string& token) { return setFileSystemParameter(token, rule) != kRuleRejected; },
+        [&rule] { return !rule.path.empty(); });
 }
 
 int LinuxAuditUtil::setFileSystemParameter(std::string parameter, FileSystemRule& rule)
