@@ -25,15 +25,6 @@ TEST(StrUtils, SplitKeepsEmptyPiecesAndHandlesLongSeparators)
     EXPECT_EQ(StrUtils::Split("abc", ""), (V{"abc"}));
 }
 
-TEST(StrUtils, TrimAndStartWith)
-{
-    EXPECT_EQ(StrUtils::Trim(" \t log_file \r\n"), "log_file");
-    EXPECT_EQ(StrUtils::Trim("   "), "");
-    EXPECT_TRUE(StrUtils::StartWith("0x1F", "0x"));
-    EXPECT_FALSE(StrUtils::StartWith("0", "0x"));
-    EXPECT_TRUE(StrUtils::StartWith("x", ""));
-}
-
 TEST(BoundedStr, OverlongResultsFailInsteadOfOverflowing)
 {
     char buf[8];
