@@ -234,3 +234,49 @@ TEST(Delivery, FileRoutesFailOnlyWhenEveryAccessKindDiffers)
     event->pid = "1";
     EXPECT_TRUE(log.CheckFileEventInfo(&writeOnly, event));
 }
+
+// Real lines, mutated at random, through assembly, parsing, decoding and delivery: nothing may
+// crash (the sanitizer builds run this too) and every delivered event has a SYSCALL record.
+TEST(Assembly, SurvivesMutatedRealLines)
+{
+    std::vector<std::string> lines = TestSupport::ReadLines(TestSupport::FixturesDir() + "kernel-6.18-raw.log");
+    ASSERT_FALSE(lines.empty());
+    TestSupport::LogCapture quiet(Poco::Message::PRIO_FATAL);
+    Pipeline p;
+    for (int32_t number = 0; number < 512; ++number) {
+        auditSyscallDest dest;
+        dest.task = &p.subscriber;
+        p.log.syscallRoutes64.emplace(number, dest);
+        p.log.syscallRoutes32.emplace(number, dest);
+    }
+    auditFileSystemDest everything;
+    everything.task = &p.subscriber;
+    p.log.pathRoutes.emplace("/", everything);
+    uint64_t state = 0x9E3779B97F4A7C15ULL;
+    const auto next = [&state] {
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        return state;
+    };
+    const char specials[] = {' ', '=', '"', '\'', '\x1d', ':', '/', '\0', 'F', '0'};
+    for (int round = 0; round < 3; ++round) {
+        for (std::string line : lines) {
+            if (!line.empty() && next() % 3 == 0) {
+                const size_t at = next() % line.size();
+                switch (next() % 3) {
+                case 0: line[at] = specials[next() % sizeof(specials)]; break;
+                case 1: line.resize(at); break;
+                default: line.insert(at, 1, specials[next() % sizeof(specials)]); break;
+                }
+            }
+            p.log.HandleOneLineLog(line);
+        }
+        p.log.HandleNoEofScenarios();
+    }
+    const auto& delivered = p.subscriber.Drain();
+    EXPECT_GT(delivered.size(), 50U);
+    for (const auto& [tag, event] : delivered) {
+        EXPECT_NE(event->parsedEvent.FindRecord("SYSCALL"), nullptr);
+    }
+}

@@ -172,3 +172,43 @@ TEST(SyscallTables, UnknownNamesAreAddedWithNumberZero)
     EXPECT_EQ(LinuxAuditUtil::auditGetSyscallNumber("chmod", ""), 90);
     syscallNameToNumber64.erase("nosuchcall");
 }
+
+// Rule texts come from other modules: random mixes of real tokens and junk must give a result
+// code, or the documented number errors, never anything else (the sanitizer builds run this too).
+TEST(RuleParse, SurvivesRandomRuleTexts)
+{
+    const char* tokens[] = {"exit,always", "exit,never", "-S", "-F", "-k", "-p", "-X", "open,openat", ",,", "a0=0x1",
+                            "a1=-5", "success=1", "pid=1", "key=abcdef", "path=/", "/etc/", "/", "=", "==", "", "wa",
+                            "arch=b32", "uid=0", "exit=-2", "a3=zz", "\t", "perm=rwxa"};
+    uint64_t state = 0x2545F4914F6CDD1DULL;
+    const auto next = [&state] {
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        return state;
+    };
+    int results[3] = {0, 0, 0};
+    for (int round = 0; round < 20000; ++round) {
+        std::string text;
+        const int count = static_cast<int>(next() % 8);
+        for (int i = 0; i < count; ++i) {
+            text += tokens[next() % std::size(tokens)];
+            text += next() % 5 == 0 ? "  " : " ";
+        }
+        try {
+            SyscallRule syscall;
+            FileSystemRule fs;
+            const int a = ParseSyscall(text, syscall);
+            const int b = ParseFs(text, fs);
+            ASSERT_TRUE(a >= 0 && a <= 2 && b >= 0 && b <= 2) << text;
+            ++results[a];
+        } catch (const std::invalid_argument&) {
+        } catch (const std::out_of_range&) {
+        }
+    }
+    EXPECT_GT(results[0], 0);
+    EXPECT_GT(results[1], 0);
+    EXPECT_GT(results[2], 0);
+    parameterNumberMap.erase("");
+    parameterNumberMap.erase("uid");
+}
