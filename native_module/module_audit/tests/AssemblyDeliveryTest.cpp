@@ -252,13 +252,7 @@ TEST(Assembly, SurvivesMutatedRealLines)
     auditFileSystemDest everything;
     everything.task = &p.subscriber;
     p.log.pathRoutes.emplace("/", everything);
-    uint64_t state = 0x9E3779B97F4A7C15ULL;
-    const auto next = [&state] {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
-        return state;
-    };
+    TestSupport::Random next(0x9E3779B97F4A7C15ULL);
     const char specials[] = {' ', '=', '"', '\'', '\x1d', ':', '/', '\0', 'F', '0'};
     for (int round = 0; round < 3; ++round) {
         for (std::string line : lines) {

@@ -2,6 +2,8 @@
 #include "AuditUtil.h"
 #include "SyscallTables.h"
 
+#include "TestSupport.h"
+
 #include <gtest/gtest.h>
 
 using namespace Engine;
@@ -180,13 +182,7 @@ TEST(RuleParse, SurvivesRandomRuleTexts)
     const char* tokens[] = {"exit,always", "exit,never", "-S", "-F", "-k", "-p", "-X", "open,openat", ",,", "a0=0x1",
                             "a1=-5", "success=1", "pid=1", "key=abcdef", "path=/", "/etc/", "/", "=", "==", "", "wa",
                             "arch=b32", "uid=0", "exit=-2", "a3=zz", "\t", "perm=rwxa"};
-    uint64_t state = 0x2545F4914F6CDD1DULL;
-    const auto next = [&state] {
-        state ^= state << 13;
-        state ^= state >> 7;
-        state ^= state << 17;
-        return state;
-    };
+    TestSupport::Random next(0x2545F4914F6CDD1DULL);
     int results[3] = {0, 0, 0};
     for (int round = 0; round < 20000; ++round) {
         std::string text;

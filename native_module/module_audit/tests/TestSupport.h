@@ -6,6 +6,7 @@
 
 #include "AuditMessages.h"
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -80,6 +81,22 @@ public:
 class NamedTask : public Framework::Task {
 public:
     explicit NamedTask(const std::string& name) : Framework::Task(name, "test", Framework::TaskCondition::kLoop, 64) {}
+};
+
+/// A small deterministic generator (xorshift64) for mutation tests.
+class Random {
+public:
+    explicit Random(uint64_t seed) : state_(seed) {}
+    uint64_t operator()()
+    {
+        state_ ^= state_ << 13;
+        state_ ^= state_ >> 7;
+        state_ ^= state_ << 17;
+        return state_;
+    }
+
+private:
+    uint64_t state_;
 };
 
 /// The lines of a file, without newlines.
