@@ -34,6 +34,12 @@ struct HW_AUDIT_API _FileNotifyOpt {
 
 namespace Engine {
 
+/// The name of a message's sender task; empty for a message without one.
+inline std::string SenderName(const Framework::Task* sender)
+{
+    return sender == nullptr ? std::string() : sender->GetName();
+}
+
 /// Base of every message the module exchanges: dispatches a message of type T to the receiving
 /// task's Receive(const T&), when the task implements AbstructMessage<T>::Receiver.
 template <typename T>

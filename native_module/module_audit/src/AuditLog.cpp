@@ -19,11 +19,6 @@ namespace Engine {
 
 namespace {
 
-std::string NameOf(const Framework::Task* task)
-{
-    return task == nullptr ? std::string() : task->GetName();
-}
-
 template <typename Map>
 void EraseTask(Map& routes, const Framework::Task* task)
 {
@@ -152,7 +147,7 @@ void AuditLog::AddLogRoute(const AuditFileSystemCtrlMessage& msg, const FileSyst
 void AuditLog::DeleteLogRoute(const AuditSyscallCtrlMessage& msg, const SyscallRule& rule)
 {
     SyscallRouteMap& routes = GetSyscallMap(rule);
-    const std::string who = NameOf(msg.sender) + msg.tag;
+    const std::string who = SenderName(msg.sender) + msg.tag;
     for (const std::string& name : rule.syscalls) {
         const int32_t number = LinuxAuditUtil::auditGetSyscallNumber(name, rule.arch);
         SyscallRouteMap::iterator it;
@@ -192,7 +187,7 @@ void AuditLog::DeleteLogRoute(const AuditFileSystemCtrlMessage& msg, const FileS
         pathRoutes.erase(it);
         return;
     }
-    const std::string who = NameOf(msg.sender) + msg.tag;
+    const std::string who = SenderName(msg.sender) + msg.tag;
     if (!rule.pid.empty() && dest.pids.erase(rule.pid) == 0) {
         AUDIT_LOG_TRACE("%s", who + " delete a path rule with pid " + rule.pid + ", but pid not found.");
     }
@@ -806,7 +801,7 @@ void AuditLog::DeliverSyscallEvent(const std::shared_ptr<AuditEvent>& event)
             continue;
         }
         for (const std::string& line : event->lines) {
-            AUDIT_LOG_TRACE("deliver syscall audit event to %s %s %s", NameOf(dest.task), dest.tag, line);
+            AUDIT_LOG_TRACE("deliver syscall audit event to %s %s %s", SenderName(dest.task), dest.tag, line);
         }
         DeliverTo(dest.task, dest.tag, event);
     }
@@ -848,7 +843,7 @@ void AuditLog::DeliverFileSystemEvent(const std::shared_ptr<AuditEvent>& event)
     for (const auto& [key, dest] : chosenFileDests_) {
         AUDIT_CPU_CHECK(kAuditTaskName);
         for (const std::string& line : event->lines) {
-            AUDIT_LOG_TRACE("deliver filesystem audit event to %s %s", NameOf(dest->task), line);
+            AUDIT_LOG_TRACE("deliver filesystem audit event to %s %s", SenderName(dest->task), line);
         }
         DeliverTo(dest->task, dest->tag, event);
     }
@@ -864,7 +859,7 @@ void AuditLog::CheckFilepathAndDeliver(const std::shared_ptr<AuditEvent>& event,
             continue;
         }
         // One message per task and tag, however many paths and ancestors match.
-        chosenFileDests_.emplace(NameOf(dest.task) + dest.tag, &dest);
+        chosenFileDests_.emplace(SenderName(dest.task) + dest.tag, &dest);
     }
 }
 

@@ -16,11 +16,6 @@ namespace {
 const std::string kDockerSocket = "/var/run/docker.sock";
 const std::string kAllModuleRules = "-D -k _task***";
 
-std::string SenderName(const Framework::Task* sender)
-{
-    return sender == nullptr ? std::string() : sender->GetName();
-}
-
 // Registers the command under key and runs it, unless the key is installed already.
 bool Install(std::map<std::string, std::string>& commands, const std::string& key, const std::string& command)
 {

@@ -17,11 +17,6 @@ constexpr int kWaitMs = 100;
 constexpr int kMessagesPerTurn = 128;
 constexpr uint64_t kScanIntervalMs = 300;
 
-std::string NameOf(const Framework::Task* task)
-{
-    return task == nullptr ? std::string() : task->GetName();
-}
-
 int Parse(const AuditSyscallCtrlMessage& msg, SyscallRule& rule)
 {
     return LinuxAuditUtil::auditDistractSyscallRule(msg, rule);
@@ -120,7 +115,7 @@ int AuditTask::Run()
 template <typename Message, typename Rule>
 int AuditTask::HandleRule(const Message& msg)
 {
-    const std::string sender = NameOf(msg.sender);
+    const std::string sender = SenderName(msg.sender);
     if (!AuditEnabled()) {
         AUDIT_LOG_ERROR("Aduit is disabled, task(%s) handle rule(%s) failed.", sender, msg.rule);
         return -1;
@@ -181,7 +176,7 @@ int AuditTask::Receive(const AuditFileSystemCtrlMessage& msg)
 
 int AuditTask::Receive(const AuditUnsubscribeMessage& msg)
 {
-    const std::string name = NameOf(msg.sender);
+    const std::string name = SenderName(msg.sender);
     AUDIT_LOG_INFO("Audit unsubscribe task(%s) monitor.", name);
     rules_.UnregisterTask(name);
     auditLog_.UnregisterTask(msg.sender);
