@@ -1,7 +1,8 @@
 #pragma once
 
+#include "SharedLookupTable.h"
+
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -24,8 +25,8 @@ enum ParameterNumber {
 };
 
 /// Field name to ParameterNumber, looked up with insert-on-miss: an unknown name is added with
-/// value 0 and so counts as pid. Touched only on the audit task's thread.
-extern std::map<std::string, ParameterNumber> parameterNumberMap;
+/// value 0 and so counts as pid.
+extern SharedLookupTable<std::string, ParameterNumber> parameterNumberMap;
 
 /// A parsed system-call subscription.
 struct SyscallRule {

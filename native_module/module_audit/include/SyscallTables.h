@@ -2,7 +2,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include "SharedLookupTable.h"
+
 #include <string>
 
 namespace Engine {
@@ -20,12 +21,12 @@ extern const size_t kSyscalls64Count;
 extern const SyscallEntry kSyscalls32[];
 extern const size_t kSyscalls32Count;
 
-/// Process-wide lookup tables built from the generated pairs at load time. Lookups by name use
-/// insert-on-miss (operator[]): an unknown name is added with number 0. Touched only on the
-/// audit task's thread.
-extern std::map<std::string, int32_t> syscallNameToNumber64;
-extern std::map<int32_t, std::string> syscallNumberToName64;
-extern std::map<std::string, int32_t> syscallNameToNumber32;
-extern std::map<int32_t, std::string> syscallNumberToName32;
+/// Process-wide lookup tables built from the generated pairs at load time. Lookups use
+/// insert-on-miss (operator[]): an unknown name is added with number 0, an unknown number with an
+/// empty name. The audit task reads them by name, the file-watch task by number, at the same time.
+extern SharedLookupTable<std::string, int32_t> syscallNameToNumber64;
+extern SharedLookupTable<int32_t, std::string> syscallNumberToName64;
+extern SharedLookupTable<std::string, int32_t> syscallNameToNumber32;
+extern SharedLookupTable<int32_t, std::string> syscallNumberToName32;
 
 }  // namespace Engine

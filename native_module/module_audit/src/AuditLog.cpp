@@ -558,8 +558,8 @@ bool AuditLog::IsChangeMode(const std::shared_ptr<AuditEvent>& event)
 {
     const auto& table = event->arch == "c000003e" ? syscallNameToNumber64 : syscallNameToNumber32;
     for (const char* name : {"chmod", "fchmod", "fchmodat"}) {
-        const auto it = table.find(name);
-        if (it != table.end() && it->second == event->syscall) {
+        int32_t number = 0;
+        if (table.Find(name, number) && number == event->syscall) {
             return true;
         }
     }

@@ -21,7 +21,7 @@
 
 namespace Engine {
 
-std::map<std::string, ParameterNumber> parameterNumberMap = {
+SharedLookupTable<std::string, ParameterNumber> parameterNumberMap = {
     {"pid", kParamPid}, {"arch", kParamArch}, {"ppid", kParamPpid}, {"key", kParamKey},
     {"success", kParamSuccess}, {"exit", kParamExit}, {"a0", kParamA0}, {"a1", kParamA1},
     {"a2", kParamA2}, {"a3", kParamA3}, {"path", kParamPath}, {"perm", kParamPerm}};
@@ -48,10 +48,10 @@ std::map<int32_t, std::string> MakeByNumber(const SyscallEntry* entries, size_t 
 
 }  // namespace
 
-std::map<std::string, int32_t> syscallNameToNumber64 = MakeByName(kSyscalls64, kSyscalls64Count);
-std::map<int32_t, std::string> syscallNumberToName64 = MakeByNumber(kSyscalls64, kSyscalls64Count);
-std::map<std::string, int32_t> syscallNameToNumber32 = MakeByName(kSyscalls32, kSyscalls32Count);
-std::map<int32_t, std::string> syscallNumberToName32 = MakeByNumber(kSyscalls32, kSyscalls32Count);
+SharedLookupTable<std::string, int32_t> syscallNameToNumber64(MakeByName(kSyscalls64, kSyscalls64Count));
+SharedLookupTable<int32_t, std::string> syscallNumberToName64(MakeByNumber(kSyscalls64, kSyscalls64Count));
+SharedLookupTable<std::string, int32_t> syscallNameToNumber32(MakeByName(kSyscalls32, kSyscalls32Count));
+SharedLookupTable<int32_t, std::string> syscallNumberToName32(MakeByNumber(kSyscalls32, kSyscalls32Count));
 
 namespace {
 
@@ -91,7 +91,8 @@ bool ApplySyscallField(const std::string& token, SyscallRule& rule)
         return false;
     }
     const std::string& value = pair[1];
-    switch (parameterNumberMap[pair[0]]) {
+    const ParameterNumber field = parameterNumberMap[pair[0]];
+    switch (field) {
     case kParamPid:
         return SetOnce(rule.pid, value);
     case kParamArch:
@@ -121,7 +122,7 @@ bool ApplySyscallField(const std::string& token, SyscallRule& rule)
     case kParamA2:
     case kParamA3: {
         std::string* const args[] = {&rule.a0, &rule.a1, &rule.a2, &rule.a3};
-        std::string& member = *args[parameterNumberMap[pair[0]] - kParamA0];
+        std::string& member = *args[field - kParamA0];
         if (!member.empty()) {
             return false;
         }
@@ -408,7 +409,10 @@ SDK::AuditFields& LinuxAuditUtil::getSyscallMsg(SDK::AuditEvent& event)
         return *fields;
     }
     AUDIT_LOG_ERROR("can not get syscall record");
-    empty.Clear();
+    // Both task threads come here; the map is only written when a caller filled it.
+    if (!empty.empty()) {
+        empty.Clear();
+    }
     return empty;
 }
 

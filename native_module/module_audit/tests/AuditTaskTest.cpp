@@ -6,53 +6,22 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <fstream>
 
 using namespace Engine;
+using TestSupport::StatusReplies;
 using TestSupport::Subscriber;
 
 namespace {
-
-// Always answers the status request with the given state and auditd pid.
-class StatusReplies : public AuditReplySource {
-public:
-    int Open() override { return 3; }
-    int RequestStatus(int) override { return 1; }
-    int Poll(int, int) override { return 1; }
-    int GetReply(int, audit_reply& reply) override
-    {
-        reply.type = 1000;
-        reply.status = &status;
-        return 1;
-    }
-    void Close(int) override {}
-    audit_status status{};
-};
 
 class AuditTaskTest : public testing::Test {
 protected:
     void SetUp() override
     {
-        const std::string exe = dir_.path() + "/auditd";
-        std::system(("cp /bin/sleep " + exe).c_str());
-        char* argv[] = {const_cast<char*>(exe.c_str()), const_cast<char*>("60"), nullptr};
-        posix_spawn(&auditd_, exe.c_str(), nullptr, nullptr, argv, nullptr);
-        replies_.status.enabled = 1;
-        replies_.status.pid = static_cast<__u32>(auditd_);
-        logFile_ = dir_.Write("audit.log", "type=DAEMON_START msg=audit(1.000:1): op=start ver=3.0.9 format=raw res=success\n");
-        conf_ = dir_.Write("auditd.conf", "log_file = " + logFile_ + "\nlog_format = RAW\n");
-        task_ = std::make_unique<AuditTask>(conf_, &replies_);
+        logFile_ = audit_.logFile;
+        task_ = std::make_unique<AuditTask>(audit_.conf, &audit_.replies);
     }
-    void TearDown() override
-    {
-        task_.reset();
-        kill(auditd_, SIGKILL);
-        waitpid(auditd_, nullptr, 0);
-    }
+    void TearDown() override { task_.reset(); }
     AuditSyscallCtrlMessage Syscall(Framework::Task* sender, const std::string& tag, const std::string& rule,
                                     const std::string& operate = "-a")
     {
@@ -65,11 +34,9 @@ protected:
     void AppendLog(const std::string& lines) { std::ofstream(logFile_, std::ios::app) << lines; }
 
     TestSupport::FakeInstallation install_;
-    TestSupport::TempDir dir_;
-    pid_t auditd_ = -1;
-    StatusReplies replies_;
+    TestSupport::FakeAuditSystem audit_;
+    StatusReplies& replies_ = audit_.replies;
     std::string logFile_;
-    std::string conf_;
     std::unique_ptr<AuditTask> task_;
 };
 
@@ -187,7 +154,7 @@ TEST_F(AuditTaskTest, TheLastUnsubscribeRemovesEverythingButTheReaderKeepsItsPla
     AuditFileSystemCtrlMessage watch(&b, "", {}, _FileNotifyOpt{});
     watch.tag = "fs";
     watch.operate = "-w";
-    watch.rule = dir_.path() + " -p wa";
+    watch.rule = audit_.dir.path() + " -p wa";
     EXPECT_EQ(task_->Receive(Syscall(&a, "x", "exit,always -S open")), 0);
     EXPECT_EQ(task_->Receive(watch), 0);
     EXPECT_EQ(task_->Rules().ruleCommands.size(), 2U);

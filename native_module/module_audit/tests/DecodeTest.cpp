@@ -12,25 +12,9 @@
 
 using namespace Engine;
 using TestSupport::EventLines;
+using TestSupport::DecodeEvent;
 
 namespace {
-
-// Decodes the lines of one event as assembly would, delivering nowhere.
-std::shared_ptr<AuditEvent> Decode(const std::vector<std::string>& lines, int* result = nullptr)
-{
-    AuditLog log(nullptr, nullptr);
-    auto event = std::make_shared<AuditEvent>();
-    for (const std::string& line : lines) {
-        if (line.find("type=PROCTITLE") == std::string::npos && line.find("type=EOE") == std::string::npos) {
-            event->lines.push_back(line);
-        }
-    }
-    const int rc = log.ParseAndDeliverLogs(event);
-    if (result != nullptr) {
-        *result = rc;
-    }
-    return event;
-}
 
 std::vector<std::string> Synthetic(const std::string& syscallFields, const std::vector<std::string>& more = {})
 {
@@ -65,7 +49,7 @@ TEST(HexConversions, FollowTheAuditEncoding)
 
 TEST(Decode, ARealRenameWithFourPathRecords)
 {
-    const auto event = Decode(EventLines("kernel-6.18-raw.log", 3543));
+    const auto event = DecodeEvent(EventLines("kernel-6.18-raw.log", 3543));
     EXPECT_EQ(event->arch, "c000003e");
     EXPECT_EQ(event->syscall, 82);
     EXPECT_EQ(event->items, 4);
@@ -89,12 +73,12 @@ TEST(Decode, ARealRenameWithFourPathRecords)
 
 TEST(Decode, HexEncodedNamesStayHexButExeIsDecoded)
 {
-    const auto created = Decode(EventLines("kernel-6.18-raw.log", 3553));
+    const auto created = DecodeEvent(EventLines("kernel-6.18-raw.log", 3553));
     ASSERT_EQ(created->paths.size(), 2U);
     EXPECT_EQ(created->paths[1].name, "2F746D702F66782F776174636865642F77697468207370616365");
     EXPECT_EQ(created->paths[1].path, created->paths[1].name.insert(0, "/tmp/fx/watched/"));
 
-    const auto event = Decode(Synthetic("arch=c000003e syscall=59 items=2 exe=2F746D702F612062 comm=\"cat\" pid=1 ppid=0",
+    const auto event = DecodeEvent(Synthetic("arch=c000003e syscall=59 items=2 exe=2F746D702F612062 comm=\"cat\" pid=1 ppid=0",
                                         {"EXECVE argc=2 a0=\"cat\" a1=78", "CWD cwd=\"/\""}));
     EXPECT_EQ(event->exe, "/tmp/a b");
     EXPECT_EQ(event->comm, "cat");
@@ -108,27 +92,27 @@ TEST(Decode, HexEncodedNamesStayHexButExeIsDecoded)
 TEST(Decode, AccessFlagsFollowTheRecordCountAndChangeOfMode)
 {
     // chmod on x86-64 with one PATH record: attribute change only.
-    const auto chmod = Decode(EventLines("kernel-6.18-raw.log", 3533));
+    const auto chmod = DecodeEvent(EventLines("kernel-6.18-raw.log", 3533));
     EXPECT_EQ(chmod->syscall, 268);  // fchmodat
     EXPECT_TRUE(chmod->attributeChange);
     EXPECT_FALSE(chmod->read || chmod->write);
     // The 32-bit chmod through int 0x80.
-    const auto chmod32 = Decode(EventLines("kernel-6.18-raw.log", 3563));
+    const auto chmod32 = DecodeEvent(EventLines("kernel-6.18-raw.log", 3563));
     EXPECT_EQ(chmod32->arch, "40000003");
     EXPECT_EQ(chmod32->syscall, 15);
     EXPECT_TRUE(chmod32->attributeChange);
     // An open of an existing file (one record) reads.
-    const auto open = Decode(Synthetic("arch=c000003e syscall=2 items=1 pid=1 ppid=0",
+    const auto open = DecodeEvent(Synthetic("arch=c000003e syscall=2 items=1 pid=1 ppid=0",
                                        {"CWD cwd=\"/tmp\"", "PATH item=0 name=\"a.txt\" nametype=NORMAL"}));
     EXPECT_TRUE(open->read);
     EXPECT_FALSE(open->write || open->attributeChange);
     EXPECT_EQ(open->paths.at(0).path, "/tmp/a.txt");
     // Without a CWD record: no paths and no flags.
-    const auto bare = Decode(Synthetic("arch=c000003e syscall=2 items=1", {"PATH item=0 name=\"/etc/passwd\""}));
+    const auto bare = DecodeEvent(Synthetic("arch=c000003e syscall=2 items=1", {"PATH item=0 name=\"/etc/passwd\""}));
     EXPECT_TRUE(bare->paths.empty());
     EXPECT_FALSE(bare->read || bare->write || bare->execute || bare->attributeChange);
     // Numbers that do not convert.
-    const auto odd = Decode(Synthetic("arch=c000003e syscall=abc", {"CWD cwd=\"/\""}));
+    const auto odd = DecodeEvent(Synthetic("arch=c000003e syscall=abc", {"CWD cwd=\"/\""}));
     EXPECT_EQ(odd->syscall, -1);
     EXPECT_EQ(odd->items, -1);
     EXPECT_TRUE(odd->write);
@@ -136,28 +120,28 @@ TEST(Decode, AccessFlagsFollowTheRecordCountAndChangeOfMode)
 
 TEST(Decode, SocketAddresses)
 {
-    const auto inet = Decode(EventLines("kernel-6.18-raw.log", 3559));
+    const auto inet = DecodeEvent(EventLines("kernel-6.18-raw.log", 3559));
     EXPECT_EQ(inet->family, 2);
     EXPECT_EQ(inet->port, 8080);
     EXPECT_EQ(inet->saddr, "127.0.0.1");
-    const auto local = Decode(EventLines("kernel-6.18-raw.log", 3560));
+    const auto local = DecodeEvent(EventLines("kernel-6.18-raw.log", 3560));
     EXPECT_EQ(local->family, 1);
     EXPECT_EQ(local->saddr, "/tmp/fx/sock");
-    const auto inet6 = Decode(EventLines("kernel-6.18-raw.log", 3561));
+    const auto inet6 = DecodeEvent(EventLines("kernel-6.18-raw.log", 3561));
     EXPECT_EQ(inet6->family, 10);
     EXPECT_EQ(inet6->port, 0);
     EXPECT_EQ(inet6->saddr, std::string(1, '\0'));
 
-    const auto lan = Decode(Synthetic("arch=c000003e syscall=42", {"SOCKADDR saddr=02000050C0A800010000000000000000"}));
+    const auto lan = DecodeEvent(Synthetic("arch=c000003e syscall=42", {"SOCKADDR saddr=02000050C0A800010000000000000000"}));
     EXPECT_EQ(lan->port, 80);
     EXPECT_EQ(lan->saddr, "192.168.0.1");
-    const auto abstract = Decode(Synthetic("arch=c000003e syscall=42", {"SOCKADDR saddr=0100006162"}));
+    const auto abstract = DecodeEvent(Synthetic("arch=c000003e syscall=42", {"SOCKADDR saddr=0100006162"}));
     EXPECT_EQ(abstract->family, 1);
     EXPECT_EQ(abstract->saddr, "");
-    const auto shortInet = Decode(Synthetic("arch=c000003e syscall=42", {"SOCKADDR saddr=02000050"}));
+    const auto shortInet = DecodeEvent(Synthetic("arch=c000003e syscall=42", {"SOCKADDR saddr=02000050"}));
     EXPECT_EQ(shortInet->family, 2);
     EXPECT_EQ(shortInet->port, 0);
-    const auto none = Decode(Synthetic("arch=c000003e syscall=42", {"SOCKADDR other=1"}));
+    const auto none = DecodeEvent(Synthetic("arch=c000003e syscall=42", {"SOCKADDR other=1"}));
     EXPECT_EQ(none->family, 0);
 }
 
@@ -165,10 +149,10 @@ TEST(Decode, EventsWithoutUsableRecordsAreDropped)
 {
     TestSupport::LogCapture log(Poco::Message::PRIO_WARNING);
     int result = -1;
-    Decode({"type=CWD msg=audit(1.000:1): cwd=\"/\""}, &result);
+    DecodeEvent({"type=CWD msg=audit(1.000:1): cwd=\"/\""}, &result);
     EXPECT_EQ(result, 1);
     EXPECT_TRUE(log.channel().Has("Find parse audit log invalid, not find SYSCALL."));
-    Decode({"garbage"}, &result);
+    DecodeEvent({"garbage"}, &result);
     EXPECT_EQ(result, 2);
     EXPECT_TRUE(log.channel().Has("Find parse audit log invalid."));
 }
@@ -207,9 +191,10 @@ std::map<unsigned long, Interpreted> InterpretWithLibauparse(const std::string& 
 
 std::string OurSyscallName(const AuditEvent& event)
 {
-    const auto& names = event.arch == "c000003e" ? syscallNumberToName64 : syscallNumberToName32;
-    const auto it = names.find(event.syscall);
-    return it == names.end() ? std::string() : it->second;
+    auto& names = event.arch == "c000003e" ? syscallNumberToName64 : syscallNumberToName32;
+    std::string name;
+    names.Find(event.syscall, name);
+    return name;
 }
 
 }  // namespace

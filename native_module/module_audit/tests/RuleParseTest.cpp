@@ -138,15 +138,17 @@ TEST(SyscallTables, HoldTheKernelNumberingWithinTheirBounds)
 {
     EXPECT_EQ(kSyscalls64Count, 320U);
     EXPECT_EQ(kSyscalls32Count, 371U);
-    EXPECT_EQ(syscallNumberToName64.begin()->second, "read");
-    EXPECT_EQ(syscallNumberToName64.rbegin()->first, 323);
-    EXPECT_EQ(syscallNumberToName64.rbegin()->second, "userfaultfd");
+    const std::map<int32_t, std::string> byNumber64 = syscallNumberToName64.Snapshot();
+    const std::map<int32_t, std::string> byNumber32 = syscallNumberToName32.Snapshot();
+    EXPECT_EQ(byNumber64.begin()->second, "read");
+    EXPECT_EQ(byNumber64.rbegin()->first, 323);
+    EXPECT_EQ(byNumber64.rbegin()->second, "userfaultfd");
     for (const int32_t gap : {317, 318, 321, 322}) {
-        EXPECT_EQ(syscallNumberToName64.count(gap), 0U) << gap;
+        EXPECT_EQ(byNumber64.count(gap), 0U) << gap;
     }
-    EXPECT_EQ(syscallNumberToName32.begin()->second, "restart_syscall");
-    EXPECT_EQ(syscallNumberToName32.rbegin()->first, 374);
-    EXPECT_EQ(syscallNumberToName32.at(374), "userfaultfd");
+    EXPECT_EQ(byNumber32.begin()->second, "restart_syscall");
+    EXPECT_EQ(byNumber32.rbegin()->first, 374);
+    EXPECT_EQ(byNumber32.at(374), "userfaultfd");
     for (const char* legacy : {"oldstat", "umount", "oldfstat", "ftime", "oldolduname", "oldlstat", "olduname",
                                "llseek", "newselect", "ugetrlimit", "ftruncate64", "fstat64", "fchown32", "fstatfs64"}) {
         EXPECT_EQ(syscallNameToNumber32.count(legacy), 1U) << legacy;
@@ -159,11 +161,11 @@ TEST(SyscallTables, HoldTheKernelNumberingWithinTheirBounds)
         {"link", {86, 9}},      {"execve", {59, 11}},     {"connect", {42, 362}},   {"chown", {92, 182}},
         {"fchown", {93, 95}},   {"fchownat", {260, 298}}, {"truncate", {76, 92}},   {"ftruncate", {77, 93}}};
     for (const auto& [name, numbers] : used) {
-        EXPECT_EQ(syscallNameToNumber64.at(name), numbers.first) << name;
-        EXPECT_EQ(syscallNameToNumber32.at(name), numbers.second) << name;
+        EXPECT_EQ(syscallNameToNumber64[name], numbers.first) << name;
+        EXPECT_EQ(syscallNameToNumber32[name], numbers.second) << name;
     }
-    EXPECT_EQ(syscallNameToNumber64.at("kexec_file_load"), 320);
-    EXPECT_EQ(syscallNameToNumber64.at("sysctl"), 156);  // "_sysctl" loses its underscore
+    EXPECT_EQ(syscallNameToNumber64["kexec_file_load"], 320);
+    EXPECT_EQ(syscallNameToNumber64["sysctl"], 156);  // "_sysctl" loses its underscore
 }
 
 TEST(SyscallTables, UnknownNamesAreAddedWithNumberZero)

@@ -1,10 +1,14 @@
 #include "TestSupport.h"
 
+#include "AuditLog.h"
 #include "AuditLogging.h"
 
 #include "sdk/DirUtils.h"
 
+#include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -123,6 +127,31 @@ std::vector<std::string> FakeInstallation::Commands() const
     return commands;
 }
 
+int StatusReplies::GetReply(int, audit_reply& reply)
+{
+    reply.type = 1000;
+    reply.status = &status;
+    return 1;
+}
+
+FakeAuditSystem::FakeAuditSystem()
+{
+    const std::string exe = dir.path() + "/auditd";
+    std::system(("cp /bin/sleep " + exe).c_str());
+    char* argv[] = {const_cast<char*>(exe.c_str()), const_cast<char*>("600"), nullptr};
+    posix_spawn(&auditd_, exe.c_str(), nullptr, nullptr, argv, nullptr);
+    replies.status.enabled = 1;
+    replies.status.pid = static_cast<__u32>(auditd_);
+    logFile = dir.Write("audit.log", "type=DAEMON_START msg=audit(1.000:1): op=start ver=3.0.9 format=raw res=success\n");
+    conf = dir.Write("auditd.conf", "log_file = " + logFile + "\nlog_format = RAW\n");
+}
+
+FakeAuditSystem::~FakeAuditSystem()
+{
+    kill(auditd_, SIGKILL);
+    waitpid(auditd_, nullptr, 0);
+}
+
 Subscriber::Subscriber(const std::string& name, size_t capacity)
     : Framework::Task(name, "test", Framework::TaskCondition::kLoop, capacity)
 {
@@ -139,6 +168,22 @@ const std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>>& 
     while (BulkConsumeMsg(1024) > 0) {
     }
     return received;
+}
+
+std::shared_ptr<Engine::AuditEvent> DecodeEvent(const std::vector<std::string>& lines, int* result)
+{
+    Engine::AuditLog log(nullptr, nullptr);
+    auto event = std::make_shared<Engine::AuditEvent>();
+    for (const std::string& line : lines) {
+        if (line.find("type=PROCTITLE") == std::string::npos && line.find("type=EOE") == std::string::npos) {
+            event->lines.push_back(line);
+        }
+    }
+    const int rc = log.ParseAndDeliverLogs(event);
+    if (result != nullptr) {
+        *result = rc;
+    }
+    return event;
 }
 
 std::vector<std::string> ReadLines(const std::string& path)

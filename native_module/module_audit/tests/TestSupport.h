@@ -5,6 +5,9 @@
 #include <Poco/Message.h>
 
 #include "AuditMessages.h"
+#include "GetAuditConfAndStatus.h"
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
@@ -67,6 +70,32 @@ public:
     TempDir dir;
 };
 
+/// Answers every audit status request with status (a status reply, type 1000).
+class StatusReplies : public Engine::AuditReplySource {
+public:
+    int Open() override { return 3; }
+    int RequestStatus(int) override { return 1; }
+    int Poll(int, int) override { return 1; }
+    int GetReply(int, audit_reply& reply) override;
+    void Close(int) override {}
+    audit_status status{};
+};
+
+/// A usable audit system without the kernel: a process whose executable is called auditd, a
+/// status that names it with audit enabled, and an auditd configuration whose log is a file here.
+class FakeAuditSystem {
+public:
+    FakeAuditSystem();
+    ~FakeAuditSystem();
+    TempDir dir;
+    StatusReplies replies;
+    std::string logFile;  ///< holds one line at the start
+    std::string conf;     ///< the configuration naming logFile
+
+private:
+    pid_t auditd_ = -1;
+};
+
 /// A subscriber task that keeps every AuditEventMessage it receives (call Drain to dispatch).
 class Subscriber : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
 public:
@@ -98,6 +127,10 @@ public:
 private:
     uint64_t state_;
 };
+
+/// Decodes the lines of one event as record assembly would, delivering nowhere; result gets
+/// ParseAndDeliverLogs' code.
+std::shared_ptr<Engine::AuditEvent> DecodeEvent(const std::vector<std::string>& lines, int* result = nullptr);
 
 /// The lines of a file, without newlines.
 std::vector<std::string> ReadLines(const std::string& path);
