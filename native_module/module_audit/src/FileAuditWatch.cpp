@@ -1,0 +1,819 @@
+#include "FileAuditWatch.h"
+
+#include "AuditConstants.h"
+#include "AuditLogging.h"
+#include "AuditUtil.h"
+#include "SyscallTables.h"
+
+#include "framework/Task.h"
+
+#include <dirent.h>
+#include <libgen.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <tuple>
+
+namespace Engine {
+
+namespace {
+
+// Bounded like the kernel's paths: a child path longer than this is not recorded.
+constexpr size_t kMaxPathLength = 4095;
+
+// The system calls of the file operations and their handlers.
+const std::pair<const char*, FileAuditWatch::Handler> kFileOperationCalls[] = {
+    {"open", &FileAuditWatch::CheckObjTypeOpen},   {"openat", &FileAuditWatch::HandleOpen},
+    {"unlink", &FileAuditWatch::CheckObjTypeRm},   {"unlinkat", &FileAuditWatch::CheckObjTypeRm},
+    {"rename", &FileAuditWatch::CheckObjTypeMove}, {"renameat", &FileAuditWatch::CheckObjTypeMove},
+    {"chmod", &FileAuditWatch::HandleChmod},       {"fchmodat", &FileAuditWatch::HandleChmod},
+    {"fchmod", &FileAuditWatch::HandleChmod},      {"link", &FileAuditWatch::HandleLink},
+    {"chown", &FileAuditWatch::HandleChown},       {"chownat", &FileAuditWatch::HandleChown},
+    {"fchownat", &FileAuditWatch::HandleChown},    {"fchown", &FileAuditWatch::HandleChown},
+    {"mkdir", &FileAuditWatch::HandleMkdir},
+};
+
+// Newer forms of the same operations, which today's tools call (mv renameat2, ln linkat, ln -s
+// symlinkat, rmdir rmdir). Their PATH records have the layout of the call each generalises.
+const std::pair<const char*, FileAuditWatch::Handler> kNewerFormCalls[] = {
+    {"renameat2", &FileAuditWatch::CheckObjTypeMove}, {"linkat", &FileAuditWatch::HandleLink},
+    {"symlink", &FileAuditWatch::HandleLink},         {"symlinkat", &FileAuditWatch::HandleLink},
+    {"mkdirat", &FileAuditWatch::HandleMkdir},        {"rmdir", &FileAuditWatch::CheckObjTypeRm},
+    {"creat", &FileAuditWatch::CheckObjTypeOpen},     {"lchown", &FileAuditWatch::HandleChown},
+};
+
+// Numbers in the event's text fields; text that does not parse reads as 0.
+unsigned long Number(const std::string& text, int base)
+{
+    return std::strtoul(text.c_str(), nullptr, base);
+}
+
+// path made absolute against cwd (when relative) and resolved.
+std::string Absolute(const std::string& path, const std::string& cwd)
+{
+    return LinuxAuditUtil::RealPathOrEmpty((path.front() == '/' ? path : cwd + "/" + path).c_str());
+}
+
+// Holds a watch lock for a scope when it could be taken.
+class Locked {
+public:
+    explicit Locked(WatchLock& lock) : lock_(lock), held_(lock.Lock()) {}
+    ~Locked()
+    {
+        if (held_) {
+            lock_.Unlock();
+        }
+    }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+    explicit operator bool() const { return held_; }
+
+private:
+    WatchLock& lock_;
+    const bool held_;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Inode index
+// ---------------------------------------------------------------------------------------------
+
+bool InodeIndex::ByInode::operator()(const Entry* a, const Entry* b) const
+{
+    return std::tie(a->second.inode, a->second.dev, a->first) < std::tie(b->second.inode, b->second.dev, b->first);
+}
+
+bool InodeIndex::ByInode::operator()(const Entry* a, const InodeKey& b) const
+{
+    return std::tie(a->second.inode, a->second.dev) < std::tie(b.inode, b.dev);
+}
+
+bool InodeIndex::ByInode::operator()(const InodeKey& a, const Entry* b) const
+{
+    return std::tie(a.inode, a.dev) < std::tie(b->second.inode, b->second.dev);
+}
+
+const InodeInfo* InodeIndex::Find(const std::string& path) const
+{
+    const auto it = paths_.find(path);
+    return it == paths_.end() ? nullptr : &it->second;
+}
+
+void InodeIndex::Set(const std::string& path, const InodeInfo& info)
+{
+    const auto [it, added] = paths_.try_emplace(path, info);
+    if (!added) {
+        byInode_.erase(&*it);  // its place in the second index depends on the old inode
+        it->second = info;
+    }
+    byInode_.insert(&*it);
+}
+
+void InodeIndex::Unlink(Map::iterator it)
+{
+    byInode_.erase(&*it);
+    paths_.erase(it);
+}
+
+bool InodeIndex::Erase(const std::string& path)
+{
+    const auto it = paths_.find(path);
+    if (it == paths_.end()) {
+        return false;
+    }
+    Unlink(it);
+    return true;
+}
+
+void InodeIndex::EraseBelow(const std::string& dir)
+{
+    // The paths below dir share the prefix dir + "/" (or dir itself when it ends in "/"), and
+    // paths with one prefix are neighbours in path order.
+    const std::string prefix = !dir.empty() && dir.back() == '/' ? dir : dir + "/";
+    auto it = paths_.lower_bound(prefix);
+    while (it != paths_.end() && it->first.compare(0, prefix.size(), prefix) == 0) {
+        if (it->first.size() > dir.size()) {
+            Unlink(it++);
+        } else {
+            ++it;
+        }
+    }
+}
+
+std::string InodeIndex::PathOf(uint64_t inode, uint64_t dev) const
+{
+    const auto it = byInode_.lower_bound(InodeKey{inode, dev});
+    if (it == byInode_.end() || (*it)->second.inode != inode || (*it)->second.dev != dev) {
+        return {};
+    }
+    return (*it)->first;
+}
+
+std::string InodeIndex::PathOfByScan(uint64_t inode, uint64_t dev) const
+{
+    for (const auto& [path, info] : paths_) {
+        if (info.inode == inode && info.dev == dev) {
+            return path;
+        }
+    }
+    return {};
+}
+
+// ---------------------------------------------------------------------------------------------
+// Locks
+// ---------------------------------------------------------------------------------------------
+
+bool WatchLock::Init()
+{
+    if (ready_) {
+        return true;
+    }
+    ready_ = pthread_mutex_init(&mutex_, nullptr) == 0;
+    return ready_;
+}
+
+void WatchLock::Destroy()
+{
+    if (ready_) {
+        pthread_mutex_destroy(&mutex_);
+        ready_ = false;
+    }
+}
+
+bool WatchLock::Lock()
+{
+    return ready_ && pthread_mutex_lock(&mutex_) == 0;
+}
+
+void WatchLock::Unlock()
+{
+    pthread_mutex_unlock(&mutex_);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Rule table
+// ---------------------------------------------------------------------------------------------
+
+FileAuditWatch::FileAuditWatch()
+{
+    InitSyscallHandlers();
+}
+
+bool FileAuditWatch::InitFileWatchLock()
+{
+    if (!ruleLock_.Init()) {
+        return false;
+    }
+    if (!thirdLock_.Init()) {
+        ruleLock_.Destroy();
+        return false;
+    }
+    if (!indexLock_.Init()) {
+        thirdLock_.Destroy();
+        ruleLock_.Destroy();
+        return false;
+    }
+    return true;
+}
+
+uint32_t FileAuditWatch::AddFileNotifyRule(FileNotifyRule rule)
+{
+    Locked lock(ruleLock_);
+    if (!lock) {
+        return 0;
+    }
+    rule.valid = true;
+    for (size_t slot = 0; slot < rules_.size(); ++slot) {
+        if (!rules_[slot].valid) {
+            rule.id = static_cast<uint32_t>(slot + 1);
+            rules_[slot] = std::move(rule);
+            return static_cast<uint32_t>(slot + 1);
+        }
+    }
+    rule.id = static_cast<uint32_t>(rules_.size() + 1);
+    rules_.push_back(std::move(rule));
+    return rules_.back().id;
+}
+
+void FileAuditWatch::RmFileNotifyRule(uint32_t id)
+{
+    Locked lock(ruleLock_);
+    if (!lock || id == 0 || id > rules_.size()) {
+        return;
+    }
+    rules_[id - 1].valid = false;
+    rules_[id - 1].path.clear();
+}
+
+bool FileAuditWatch::CompareRule(const FileNotifyRule& a, const FileNotifyRule& b)
+{
+    return a.mask == b.mask && a.path == b.path && a.recursive == b.recursive;
+}
+
+bool FileAuditWatch::CompareRuleWithTask(const FileNotifyRule& a, const FileNotifyRule& b)
+{
+    return CompareRule(a, b) && a.task == b.task;
+}
+
+bool FileAuditWatch::CheckRuleExist(const FileNotifyRule& rule) const
+{
+    for (const FileNotifyRule& held : rules_) {
+        if (CompareRuleWithTask(held, rule)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool FileAuditWatch::GetFileNotifyRuleByRule(FileNotifyRule rule, uint32_t& id)
+{
+    id = 0;
+    Locked lock(ruleLock_);
+    if (!lock) {
+        return false;
+    }
+    for (const FileNotifyRule& held : rules_) {
+        if (CompareRule(held, rule)) {
+            id = held.id;
+            return true;
+        }
+    }
+    return false;
+}
+
+namespace {
+
+FileNotifyRule RuleOf(const AuditFileSystemCtrlMessage& msg)
+{
+    FileNotifyRule rule;
+    rule.path = msg.path;
+    rule.mask = msg.events;
+    rule.recursive = msg.opt.recursive;
+    rule.task = msg.sender;
+    rule.valid = true;
+    return rule;
+}
+
+}  // namespace
+
+uint32_t FileAuditWatch::AddFileWatch(const AuditFileSystemCtrlMessage& msg)
+{
+    const FileNotifyRule rule = RuleOf(msg);
+    // Adds and removes come from the task's own thread only, so this unlocked look is safe.
+    if (CheckRuleExist(rule)) {
+        return 0;
+    }
+    const uint32_t id = AddFileNotifyRule(rule);
+    RecordInodeInfo(rule.path);
+    return id;
+}
+
+uint32_t FileAuditWatch::RmFileWatch(const AuditFileSystemCtrlMessage& msg)
+{
+    uint32_t id = 0;
+    if (GetFileNotifyRuleByRule(RuleOf(msg), id)) {
+        RmFileNotifyRule(id);
+    }
+    return id;
+}
+
+void FileAuditWatch::Send(const std::string& rule, const std::string& operate)
+{
+    auto* message = new AuditFileSystemCtrlMessage(task_, "", {}, _FileNotifyOpt{});
+    message->tag = "submodule";
+    message->operate = operate;
+    message->rule = rule;
+    if (task_ == nullptr) {
+        AUDIT_LOG_ERROR("File watch has no task, rule(%s) not sent.", rule);
+        delete message;
+        return;
+    }
+    task_->SendDirectMsg(kAuditTaskName, message);
+}
+
+void FileAuditWatch::RegisterFileRule(const std::string& rule)
+{
+    Send(rule, "-w");
+}
+
+void FileAuditWatch::UnregisterFileRule(const std::string& rule)
+{
+    Send(rule, "-W");
+}
+
+std::string FileAuditWatch::PermToStr(unsigned mask)
+{
+    std::string perm;
+    if ((mask & 1U) != 0) {
+        perm += 'r';
+    }
+    if ((mask & 2U) != 0) {
+        perm += 'w';
+    }
+    if ((mask & 4U) != 0) {
+        perm += 'x';
+    }
+    if ((mask & 8U) != 0) {
+        perm += 'a';
+    }
+    return perm;
+}
+
+std::vector<FileNotifyRule> FileAuditWatch::Rules()
+{
+    Locked lock(ruleLock_);
+    return lock ? rules_ : std::vector<FileNotifyRule>();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Inode index operations
+// ---------------------------------------------------------------------------------------------
+
+void FileAuditWatch::RecordInodeInfo(const std::string& path)
+{
+    Locked lock(indexLock_);
+    if (lock) {
+        RecordInodeInfoRecursive(path, index_);
+    }
+}
+
+void FileAuditWatch::RecordInodeInfoRecursive(const std::string& path, InodeIndex& index)
+{
+    struct stat st {};
+    if (lstat(path.c_str(), &st) != 0) {
+        return;
+    }
+    const InodeInfo info{static_cast<uint64_t>(st.st_ino), S_ISDIR(st.st_mode), static_cast<uint64_t>(st.st_dev)};
+    if (!info.isDir) {
+        index.Set(path, info);
+        return;
+    }
+    const InodeInfo* known = index.Find(path);
+    if (known != nullptr && known->inode == info.inode) {
+        return;  // scanned already: ends loops and repeated scans
+    }
+    index.Set(path, info);
+    DIR* dir = opendir(path.c_str());
+    if (dir == nullptr) {
+        return;
+    }
+    // The names are read and the directory closed before descending, so a deep tree holds one
+    // directory open at a time.
+    std::vector<std::string> children;
+    while (const dirent* entry = readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
+        std::string child = path + "/" + entry->d_name;
+        if (child.size() <= kMaxPathLength) {
+            children.push_back(std::move(child));
+        }
+    }
+    closedir(dir);
+    for (const std::string& child : children) {
+        RecordInodeInfoRecursive(child, index);
+    }
+}
+
+void FileAuditWatch::EraseInodeInfo(const std::string& path)
+{
+    Locked lock(indexLock_);
+    if (lock) {
+        EraseInodeInfoEx(path);
+    }
+}
+
+void FileAuditWatch::EraseInodeInfoEx(const std::string& path)
+{
+    const InodeInfo* info = index_.Find(path);
+    if (info == nullptr) {
+        return;
+    }
+    const bool isDir = info->isDir;
+    index_.Erase(path);
+    if (isDir) {
+        index_.EraseBelow(path);
+    }
+}
+
+std::string FileAuditWatch::GetFilePathByInode(unsigned long inode, unsigned long dev)
+{
+    Locked lock(indexLock_);
+    return lock ? GetFilePathByInodeEx(inode, dev) : std::string();
+}
+
+std::string FileAuditWatch::GetFilePathByInodeEx(unsigned long inode, unsigned long dev)
+{
+    return index_.PathOf(inode, dev);
+}
+
+bool FileAuditWatch::IsDirFile(const std::string& path)
+{
+    Locked lock(indexLock_);
+    return lock && IsDirFileEx(path);
+}
+
+bool FileAuditWatch::IsDirFileEx(const std::string& path)
+{
+    const InodeInfo* info = index_.Find(path);
+    return info != nullptr && info->isDir;
+}
+
+unsigned long FileAuditWatch::GetDevFromStr(std::string dev)
+{
+    if (dev.size() <= 2) {
+        return 0;
+    }
+    // The kernel writes major and minor in hexadecimal around a colon, two digits at least: the
+    // colon is the third character unless the major needs three (259, NVMe disks, is "103").
+    const size_t colon = dev.find(':');
+    if (colon == std::string::npos) {
+        dev.erase(2, 1);
+        return Number(dev, 16);
+    }
+    return makedev(Number(dev.substr(0, colon), 16), Number(dev.substr(colon + 1), 16));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Path tests
+// ---------------------------------------------------------------------------------------------
+
+bool FileAuditWatch::IsChildFile(const FileNotifyRule& rule, const std::string& path)
+{
+    const std::string& dir = rule.path;
+    if (dir.empty() || path.size() <= dir.size() || path.compare(0, dir.size(), dir) != 0) {
+        return false;
+    }
+    return path[dir.size()] == '/' || dir.back() == '/';
+}
+
+bool FileAuditWatch::CheckFileRecursiveEx(const std::string& path)
+{
+    Locked lock(ruleLock_);
+    if (!lock) {
+        return false;
+    }
+    for (const FileNotifyRule& rule : rules_) {
+        if (!rule.valid) {
+            continue;
+        }
+        if (rule.path == path || (rule.recursive ? IsChildFile(rule, path) : IsChildFileNoRecursive(rule.path, path))) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool FileAuditWatch::CheckFileRecursive(const std::string& path, const std::string& cwd)
+{
+    return !path.empty() && CheckFileRecursiveEx(Absolute(path, cwd));
+}
+
+bool FileAuditWatch::IsDirSame(const std::string& a, const std::string& b)
+{
+    // dirname may change its argument: it gets copies.
+    std::string copyA = a;
+    std::string copyB = b;
+    const std::string dirA = dirname(copyA.data());
+    const std::string dirB = dirname(copyB.data());
+    const size_t length = std::min(dirA.size(), dirB.size());
+    return dirA.compare(0, length, dirB, 0, length) == 0;
+}
+
+void FileAuditWatch::GetAbsPath(std::string& path, std::string& destPath, const std::string& cwd)
+{
+    if (path.empty() || destPath.empty()) {
+        return;
+    }
+    path = Absolute(path, cwd);
+    destPath = Absolute(destPath, cwd);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Notifications
+// ---------------------------------------------------------------------------------------------
+
+void FileAuditWatch::InitSyscallHandlers()
+{
+    handlers_.clear();
+    for (const auto& [name, handler] : kFileOperationCalls) {
+        handlers_.emplace(name, handler);
+    }
+    for (const auto& [name, handler] : kNewerFormCalls) {
+        handlers_.emplace(name, handler);
+    }
+}
+
+FileAuditWatch::Handler FileAuditWatch::FindHandler(const std::string& syscallName) const
+{
+    const auto it = handlers_.find(syscallName);
+    return it == handlers_.end() ? nullptr : it->second;
+}
+
+void FileAuditWatch::CheckMessageInfo(const AuditEventMessage& msg)
+{
+    const AuditEvent* event = msg.event.get();
+    if (event == nullptr || event->success == "no" || event->paths.empty()) {
+        return;  // failed calls change nothing
+    }
+    auto& names = Number(event->arch, 16) == 0xC000003EUL ? syscallNumberToName64 : syscallNumberToName32;
+    const std::string name = names[event->syscall];
+    if (name.empty()) {
+        return;
+    }
+    if (const Handler handler = FindHandler(name)) {
+        (this->*handler)(msg, name);
+    }
+    AUDIT_CPU_CHECK(kFileWatchTaskName);
+}
+
+const AuditLogPath* FileAuditWatch::FirstRecord(const AuditEvent& event)
+{
+    return event.paths.empty() ? nullptr : &event.paths.back();
+}
+
+const AuditLogPath* FileAuditWatch::SecondRecord(const AuditEvent& event)
+{
+    return event.paths.size() < 2 ? nullptr : &event.paths[event.paths.size() - 2];
+}
+
+std::string FileAuditWatch::PathOfRecord(const AuditLogPath& record)
+{
+    return GetFilePathByInode(Number(record.inode, 10), GetDevFromStr(record.dev));
+}
+
+bool FileAuditWatch::Prepare(const AuditEventMessage& msg, Extra& extra)
+{
+    if (!msg.event || msg.event->paths.empty()) {
+        return false;
+    }
+    const SDK::AuditFields& fields = LinuxAuditUtil::getSyscallMsg(msg.event->parsedEvent);
+    extra.reserve(fields.size());
+    for (const auto& [name, value] : fields) {
+        extra.emplace(name, value);
+    }
+    return !extra.empty();
+}
+
+void FileAuditWatch::CheckObjTypeOpen(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (!Prepare(msg, extra)) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    for (const AuditLogPath& record : event.paths) {
+        unsigned kind = 0;
+        if (record.nametype == "NORMAL") {
+            kind = event.comm == "touch" ? kNotifyAttrib : kNotifyModify;
+        } else if (record.nametype == "CREATE") {
+            kind = kNotifyCreate;
+        } else {
+            continue;
+        }
+        const std::string path = kind == kNotifyModify ? PathOfRecord(record) : record.name;
+        MakeEvent(path, kind, "", event.cwd, extra);
+    }
+}
+
+void FileAuditWatch::HandleOpen(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    Extra extra;
+    if (!Prepare(msg, extra)) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    AUDIT_LOG_DEBUG("type=%s", syscallName);
+    AUDIT_LOG_DEBUG("a1=%s", event.a1);
+    AUDIT_LOG_DEBUG("a2=%s", event.a2);
+    const unsigned long flags = Number(syscallName == "openat" ? event.a2 : event.a1, 16);
+    const AuditLogPath* first = FirstRecord(event);
+    if ((flags & 0x40UL) != 0 && event.items == 2) {  // O_CREAT of a new file
+        AUDIT_LOG_DEBUG("new file %s", first->name);
+        MakeEvent(first->name, kNotifyCreate, "", event.cwd, extra);
+    } else if ((flags & 0x3UL) != 0 && event.items == 1) {  // opened for writing
+        MakeEvent(PathOfRecord(*first), event.comm == "touch" ? kNotifyAttrib : kNotifyModify, "", event.cwd, extra);
+    }
+}
+
+void FileAuditWatch::HandleMkdir(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (!Prepare(msg, extra) || msg.event->items != 2) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    const std::string& path = FirstRecord(event)->name;
+    AUDIT_LOG_DEBUG("new dir  %s", path);
+    MakeEvent(path, kNotifyCreate, "", event.cwd, extra);
+}
+
+void FileAuditWatch::HandleLink(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (!Prepare(msg, extra) || msg.event->items < 1) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    MakeEvent(FirstRecord(event)->name, kNotifyCreate, "", event.cwd, extra);
+}
+
+void FileAuditWatch::CheckObjTypeRm(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (!Prepare(msg, extra)) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    for (const AuditLogPath& record : event.paths) {
+        if (record.nametype == "DELETE") {
+            MakeEvent(PathOfRecord(record), kNotifyDelete, "", event.cwd, extra);
+        }
+    }
+}
+
+void FileAuditWatch::CheckObjTypeMove(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (!Prepare(msg, extra) || msg.event->lines.size() < 5 || msg.event->paths.size() <= 1) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    std::string source = SecondRecord(event)->name;
+    std::string destination = FirstRecord(event)->name;
+    const bool sourceWatched = CheckFileRecursive(source, event.cwd);
+    const bool destinationWatched = CheckFileRecursive(destination, event.cwd);
+    if (!destinationWatched) {
+        MakeEvent(source, kNotifyMovedFrom, destination, event.cwd, extra);  // moved out of view
+    } else if (sourceWatched) {
+        GetAbsPath(source, destination, event.cwd);
+        if (IsDirSame(source, destination)) {
+            MakeEvent(source, kNotifyMove, destination, event.cwd, extra);
+        } else {
+            MakeEvent(source, kNotifyMovedFrom, destination, event.cwd, extra);
+            MakeEvent(destination, kNotifyMovedTo, "", event.cwd, extra);
+        }
+    } else {
+        MakeEvent(destination, kNotifyMovedTo, "", event.cwd, extra);
+    }
+}
+
+void FileAuditWatch::HandleChmod(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    Extra extra;
+    if (!Prepare(msg, extra)) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    AUDIT_LOG_DEBUG("type=%s", syscallName);
+    AUDIT_LOG_DEBUG("a1=%s", event.a1);
+    AUDIT_LOG_DEBUG("a2=%s", event.a2);
+    const unsigned long requested = Number(syscallName == "fchmodat" ? event.a2 : event.a1, 16);
+    if (event.items < 1) {
+        return;
+    }
+    const AuditLogPath& first = *FirstRecord(event);
+    const unsigned long mode = Number(first.mode, 8);
+    const unsigned long oldMode = mode & 0xFFFFUL;
+    const unsigned long newMode = (mode & 0xF000UL) | (requested & 0xFFFUL);
+    AUDIT_LOG_DEBUG("old attr is %lu, new attr is %lu", newMode, oldMode);
+    if (newMode == oldMode) {
+        return;
+    }
+    extra["access"] = std::to_string(newMode);
+    extra["oaccess"] = std::to_string(oldMode);
+    MakeEvent(PathOfRecord(first), kNotifyAttrib, "", event.cwd, extra);
+}
+
+void FileAuditWatch::HandleChown(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    Extra extra;
+    if (!Prepare(msg, extra)) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    AUDIT_LOG_DEBUG("type=%s", syscallName);
+    AUDIT_LOG_DEBUG("a1=%s", event.a1);
+    AUDIT_LOG_DEBUG("a2=%s", event.a2);
+    AUDIT_LOG_DEBUG("a3=%s", event.a3);
+    const bool atForm = syscallName == "chownat" || syscallName == "fchownat";
+    const unsigned long uid = Number(atForm ? event.a2 : event.a1, 16);
+    const unsigned long gid = Number(atForm ? event.a3 : event.a2, 16);
+    if (event.items != 1) {
+        return;
+    }
+    const AuditLogPath& first = *FirstRecord(event);
+    constexpr unsigned long kUnchanged = 0xFFFFFFFFUL;  // -1: the caller leaves it as it is
+    const bool uidChanged = uid != kUnchanged && uid != Number(first.ouid, 10);
+    const bool gidChanged = gid != kUnchanged && gid != Number(first.ogid, 10);
+    if (uidChanged) {
+        extra["ouid"] = first.ouid;
+        extra["cuid"] = std::to_string(uid);
+    }
+    if (gidChanged) {
+        extra["ogid"] = first.ogid;
+        extra["cgid"] = std::to_string(gid);
+    }
+    if (uidChanged || gidChanged) {
+        MakeEvent(PathOfRecord(first), kNotifyAttrib, "", event.cwd, extra);
+    }
+}
+
+void FileAuditWatch::MakeEvent(const std::string& path, unsigned mask, const std::string& destPath,
+                               const std::string& cwd, const Extra& extra)
+{
+    if (path.empty()) {
+        return;
+    }
+    const std::string target = Absolute(path, cwd);
+    if (!CheckFileRecursive(target, cwd)) {
+        return;
+    }
+    const std::string destination = destPath.empty() ? std::string() : Absolute(destPath, cwd);
+    bool isDir = IsDirFile(target);
+    switch (mask) {
+    case kNotifyCreate:
+    case kNotifyMovedTo:
+        RecordInodeInfo(target);
+        isDir = IsDirFile(target);
+        break;
+    case kNotifyMove:
+        EraseInodeInfo(target);
+        RecordInodeInfo(destination);
+        isDir = IsDirFile(destination);
+        break;
+    case kNotifyMovedFrom:
+    case kNotifyDelete:
+        EraseInodeInfo(target);
+        break;
+    default:
+        break;
+    }
+    NotifyEvent(target, mask, destination, isDir, extra);
+}
+
+void FileAuditWatch::NotifyEvent(const std::string& path, unsigned mask, const std::string& destPath, bool isDir,
+                                 const Extra& extra)
+{
+    // Sent from a copy, so no lock is held while queues are filled.
+    for (const FileNotifyRule& rule : Rules()) {
+        // Every descendant counts here whatever the rule's recursive flag; MakeEvent has already
+        // asked whether some rule covers the path.
+        if (!rule.valid || (rule.mask & mask) == 0 || (path != rule.path && !IsChildFile(rule, path)) ||
+            rule.task == nullptr) {
+            continue;
+        }
+        rule.task->SendAgileMsg(rule.task, new AuditEventMessage(rule.task, path, destPath, static_cast<int>(mask),
+                                                                 isDir, extra));
+    }
+}
+
+}  // namespace Engine

@@ -1,0 +1,84 @@
+#include "FileWatchAuditTask.h"
+
+#include "AuditConstants.h"
+#include "AuditLogging.h"
+
+namespace Engine {
+
+namespace {
+
+constexpr int kWaitMs = 3000;
+constexpr int kMessagesPerTurn = 128;
+// The audit watch asks the kernel for writes and attribute changes (w and a) whatever the
+// subscriber's mask: the mask is applied to the notifications.
+constexpr unsigned kAuditWatchPerm = 10;
+
+}  // namespace
+
+FileWatchAuditTask::FileWatchAuditTask()
+    : Framework::Task(kFileWatchTaskName, kAuditFeatureName, Framework::TaskCondition::kLoop, 1024)
+{
+}
+
+int FileWatchAuditTask::Init()
+{
+    AUDIT_LOG_INFO("Init task(%s).", GetName());
+    watch_.InitFileWatchLock();
+    watch_.SetTask(this);
+    return Framework::Task::Init();
+}
+
+int FileWatchAuditTask::Run()
+{
+    while (GetState() != Framework::kTaskStop) {
+        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) < 0) {
+            BulkConsumeMsg(kMessagesPerTurn);
+        }
+    }
+    return 0;
+}
+
+void FileWatchAuditTask::UnInit()
+{
+    AUDIT_LOG_INFO("Uninit task(%s).", GetName());
+    SendDirectMsg(kAuditTaskName, new AuditUnsubscribeMessage(this));
+    Framework::Task::UnInit();
+}
+
+int FileWatchAuditTask::Receive(const AuditEventMessage& msg)
+{
+    AUDIT_CPU_CHECK(GetName());
+    watch_.CheckMessageInfo(msg);
+    return 0;
+}
+
+int FileWatchAuditTask::Receive(const AuditFileSystemCtrlMessage& msg)
+{
+    if (msg.sender == nullptr) {
+        // Notifications would have nowhere to go.
+        AUDIT_LOG_ERROR("File watch of path(%s) without a sender task refused.", msg.path);
+        return 2;
+    }
+    const std::string rule = msg.path + " -p " + FileAuditWatch::PermToStr(kAuditWatchPerm);
+    if (msg.unwatch) {
+        if (watch_.RmFileWatch(msg) != 0) {
+            watch_.UnregisterFileRule(rule);
+        }
+    } else if (watch_.AddFileWatch(msg) != 0) {
+        watch_.RegisterFileRule(rule);
+    }
+    return 0;
+}
+
+int FileWatchAuditTask::Receive(const AuditUnsubscribeMessage& msg)
+{
+    if (msg.sender == nullptr) {
+        // Whose subscriptions would go is unknown: nothing changes.
+        AUDIT_LOG_ERROR("Unsubscribe without a sender task refused.");
+        return 2;
+    }
+    SendDirectMsg(kAuditTaskName, new AuditUnsubscribeMessage(this));
+    return 0;
+}
+
+}  // namespace Engine
