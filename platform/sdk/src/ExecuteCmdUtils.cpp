@@ -151,7 +151,19 @@ int ExecuteCmdUtils::ExecuteCmd(const std::string& cmdLine, std::string& output,
         output = "no program in command line";
         return kCannotStart;
     }
-    std::vector<std::string> args(words.begin() + static_cast<long>(first), words.end());
+    return ExecuteArgs(std::vector<std::string>(words.begin() + static_cast<long>(first), words.end()), output,
+                       maxOutput, assignments);
+}
+
+int ExecuteCmdUtils::ExecuteArgs(const std::vector<std::string>& arguments, std::string& output, size_t maxOutput,
+                                 const std::vector<std::string>& assignments)
+{
+    output.clear();
+    if (arguments.empty()) {
+        output = "no program to run";
+        return kCannotStart;
+    }
+    std::vector<std::string> args = arguments;
     std::vector<std::string> env = BuildEnvironment(assignments);
     std::vector<char*> argv = ToArgv(args);
     std::vector<char*> envp = ToArgv(env);

@@ -19,6 +19,11 @@ public:
     /// by a signal, or kCannotStart with an error text in output.
     static int ExecuteCmd(const std::string& cmdLine, std::string& output, size_t maxOutput);
 
+    /// Runs args[0] (looked up in PATH when it has no slash) with the arguments args[1...] as they
+    /// are, assignments (NAME=value) added to its environment; otherwise as ExecuteCmd.
+    static int ExecuteArgs(const std::vector<std::string>& args, std::string& output, size_t maxOutput,
+                           const std::vector<std::string>& assignments = {});
+
     /// Splits a command line into words as ExecuteCmd does. Returns false for an unterminated quote.
     static bool SplitCommandLine(const std::string& cmdLine, std::vector<std::string>& words);
 };

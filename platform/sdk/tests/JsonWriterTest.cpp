@@ -1,0 +1,125 @@
+// The JSON writer against independent oracles: Poco's JSON parser reads back what it wrote, and
+// iconv's strict UTF-8 decoder accepts every line, whatever bytes the values held.
+#include "sdk/JsonWriter.h"
+
+#include <Poco/JSON/Array.h>
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include <gtest/gtest.h>
+
+#include <iconv.h>
+
+#include <random>
+
+using SDK::JsonWriter;
+
+namespace {
+
+// True when iconv decodes all of text as UTF-8.
+bool StrictUtf8(const std::string& text)
+{
+    iconv_t cd = iconv_open("UTF-32LE", "UTF-8");
+    std::string in = text;
+    std::string out(text.size() * 4 + 4, '\0');
+    char* src = in.data();
+    char* dst = out.data();
+    size_t srcLeft = in.size();
+    size_t dstLeft = out.size();
+    const size_t rc = iconv(cd, &src, &srcLeft, &dst, &dstLeft);
+    iconv_close(cd);
+    return rc != static_cast<size_t>(-1) && srcLeft == 0;
+}
+
+// The original bytes of a value the writer wrote.
+std::string Recover(const std::string& value)
+{
+    if (value.compare(0, 4, "hex:") != 0) {
+        return value;
+    }
+    std::string bytes;
+    for (size_t i = 4; i + 1 < value.size(); i += 2) {
+        bytes.push_back(static_cast<char>(std::stoi(value.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+}  // namespace
+
+TEST(JsonWriter, WritesNestedValuesThatAParserReadsBack)
+{
+    std::string out;
+    JsonWriter json(out);
+    json.BeginObject();
+    json.Field("s", std::string("a \"quoted\" \\ path\n\t\x1d"));
+    json.Field("n", -42);
+    json.Field("u", static_cast<uint64_t>(18446744073709551615ULL));
+    json.Field("b", true);
+    json.Key("list");
+    json.BeginArray();
+    json.String("x");
+    json.BeginObject();
+    json.EndObject();
+    json.BeginArray();
+    json.EndArray();
+    json.Int(7);
+    json.EndArray();
+    json.Key("empty");
+    json.BeginObject();
+    json.EndObject();
+    json.Field("utf8", std::string("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"));
+    json.EndObject();
+    EXPECT_EQ(out.substr(0, out.find("18446744073709551615,")),
+              "{\"s\":\"a \\\"quoted\\\" \\\\ path\\n\\t\\u001D\",\"n\":-42,\"u\":");
+
+    Poco::JSON::Object::Ptr parsed = Poco::JSON::Parser().parse(out).extract<Poco::JSON::Object::Ptr>();
+    EXPECT_EQ(parsed->getValue<std::string>("s"), "a \"quoted\" \\ path\n\t\x1d");
+    EXPECT_EQ(parsed->getValue<int>("n"), -42);
+    EXPECT_TRUE(parsed->getValue<bool>("b"));
+    EXPECT_EQ(parsed->getArray("list")->size(), 4U);
+    EXPECT_EQ(parsed->getValue<std::string>("utf8"), "gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80");
+}
+
+TEST(JsonWriter, AnyBytesGiveValidUtf8FromWhichTheBytesCanBeRecovered)
+{
+    const std::string cases[] = {
+        std::string("/tmp/\xff\xfe", 7),  // the bytes of a hostile file name
+        "\xed\xa0\x80",                    // a surrogate
+        "\xc0\xaf",                        // an overlong slash
+        "\xf4\x90\x80\x80",                // past U+10FFFF
+        "\xe2\x82",                        // cut short
+        "hex:414243",                      // a value that looks encoded
+        std::string("nul\0inside", 10),
+    };
+    for (const std::string& text : cases) {
+        std::string out = "[";
+        JsonWriter::AppendString(out, text);
+        out += "]";
+        EXPECT_TRUE(StrictUtf8(out)) << out;
+        const Poco::JSON::Array::Ptr parsed = Poco::JSON::Parser().parse(out).extract<Poco::JSON::Array::Ptr>();
+        EXPECT_EQ(Recover(parsed->getElement<std::string>(0)), text) << out;
+    }
+    std::string hostile;
+    JsonWriter::AppendString(hostile, std::string("/tmp/\xff\xfe", 7));
+    EXPECT_EQ(hostile, "\"hex:2F746D702FFFFE\"");
+
+    std::mt19937 random(20261122);
+    for (int round = 0; round < 20000; ++round) {
+        std::string text(random() % 12, '\0');
+        for (char& c : text) {
+            // Mostly ASCII and UTF-8 lead and continuation bytes, so valid sequences occur too.
+            const unsigned pick = random() % 4;
+            c = static_cast<char>(pick == 0 ? 0x20 + random() % 0x60 : pick == 1 ? 0x80 + random() % 0x40
+                                  : pick == 2 ? 0xC0 + random() % 0x40 : random() % 0x100);
+        }
+        std::string out;
+        JsonWriter json(out);
+        json.BeginArray();
+        json.String(text);
+        json.EndArray();
+        ASSERT_TRUE(StrictUtf8(out)) << out;
+        const Poco::JSON::Array::Ptr parsed = Poco::JSON::Parser().parse(out).extract<Poco::JSON::Array::Ptr>();
+        ASSERT_EQ(Recover(parsed->getElement<std::string>(0)), text) << out;
+        ASSERT_EQ(out.find("hex:") == std::string::npos, JsonWriter::IsUtf8(text)) << out;
+    }
+}
