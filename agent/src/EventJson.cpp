@@ -3,6 +3,11 @@
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Object.h>
 
+#include "FileAuditWatch.h"
+
+#include "sdk/JsonWriter.h"
+
+#include <map>
 #include <sstream>
 
 namespace Agent {
@@ -86,6 +91,41 @@ std::string DecodedEventToJson(const Engine::AuditEvent& event, const std::strin
     std::ostringstream json;
     root->stringify(json);
     return json.str();
+}
+
+std::string NotificationKindName(int kind)
+{
+    switch (kind) {
+    case Engine::kNotifyModify: return "modify";
+    case Engine::kNotifyAttrib: return "attrib";
+    case Engine::kNotifyMovedFrom: return "moved_from";
+    case Engine::kNotifyMovedTo: return "moved_to";
+    case Engine::kNotifyMove: return "move";
+    case Engine::kNotifyCreate: return "create";
+    case Engine::kNotifyDelete: return "delete";
+    default: return std::to_string(kind);
+    }
+}
+
+std::string NotificationToJson(const Engine::AuditEventResult& result, const std::string& tag)
+{
+    std::string line;
+    SDK::JsonWriter json(line);
+    json.BeginObject();
+    json.Field("tag", tag);
+    json.Field("path", result.path);
+    json.Field("event", result.event);
+    json.Field("kind", NotificationKindName(result.event));
+    json.Field("isDir", result.isDir);
+    json.Field("destPath", result.destPath);
+    json.Key("extra");
+    json.BeginObject();
+    for (const auto& [name, value] : std::map<std::string, std::string>(result.extra.begin(), result.extra.end())) {
+        json.Field(name, value);
+    }
+    json.EndObject();
+    json.EndObject();
+    return line;
 }
 
 }  // namespace Agent

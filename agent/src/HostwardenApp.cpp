@@ -3,6 +3,7 @@
 #include "AuditCommand.h"
 #include "DecodeCommand.h"
 #include "ParseCommand.h"
+#include "WatchCommand.h"
 
 #include "sdk/LoggerUtils.h"
 
@@ -22,11 +23,18 @@ void HostwardenApp::defineOptions(Poco::Util::OptionSet& options)
                                                           "information, debug, trace (default information)")
                           .argument("LEVEL"));
     options.addOption(Poco::Util::Option("log-file", "", "also log to this file, rotated at 10 MB").argument("PATH"));
-    options.addOption(Poco::Util::Option("tag", "", "audit: the tag of the subscriptions (default cli)").argument("TAG"));
+    options.addOption(Poco::Util::Option("tag", "", "audit, watch: the tag of the subscriptions (default cli)")
+                          .argument("TAG"));
     options.addOption(Poco::Util::Option("watch", "", "audit: also watch PATH for writes and attribute changes "
                                                       "(repeatable)")
                           .argument("PATH")
                           .repeatable(true));
+    options.addOption(Poco::Util::Option("recursive", "", "watch: every descendant of a watched directory, not only "
+                                                          "its direct children"));
+    options.addOption(Poco::Util::Option("events", "", "watch: the notifications wanted, comma-separated: create, "
+                                                       "delete, modify, attrib, moved_from, moved_to or their "
+                                                       "numbers (default all)")
+                          .argument("LIST"));
     options.addOption(Poco::Util::Option("config", "", "read settings (hostwarden.log.level, hostwarden.log.file) "
                                                        "from a properties file")
                           .argument("FILE"));
@@ -46,6 +54,10 @@ void HostwardenApp::handleOption(const std::string& name, const std::string& val
         tag_ = value;
     } else if (name == "watch") {
         watches_.push_back(value);
+    } else if (name == "recursive") {
+        recursive_ = true;
+    } else if (name == "events") {
+        events_ = value;
     } else if (name == "config") {
         loadConfiguration(value);
     }
@@ -65,7 +77,8 @@ void HostwardenApp::ShowHelp() const
     Poco::Util::HelpFormatter help(options());
     help.setCommand(commandName());
     help.setWidth(100);
-    help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE] | audit RULE... [--tag TAG] [--watch PATH]...]");
+    help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE] | audit RULE... [--tag TAG] [--watch PATH]... |\n"
+                  "       watch PATH... [--recursive] [--events LIST] [--tag TAG]]");
     help.setHeader("hostwarden: host-security agent.\n"
                    "  run (default)   load the modules of the installation and run until SIGINT or SIGTERM\n"
                    "  parse [FILE]    print each audit event of FILE (or standard input) as one JSON line\n"
@@ -73,7 +86,10 @@ void HostwardenApp::ShowHelp() const
                    "                  print each decoded event as one JSON line\n"
                    "  audit RULE...   subscribe syscall rules (such as 'exit,always -S connect') and --watch paths\n"
                    "                  through the audit task and print each event as one JSON line until\n"
-                   "                  interrupted; the rules are removed on exit");
+                   "                  interrupted; the rules are removed on exit\n"
+                   "  watch PATH...   watch files and directories through the file-watch task and print each\n"
+                   "                  notification (create, delete, modify, attrib, moves) as one JSON line\n"
+                   "                  until interrupted; the watches are removed on exit");
     help.format(std::cout);
 }
 
@@ -100,6 +116,14 @@ int HostwardenApp::main(const std::vector<std::string>& args)
         request.watches = watches_;
         request.tag = tag_;
         return RunAuditCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
+    }
+    if (command == "watch") {
+        WatchRequest request;
+        request.paths = rest;
+        request.recursive = recursive_;
+        request.events = events_;
+        request.tag = tag_;
+        return RunWatchCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
     }
     std::cerr << "hostwarden: unknown command '" << command << "' (see --help)\n";
     return EXIT_USAGE;

@@ -13,6 +13,7 @@ namespace Agent {
 ///   hostwarden parse [FILE]   print every audit event of a log as one JSON line
 ///   hostwarden decode [FILE]  print every event the audit module decodes from a log
 ///   hostwarden audit RULE... [--tag TAG] [--watch PATH]...  print live audit events
+///   hostwarden watch PATH... [--recursive] [--events LIST] [--tag TAG]  print file notifications
 class HostwardenApp : public Framework::Engine {
 protected:
     void initialize(Poco::Util::Application& self) override;
@@ -25,6 +26,8 @@ private:
     bool helpRequested_ = false;
     std::string tag_ = "cli";
     std::vector<std::string> watches_;
+    bool recursive_ = false;
+    std::string events_;
     std::string logLevel_;
     std::string logFile_;
 };

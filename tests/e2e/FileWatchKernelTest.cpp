@@ -235,7 +235,7 @@ struct Action {
     std::vector<std::string> audit;
     std::vector<std::string> inotify;
     const char* why;
-    std::vector<std::string> auditOtherwise;  // the one other outcome a race allows, if any
+    std::vector<std::string> auditOtherwise = {};  // the one other outcome a race allows, if any
 };
 
 // clang-format off

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace E2E {
 
@@ -26,6 +27,28 @@ public:
 
 private:
     std::string home_;
+};
+
+/// A program started by a test, with its standard output and error captured.
+class Program {
+public:
+    /// Starts args[0] with args, and assignments (NAME=value) added to the environment.
+    explicit Program(const std::vector<std::string>& args, const std::vector<std::string>& assignments = {});
+    ~Program();  ///< kills it if it still runs
+    /// Reads output until text appears in standard output (out) or error (!out), within seconds.
+    bool WaitFor(const std::string& text, bool out, int seconds = 20);
+    /// Sends a signal.
+    void Signal(int signal);
+    /// Waits (at most seconds) for the exit and reads what is left; the exit status, or -1.
+    int Wait(int seconds = 30);
+    std::string out;  ///< standard output read so far
+    std::string err;  ///< standard error read so far
+
+private:
+    void Read(int timeoutMs);
+    int pid_ = -1;
+    int outFd_ = -1;
+    int errFd_ = -1;
 };
 
 /// The marker every key made by the kernel tests contains, so cleanup can find them all.
