@@ -4,13 +4,18 @@
 //   cpu       the audit task thread's processor share while 100 and 250 execve/s are audited
 //   rate      the highest log line rate the task keeps up with, how far behind it falls above it,
 //             and what a log rotation then loses
+//   filewatch file creation to its notification through the file-watch task, median and 99th
+//             percentile over 1,000 creations
 #include "AuditMessages.h"
 #include "AuditTask.h"
+#include "FileAuditWatch.h"
+#include "FileWatchAuditTask.h"
 
 #include "framework/Engine.h"
 #include "framework/Module.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
@@ -23,6 +28,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -48,7 +54,12 @@ public:
     {
         const double now = NowUs();
         std::lock_guard<std::mutex> lock(mutex);
-        if (msg.event->syscall == SYS_getpgid) {
+        if (!msg.event) {  // a file notification
+            const size_t name = msg.result.path.rfind("/f");
+            if (name != std::string::npos) {
+                arrivals.emplace_back(std::atol(msg.result.path.c_str() + name + 2), now);
+            }
+        } else if (msg.event->syscall == SYS_getpgid) {
             arrivals.emplace_back(std::stol(msg.event->a0, nullptr, 16) - kMarkerBase, now);
         } else {
             ++others;
@@ -74,7 +85,13 @@ public:
 class BenchModule : public Framework::Module {
 public:
     BenchModule(Engine::AuditTask* audit, Subscriber* sub) : Framework::Module("bench_module"), audit_(audit), sub_(sub) {}
-    int Init() override { return RegisterTask(audit_, true) == 0 && RegisterTask(sub_, true) == 0 ? 0 : -1; }
+    int Init() override
+    {
+        return RegisterTask(audit_, true) == 0 && RegisterTask(new Engine::FileWatchAuditTask, true) == 0 &&
+                       RegisterTask(sub_, true) == 0
+                   ? 0
+                   : -1;
+    }
 
 private:
     Engine::AuditTask* audit_;
@@ -141,14 +158,15 @@ bool WaitUntil(const std::function<bool()>& done, double seconds)
     return true;
 }
 
-void Latency(Subscriber& sub)
+// Runs act(i) for 1,000 events at 100 a second and reports when each arrived (by index) after it.
+void Latency(Subscriber& sub, const char* what, const std::function<void(int)>& act)
 {
     constexpr int kEvents = 1000;
     sub.Reset();
     std::vector<double> sent(kEvents);
     Paced(kEvents, 100.0, [&](int i) {
         sent[static_cast<size_t>(i)] = NowUs();
-        syscall(SYS_getpgid, kMarkerBase + i);
+        act(i);
     });
     WaitUntil([&] { return sub.Arrived() >= kEvents; }, 30);
     std::vector<double> latencies;
@@ -162,12 +180,31 @@ void Latency(Subscriber& sub)
     }
     std::sort(latencies.begin(), latencies.end());
     if (latencies.empty()) {
-        std::printf("latency: no event arrived\n");
+        std::printf("%s: nothing arrived\n", what);
         return;
     }
-    std::printf("latency: %zu of %d events, median %.1f ms, p99 %.1f ms, max %.1f ms (100 events/s)\n",
+    std::printf("%s: %zu of %d arrived, median %.1f ms, p99 %.1f ms, max %.1f ms (100 a second)\n", what,
                 latencies.size(), kEvents, latencies[latencies.size() / 2], latencies[latencies.size() * 99 / 100],
                 latencies.back());
+}
+
+// Creates files in a directory watched through the file-watch task.
+void FileWatchLatency(Subscriber& sub)
+{
+    char pattern[] = "/tmp/hw_bench_fw_XXXXXX";
+    const std::string dir = mkdtemp(pattern);
+    const auto watch = [&](bool unwatch) {
+        _FileNotifyOpt opt;
+        opt.flag6 = unwatch;
+        sub.SendDirectMsg("filewatch_audit_task", new Engine::AuditFileSystemCtrlMessage(&sub, dir, {Engine::kNotifyCreate}, opt));
+    };
+    watch(false);
+    std::this_thread::sleep_for(std::chrono::seconds(1));  // the audit watch is installed by then
+    Latency(sub, "file notification latency", [&](int i) {
+        close(open((dir + "/f" + std::to_string(i)).c_str(), O_CREAT | O_WRONLY, 0644));
+    });
+    watch(true);
+    std::system(("rm -rf " + dir).c_str());
 }
 
 void CpuShare(Subscriber& sub, double perSecond)
@@ -247,7 +284,10 @@ int main(int argc, char** argv)
     Subscribe(*sub, "exec", "exit,always -F arch=b64 -S execve -F ppid=" + self);
     std::this_thread::sleep_for(std::chrono::seconds(1));
     if (what == "all" || what == "latency") {
-        Latency(*sub);
+        Latency(*sub, "latency", [](int i) { syscall(SYS_getpgid, kMarkerBase + i); });
+    }
+    if (what == "all" || what == "filewatch") {
+        FileWatchLatency(*sub);
     }
     if (what == "all" || what == "cpu") {
         CpuShare(*sub, 100);

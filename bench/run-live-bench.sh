@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Measures the audit task against the real kernel: latency, processor share under execve load,
+# Measures the audit task against the real kernel: latency (of audit events and of file
+# notifications), processor share under execve load,
 # and the highest log line rate it keeps up with. Needs root; installs and starts auditd if needed.
-# Usage: bench/run-live-bench.sh [latency|cpu|rate|all]
+# Usage: bench/run-live-bench.sh [latency|filewatch|cpu|rate|all]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ "$(id -u)" = 0 ] || { echo "run-live-bench: needs root" >&2; exit 1; }

@@ -22,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <thread>
 #include <utility>
@@ -308,6 +309,8 @@ public:
         return out;
     }
 
+    /// The scratch directory that stands for the capture's.
+    const std::string& Root() const { return dir_.path(); }
     /// The notifications of the last Run, in order.
     const std::vector<AuditEventResult>& Results() const { return last_; }
 
@@ -378,7 +381,16 @@ TEST(FileWatchEvents, RealFileActionsGiveTheirNotifications)
         "all 256 T/watched/i386file", "created 256 T/watched/i386file",
         "all 4 T/watched/i386file",  // chmod through int 0x80 (i386 numbering)
     };
+    TestSupport::LogCapture capture(Poco::Message::PRIO_DEBUG);
     EXPECT_EQ(replay.Run({&all, &created}), expected);
+    const std::vector<std::string> logged = capture.channel().Texts();
+    const auto has = [&](const std::string& text) { return std::find(logged.begin(), logged.end(), text) != logged.end(); };
+    EXPECT_TRUE(has("old attr is 33152, new attr is 33188")) << "chmod 600 of a 0644 file: the new mode first";
+    EXPECT_TRUE(has("new dir  " + replay.Root() + "/watched/dir1"));
+    EXPECT_TRUE(has("new file " + replay.Root() + "/watched/new1"));
+    for (const char* text : {"type=fchmodat", "a1=56498ea95c20", "a2=180", "type=chown", "a3=7ff9798e55e8", "type=openat"}) {
+        EXPECT_TRUE(has(text)) << text;
+    }
 
     const AuditEventResult* chmod = FindResult(replay.Results(), kNotifyAttrib, "/new1");
     ASSERT_NE(chmod, nullptr);
@@ -500,9 +512,10 @@ private:
 
 }  // namespace
 
-// The two task threads share the process-wide tables: the audit task looks system calls up by
-// name (adding unknown names), the file-watch task by number (adding unknown numbers). The
-// thread-sanitizer build runs this; a table without its lock would be reported.
+// The process-wide tables are shared: the audit task looks system calls up by name (adding
+// unknown names), the file-watch task by number (adding unknown numbers), and any subscriber may
+// name calls on its own thread, as this test's thread does meanwhile. The thread-sanitizer build
+// runs this; a table without its lock is reported.
 TEST(FileWatchTask, RunsBesideTheAuditTaskOverTheSharedTables)
 {
     TestSupport::FakeInstallation install;
@@ -513,8 +526,18 @@ TEST(FileWatchTask, RunsBesideTheAuditTaskOverTheSharedTables)
     ASSERT_EQ(engine.AddModule(std::make_unique<BothTasks>(audit, fileWatch)), 0);
     ASSERT_EQ(engine.StartTasks(), 0);
     NamedTask sender("sender_task");
-    sender.AttachRegistry(nullptr);
     constexpr int kRounds = 300;
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done.load()) {
+            for (int i = 0; i < kRounds; ++i) {
+                std::string name;
+                syscallNumberToName64.Find(1000 + i, name);
+                int32_t number = 0;
+                syscallNameToNumber64.Find("nosuchcall" + std::to_string(i), number);
+            }
+        }
+    });
     for (int i = 0; i < kRounds; ++i) {
         // Removals of rules never added: parsed and routed (by name) without running auditctl.
         auto* removal = new AuditSyscallCtrlMessage(&sender);
@@ -532,9 +555,11 @@ TEST(FileWatchTask, RunsBesideTheAuditTaskOverTheSharedTables)
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while ((audit->PendingCount() > 0 || fileWatch->PendingCount() > 0) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::yield();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // polling a condition, with a deadline
     }
     engine.StopAll();
+    done = true;
+    reader.join();
     EXPECT_EQ(syscallNumberToName64.count(1000 + kRounds - 1), 1U) << "the file-watch task added the number";
     EXPECT_EQ(syscallNameToNumber64.count("nosuchcall" + std::to_string(kRounds - 1)), 1U);
     for (int i = 0; i < kRounds; ++i) {
