@@ -132,7 +132,10 @@ void InodeIndex::EraseBelow(const std::string& dir)
 {
     // The paths below dir share the prefix dir + "/" (or dir itself when it ends in "/"), and
     // paths with one prefix are neighbours in path order.
-    const std::string prefix = !dir.empty() && dir.back() == '/' ? dir : dir + "/";
+    if (dir.empty()) {
+        return;  // nothing lies below an empty path
+    }
+    const std::string prefix = dir.back() == '/' ? dir : dir + "/";
     auto it = paths_.lower_bound(prefix);
     while (it != paths_.end() && it->first.compare(0, prefix.size(), prefix) == 0) {
         if (it->first.size() > dir.size()) {
@@ -225,7 +228,6 @@ uint32_t FileAuditWatch::AddFileNotifyRule(FileNotifyRule rule)
     if (!lock) {
         return 0;
     }
-    rule.valid = true;
     for (size_t slot = 0; slot < rules_.size(); ++slot) {
         if (!rules_[slot].valid) {
             rule.id = static_cast<uint32_t>(slot + 1);

@@ -62,6 +62,7 @@ FileNotifyRule Rule(const std::string& path, bool recursive)
     rule.path = path;
     rule.recursive = recursive;
     rule.mask = kNotifyCreate;
+    rule.valid = true;
     return rule;
 }
 
@@ -181,26 +182,43 @@ TEST(FileWatchIndex, RecordsATreeOnceAndErasesDirectoriesWithEverythingBelow)
     EXPECT_NE(watch.Index().Find(root + "/d2"), nullptr);
 }
 
-// The second index must name exactly what the scan in path order names, whatever happened.
-TEST(FileWatchIndex, TheInodeLookupAgreesWithTheScanThroughRandomChanges)
+// The index holds what the rules say it holds, and the second index names exactly what the scan
+// in path order names, whatever happened.
+TEST(FileWatchIndex, ChangesKeepToTheRulesAndTheInodeLookupAgreesWithTheScan)
 {
-    const char* names[] = {"/w", "/w/a", "/w/a/b", "/w/b", "/w/ab", "/w/a/c", "/x", "/w/"};
+    const char* names[] = {"/w", "/w/a", "/w/a/b", "/w/b", "/w/ab", "/w/a/c", "/x", "/w/", ""};
     TestSupport::Random next(0x9E3779B97F4A7C15ULL);
     InodeIndex index;
+    std::map<std::string, uint64_t> model;  // path to inode, kept with the rules themselves
     for (int round = 0; round < 5000; ++round) {
         const std::string path = names[next() % std::size(names)];
         switch (next() % 4) {
         case 0:
-        case 1:
-            index.Set(path, InodeInfo{next() % 4, next() % 2 == 0, next() % 2});
-            break;
-        case 2:
-            index.Erase(path);
-            break;
-        default:
-            index.EraseBelow(path);
+        case 1: {
+            const InodeInfo info{next() % 4, next() % 2 == 0, next() % 2};
+            index.Set(path, info);
+            model[path] = info.inode * 2 + info.dev;
             break;
         }
+        case 2:
+            index.Erase(path);
+            model.erase(path);
+            break;
+        default: {
+            index.EraseBelow(path);
+            FileNotifyRule below;
+            below.path = path;
+            for (auto it = model.begin(); it != model.end();) {
+                it = FileAuditWatch::IsChildFile(below, it->first) ? model.erase(it) : std::next(it);
+            }
+            break;
+        }
+        }
+        std::map<std::string, uint64_t> held;
+        for (const auto& [key, info] : index.Entries()) {
+            held[key] = info.inode * 2 + info.dev;
+        }
+        ASSERT_EQ(held, model) << "round " << round;
         for (uint64_t inode = 0; inode < 4; ++inode) {
             for (uint64_t dev = 0; dev < 2; ++dev) {
                 ASSERT_EQ(index.PathOf(inode, dev), index.PathOfByScan(inode, dev)) << "round " << round;
@@ -217,20 +235,38 @@ TEST(FileWatchIndex, AuditDeviceTextsGiveTheDeviceNumber)
     EXPECT_EQ(FileAuditWatch::GetDevFromStr("08"), 0UL);
     // NVMe disks have major 259, which the kernel writes with three digits.
     EXPECT_EQ(FileAuditWatch::GetDevFromStr("103:02"), static_cast<unsigned long>(makedev(259, 2)));
+    EXPECT_EQ(FileAuditWatch::GetDevFromStr("00:1a3"), static_cast<unsigned long>(makedev(0, 0x1a3)))
+        << "a minor past 0xff, as overlay and btrfs have";
 }
 
 namespace {
 
 // Replays a real capture, moved into a scratch directory, through the file-watch engine. The
-// directories the actions work in are made for real, and their inode numbers in the capture are
-// replaced by the real ones, so the paths resolve and recording them keeps the index consistent.
-// Otherwise the index starts out knowing every entry the capture names, with its captured inode,
-// as it would had it recorded them, so lookups by inode find them.
+// directories entries are created in are made for real, and their inode numbers in the capture are
+// replaced by the real ones, so the paths resolve and recording them keeps the index consistent;
+// every other captured inode number is moved above any real one. The index starts out knowing
+// every entry the capture names, with its captured inode, as it would had it recorded them, so
+// lookups by inode find them.
 class Replay {
+    static constexpr unsigned long long kCapturedInodes = 1ULL << 40;
+
 public:
     Replay(const std::string& capture, const std::string& capturedRoot, const std::vector<std::string>& dirs)
     {
         std::vector<std::string> lines = TestSupport::ReadLines(TestSupport::FixturesDir() + capture);
+        // Captured inode numbers move far above real ones, so no real inode can meet them.
+        const std::regex inodeNumber("inode=([0-9]+)");
+        for (std::string& line : lines) {
+            std::string moved;
+            std::sregex_iterator it(line.begin(), line.end(), inodeNumber);
+            size_t copied = 0;
+            for (; it != std::sregex_iterator(); ++it) {
+                moved += line.substr(copied, static_cast<size_t>(it->position()) - copied);
+                moved += "inode=" + std::to_string(std::stoull((*it)[1]) + kCapturedInodes);
+                copied = static_cast<size_t>(it->position() + it->length());
+            }
+            line = moved + line.substr(copied);
+        }
         std::vector<std::pair<std::string, std::string>> moves{{capturedRoot, dir_.path()}};
         for (const std::string& d : dirs) {
             SDK::DirUtils::CreateDirs(dir_.path() + "/" + d);
@@ -284,6 +320,7 @@ public:
         rule.mask = mask;
         rule.recursive = recursive;
         rule.task = &sink;
+        rule.valid = true;
         watch.AddFileNotifyRule(rule);
     }
 
@@ -404,6 +441,151 @@ TEST(FileWatchEvents, RealFileActionsGiveTheirNotifications)
     EXPECT_EQ(chown->extra.at("cgid"), "1000");
 }
 
+namespace {
+
+// One event as the kernel would log it: a SYSCALL record (items = the PATH records given), a CWD,
+// and PATH records given as "name=... inode=... mode=... nametype=..." (dev fe:00 added).
+std::shared_ptr<AuditEvent> Synthetic(int syscall, const std::string& args, const std::string& comm,
+                                      const std::vector<std::string>& paths, const std::string& arch = "c000003e",
+                                      const std::string& success = "yes")
+{
+    static unsigned serial = 0;
+    const std::string stamp = "msg=audit(1795311540.000:" + std::to_string(++serial) + "): ";
+    std::vector<std::string> lines{"type=SYSCALL " + stamp + "arch=" + arch + " syscall=" + std::to_string(syscall) +
+                                   " success=" + success + " exit=0 a0=ffffff9c " + args + " items=" +
+                                   std::to_string(paths.size()) + " ppid=1 pid=2 uid=0 comm=\"" + comm +
+                                   "\" exe=\"/usr/bin/" + comm + "\" key=\"k\"",
+                                   "type=CWD " + stamp + "cwd=\"/\""};
+    for (size_t i = 0; i < paths.size(); ++i) {
+        lines.push_back("type=PATH " + stamp + "item=" + std::to_string(i) + " " + paths[i] + " dev=fe:00 ouid=0 ogid=0");
+    }
+    return TestSupport::DecodeEvent(lines);
+}
+
+// The notifications of one event, as "kind path[ -> dest][ dir]" with the directory root written as W.
+std::vector<std::string> Notify(FileAuditWatch& watch, NotifySink& sink, const std::shared_ptr<AuditEvent>& event,
+                                const std::string& root)
+{
+    AuditEventMessage msg;
+    msg.event = event;
+    watch.CheckMessageInfo(msg);
+    sink.BulkConsumeMsg(64);
+    std::vector<std::string> out;
+    const auto shorten = [&](const std::string& p) { return p.compare(0, root.size(), root) == 0 ? "W" + p.substr(root.size()) : p; };
+    for (const AuditEventResult& r : std::exchange(sink.results, {})) {
+        out.push_back(std::to_string(r.event) + " " + shorten(r.path) + (r.destPath.empty() ? "" : " -> " + shorten(r.destPath)) +
+                      (r.isDir ? " dir" : ""));
+    }
+    return out;
+}
+
+}  // namespace
+
+// The entries of the handler table that no capture reaches, and each handler's conditions: which
+// name a notification carries (the index's, by inode, or the record's), and when nothing is said.
+TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
+{
+    TestSupport::TempDir dir;
+    const std::string w = dir.path();
+    FileAuditWatch watch;
+    ASSERT_TRUE(watch.InitFileWatchLock());
+    NotifySink sink("sink");
+    FileNotifyRule rule = Rule(w, true);
+    rule.mask = kAllKinds;
+    rule.task = &sink;
+    watch.AddFileNotifyRule(rule);
+    watch.Index().Set(w + "/a", InodeInfo{100, false, 0xfe00});  // the index knows the file as a
+    watch.Index().Set(w + "/d", InodeInfo{200, true, 0xfe00});
+    const std::string b = "name=\"" + w + "/b\" inode=100 mode=0100644 nametype=NORMAL";  // its second name
+    const std::string parent = "name=\"" + w + "\" inode=1 mode=040755 nametype=PARENT";
+    using V = std::vector<std::string>;
+    struct Case {
+        const char* what;
+        std::shared_ptr<AuditEvent> event;
+        V expected;
+    };
+    const Case cases[] = {
+        {"openat for writing: named by inode", Synthetic(257, "a1=0 a2=1 a3=0", "cat", {b}), {"2 W/a"}},
+        {"open for writing: named by inode", Synthetic(2, "a1=1 a2=0 a3=0", "cat", {b}), {"2 W/a"}},
+        {"open by touch: the record's name", Synthetic(2, "a1=1 a2=0 a3=0", "touch", {b}), {"4 W/b"}},
+        {"an inode the index does not know", Synthetic(257, "a1=0 a2=1 a3=0", "cat", {"name=\"" + w + "/x\" inode=9 mode=0100644 nametype=NORMAL"}), {}},
+        {"openat read-only", Synthetic(257, "a1=0 a2=0 a3=0", "cat", {b}), {}},
+        {"openat O_CREAT with three items", Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, b, b}), {}},
+        {"chmod: named by inode", Synthetic(90, "a1=1ed a2=0 a3=0", "chmod", {b}), {"4 W/a"}},
+        {"lchown of the owner", Synthetic(94, "a1=3e8 a2=ffffffff a3=0", "chown", {b}), {"4 W/a"}},
+        {"fchownat with two items", Synthetic(260, "a1=0 a2=3e8 a3=3e8", "chown", {parent, b}), {}},
+        {"mkdirat", Synthetic(258, "a1=0 a2=1ff a3=0", "mkdir", {parent, "name=\"" + w + "/n\" inode=7 mode=040755 nametype=CREATE"}), {"256 W/n"}},
+        {"mkdir with three items", Synthetic(83, "a1=1ff a2=0 a3=0", "mkdir", {parent, parent, parent}), {}},
+        {"symlink", Synthetic(88, "a1=0 a2=0 a3=0", "ln", {parent, "name=\"/t\" nametype=UNKNOWN", "name=\"" + w + "/s\" inode=8 mode=0120777 nametype=CREATE"}), {"256 W/s"}},
+        {"rename with too few records", Synthetic(82, "a1=0 a2=0 a3=0", "mv", {parent, b}), {}},
+        {"unlinkat of a directory: named by inode", Synthetic(263, "a1=0 a2=200 a3=0", "rm", {parent, "name=\"" + w + "/gone\" inode=200 mode=040755 nametype=DELETE"}), {"512 W/d dir"}},
+        {"a failed rmdir", Synthetic(84, "a1=0 a2=0 a3=0", "rmdir", {parent, "name=\"" + w + "/a\" inode=100 mode=040755 nametype=DELETE"}, "c000003e", "no"), {}},
+        {"utimensat: not a call of the table", Synthetic(280, "a1=0 a2=0 a3=0", "touch", {b}), {}},
+        {"chmod numbered for i386", Synthetic(15, "a1=1ed a2=0 a3=0", "chmod", {b}, "40000003"), {"4 W/a"}},
+        {"the same number on x86_64 (rt_sigreturn)", Synthetic(15, "a1=1ed a2=0 a3=0", "chmod", {b}), {}},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(Notify(watch, sink, c.event, w), c.expected) << c.what;
+    }
+}
+
+// The index follows what the notifications say happened, on a real tree.
+TEST(FileWatchEvents, TheIndexFollowsCreatesMovesAndDeletes)
+{
+    TestSupport::TempDir dir;
+    const std::string w = dir.path() + "/w";
+    SDK::DirUtils::CreateDirs(w);
+    dir.Write("out/t/c", "x");
+    FileAuditWatch watch;
+    ASSERT_TRUE(watch.InitFileWatchLock());
+    NotifySink sink("sink");
+    FileNotifyRule rule = Rule(w, true);
+    rule.mask = kAllKinds;
+    rule.task = &sink;
+    watch.AddFileNotifyRule(rule);
+    watch.RecordInodeInfo(w);
+    const auto inode = [](const std::string& path) {
+        struct stat st {};
+        stat(path.c_str(), &st);
+        return "inode=" + std::to_string(st.st_ino);
+    };
+    const auto record = [](const std::string& path, const std::string& inodeText, const char* type, const char* mode = "0100644") {
+        return "name=\"" + path + "\" " + inodeText + " mode=" + mode + " nametype=" + type;
+    };
+    const std::string parent = record(w, inode(w), "PARENT", "040755");
+    const auto known = [&] {
+        std::vector<std::string> paths;
+        for (const auto& [path, info] : watch.Index().Entries()) {
+            paths.push_back((path.compare(0, w.size(), w) == 0 ? "W" + path.substr(w.size()) : path) + (info.isDir ? "/" : ""));
+        }
+        return paths;
+    };
+    using V = std::vector<std::string>;
+
+    dir.Write("w/f", "x");
+    EXPECT_EQ(Notify(watch, sink, Synthetic(257, "a1=0 a2=41 a3=1a4", "touch", {parent, record(w + "/f", inode(w + "/f"), "CREATE")}), w),
+              V{"256 W/f"});
+    EXPECT_EQ(known(), (V{"W/", "W/f"}));
+
+    const std::string f = inode(w + "/f");
+    ASSERT_EQ(std::rename((w + "/f").c_str(), (w + "/g").c_str()), 0);
+    EXPECT_EQ(Notify(watch, sink, Synthetic(82, "a1=0 a2=0 a3=0", "mv", {parent, parent, record(w + "/f", f, "DELETE"), record(w + "/g", f, "CREATE")}), w),
+              V{"192 W/f -> W/g"});
+    EXPECT_EQ(known(), (V{"W/", "W/g"}));
+
+    const std::string t = inode(dir.path() + "/out/t");
+    const std::string out = record(dir.path() + "/out", inode(dir.path() + "/out"), "PARENT", "040755");
+    ASSERT_EQ(std::rename((dir.path() + "/out/t").c_str(), (w + "/t").c_str()), 0);
+    EXPECT_EQ(Notify(watch, sink, Synthetic(82, "a1=0 a2=0 a3=0", "mv", {out, parent, record(dir.path() + "/out/t", t, "DELETE", "040755"), record(w + "/t", t, "CREATE", "040755")}), w),
+              V{"128 W/t dir"});
+    EXPECT_EQ(known(), (V{"W/", "W/g", "W/t/", "W/t/c"})) << "a directory moved into view brings its tree";
+
+    std::system(("rm -r " + w + "/t").c_str());
+    EXPECT_EQ(Notify(watch, sink, Synthetic(263, "a1=0 a2=200 a3=0", "rm", {parent, record(w + "/t", t, "DELETE", "040755")}), w),
+              V{"512 W/t dir"});
+    EXPECT_EQ(known(), (V{"W/", "W/g"}));
+}
+
 // tests/fixtures/capture.sh's filewatch scenario: ln, ln -s, mkdir, mv of a directory, rmdir,
 // open and creat with O_CREAT, a failed unlink, chmod, and a chown of the group alone.
 TEST(FileWatchEvents, TheNewerCallsOfTodaysToolsGoToTheHandlersTheyGeneralise)
@@ -439,7 +621,11 @@ public:
     AuditTaskDouble() : Framework::Task(kAuditTaskName, "test", Framework::TaskCondition::kLoop, 64) {}
     int Receive(const AuditFileSystemCtrlMessage& msg) override
     {
-        seen.push_back(msg.operate + " " + msg.rule + " tag=" + msg.tag + " from=" + SenderName(msg.sender));
+        const _FileNotifyOpt defaults;
+        const bool plain = msg.path.empty() && msg.events == 0 && !msg.unwatch && !msg.opt.recursive && msg.opt.flag7 &&
+                           msg.opt.list2.empty() && msg.opt.count == defaults.count;
+        seen.push_back(msg.operate + " " + msg.rule + " tag=" + msg.tag + " from=" + SenderName(msg.sender) +
+                       (plain ? "" : " (with the subscriber's fields)"));
         return 0;
     }
     int Receive(const AuditUnsubscribeMessage& msg) override
@@ -463,8 +649,14 @@ TEST(FileWatchTask, AsksTheAuditTaskForEachNewWatchAndEachRemovalOfAHeldOne)
     AuditTaskDouble audit;
     registry.Add(&audit);
     FileWatchAuditTask task;
+    EXPECT_EQ(task.GetName(), "filewatch_audit_task");
+    EXPECT_EQ(task.GetFeatureName(), "audit_feature");
+    EXPECT_EQ(task.GetTaskType(), 4);
+    EXPECT_EQ(task.QueueCapacity(), 1024U);
     task.AttachRegistry(&registry);
+    TestSupport::LogCapture lifecycle(Poco::Message::PRIO_INFORMATION);
     ASSERT_EQ(task.Init(), 0);
+    EXPECT_TRUE(lifecycle.channel().Has("Init task(filewatch_audit_task)."));
     TestSupport::TempDir dir;
     dir.Write("f", "x");
     NamedTask one("one_task");
@@ -482,19 +674,21 @@ TEST(FileWatchTask, AsksTheAuditTaskForEachNewWatchAndEachRemovalOfAHeldOne)
     EXPECT_TRUE(audit.Take().empty()) << "no such rule: nothing to remove";
     task.Receive(WatchMessage(&two, dir.path(), kNotifyCreate, true, true));
     EXPECT_EQ(audit.Take(), std::vector<std::string>{"-W " + wa});
+    EXPECT_EQ(task.Watch().Index().size(), 2U) << "a removal leaves the index as it is";
     EXPECT_FALSE(task.Watch().Rules()[0].valid) << "the first identical rule went, though task one held it";
 
-    TestSupport::LogCapture capture(Poco::Message::PRIO_ERROR);
+    lifecycle.channel().Clear();
     EXPECT_EQ(task.Receive(WatchMessage(nullptr, dir.path(), kNotifyCreate, true)), 2);
     EXPECT_EQ(task.Receive(AuditUnsubscribeMessage(nullptr)), 2);
     EXPECT_TRUE(audit.Take().empty()) << "messages without a sender change nothing";
-    EXPECT_EQ(capture.channel().Texts().size(), 2U);
+    EXPECT_EQ(lifecycle.channel().Texts().size(), 2U);
 
     EXPECT_EQ(task.Receive(AuditUnsubscribeMessage(&two)), 0);
     EXPECT_EQ(audit.Take(), std::vector<std::string>{"unsubscribe from=filewatch_audit_task"});
     EXPECT_TRUE(task.Watch().Rules()[1].valid) << "the watch's own rules stay";
     task.UnInit();
     EXPECT_EQ(audit.Take(), std::vector<std::string>{"unsubscribe from=filewatch_audit_task"});
+    EXPECT_TRUE(lifecycle.channel().Has("Uninit task(filewatch_audit_task)."));
 }
 
 namespace {
