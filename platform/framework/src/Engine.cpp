@@ -12,6 +12,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -59,6 +60,7 @@ int Engine::LoadModule(const std::string& libraryPath)
     }
     if (!library->hasSymbol("CreateModule")) {
         poco_warning(Log(), libraryPath + " exports no CreateModule; it is not a module, skipped.");
+        library->unload();
         return -1;
     }
     const auto create = reinterpret_cast<CreateModuleFunc>(library->getSymbol("CreateModule"));
@@ -67,10 +69,10 @@ int Engine::LoadModule(const std::string& libraryPath)
         module = create();
     } catch (const std::exception& e) {
         poco_error(Log(), "CreateModule of " + libraryPath + " failed: " + e.what());
-        return -1;
     }
     if (module == nullptr) {
         poco_error(Log(), "CreateModule of " + libraryPath + " returned no module.");
+        library->unload();
         return -1;
     }
     return Adopt(std::move(library), module);
@@ -109,6 +111,9 @@ int Engine::Adopt(std::unique_ptr<Poco::SharedLibrary> library, Module* module)
     if (rc != 0) {
         poco_error(Log(), "Init of module " + module->GetName() + " failed.");
         delete module;  // its code is still loaded: the library is unloaded only afterwards
+        if (library) {
+            library->unload();
+        }
         return -1;
     }
     std::lock_guard<std::mutex> lock(mutex_);
@@ -141,12 +146,26 @@ int Engine::StartTasks()
                 continue;
             }
             task->SetState(kTaskRunning);
-            std::thread thread([task] { task->Run(); });
+            std::thread thread([task] { RunTask(task); });
             pthread_setname_np(thread.native_handle(), task->GetName().substr(0, 15).c_str());
             loaded.tasks.push_back(Running{task, std::move(thread)});
         }
     }
     return result;
+}
+
+void Engine::RunTask(Task* task)
+{
+    // An exception that escapes a task ends that task, not the agent.
+    try {
+        task->Run();
+        return;
+    } catch (const std::exception& e) {
+        poco_error(Log(), "Task " + task->GetName() + " stopped by an exception: " + e.what());
+    } catch (...) {
+        poco_error(Log(), "Task " + task->GetName() + " stopped by an exception of unknown type.");
+    }
+    task->SetState(kTaskStop);
 }
 
 void Engine::StopAll()
@@ -170,21 +189,29 @@ void Engine::StopAll()
         }
     }
     // The last loaded module goes first: it may depend on the ones before it.
-    while (!modules_.empty()) {
-        Loaded& loaded = modules_.back();
-        const std::string name = loaded.module->GetName();
-        loaded.module->UnInit();
-        for (Task* task : loaded.module->GetTasks()) {
+    for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
+        it->module->UnInit();
+        for (Task* task : it->module->GetTasks()) {
             if (registry_.Find(task->GetName()) == task) {
                 registry_.Remove(task->GetName());
             }
         }
-        delete loaded.module;
-        loaded.module = nullptr;
-        if (loaded.library) {
-            loaded.library->unload();
+    }
+    // Every module, and with it every queue, goes before any library: a queue may still hold
+    // messages whose code lives in another module's library.
+    std::vector<std::string> names;
+    for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
+        names.push_back(it->module->GetName());
+        delete it->module;
+        it->module = nullptr;
+    }
+    for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
+        if (it->library) {
+            it->library->unload();
         }
-        modules_.pop_back();
+    }
+    modules_.clear();
+    for (const std::string& name : names) {
         poco_information(Log(), "Unloaded module " + name + ".");
     }
 }
@@ -199,19 +226,55 @@ std::vector<std::string> Engine::ModuleNames() const
     return names;
 }
 
+namespace {
+
+sigset_t AgentSignals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGQUIT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    return set;
+}
+
+}  // namespace
+
 void Engine::BlockTerminationSignals()
 {
-    sigset_t termination;
-    sigemptyset(&termination);
-    sigaddset(&termination, SIGINT);
-    sigaddset(&termination, SIGQUIT);
-    sigaddset(&termination, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+    const sigset_t set = AgentSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void Engine::ReloadModules()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (Loaded& loaded : modules_) {
+        loaded.module->Reload();
+    }
+}
+
+void Engine::RequestStop(int code)
+{
+    stopCode_.store(code);
+    kill(getpid(), SIGTERM);  // ends the sigwait of WaitForStop, whichever thread asks
 }
 
 void Engine::WaitForStop()
 {
-    waitForTerminationRequest();
+    const sigset_t set = AgentSignals();
+    for (;;) {
+        int signal = 0;
+        if (sigwait(&set, &signal) != 0) {
+            return;
+        }
+        if (signal != SIGHUP) {
+            return;
+        }
+        poco_information(Log(), "Reloading on SIGHUP.");
+        ReloadModules();
+    }
 }
 
 int Engine::main(const std::vector<std::string>& args)
@@ -230,7 +293,7 @@ int Engine::main(const std::vector<std::string>& args)
     poco_information(Log(), "Agent stopping.");
     StopAll();
     poco_information(Log(), "Agent stopped.");
-    return EXIT_OK;
+    return StopCode();
 }
 
 }  // namespace Framework

@@ -112,10 +112,12 @@ int Task::BulkConsumeMsg(int max)
         if (InterceptMsg(msg) || !msg) {
             continue;
         }
-        if (msg->MessageHandle(this) == -1) {
+        const int result = msg->MessageHandle(this);
+        if (result == -1) {
             ++unhandled_;
             HandleMsg(msg.get());
         }
+        msg->Complete(result);
     }
     return static_cast<int>(batch.size());
 }

@@ -6,7 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <stdexcept>
+#include <thread>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -82,11 +86,93 @@ TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
     unsetenv("HW_TEST_MODULE_LOG");
 }
 
-TEST(Engine, RefusesLibrariesThatAreMissingOrNotModules)
+namespace {
+
+bool Mapped(const std::string& library)
+{
+    return ReadAll("/proc/self/maps").find(library) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(Engine, RefusedLibrariesAreUnloaded)
 {
     Framework::Engine engine;
     EXPECT_EQ(engine.LoadModule("/no/such/libmodule.so"), -1);
     EXPECT_EQ(engine.LoadModule(HW_NOT_A_MODULE), -1);
+    EXPECT_FALSE(Mapped(HW_NOT_A_MODULE)) << "a library without CreateModule";
+    setenv("HW_TEST_MODULE_FAIL_INIT", "1", 1);
+    EXPECT_EQ(engine.LoadModule(HW_TEST_MODULE), -1);
+    unsetenv("HW_TEST_MODULE_FAIL_INIT");
+    EXPECT_FALSE(Mapped(HW_TEST_MODULE)) << "a module whose Init failed";
     EXPECT_EQ(engine.LoadModulesFrom("/no/such/dir"), 0);
     EXPECT_TRUE(engine.ModuleNames().empty());
+}
+
+// The library's task leaves a message of its own making in the queue of a task loaded before it;
+// that queue is destroyed with its module, which must happen while the library is still loaded.
+TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
+{
+    std::atomic<int> alive{0};
+    {
+        Framework::Engine engine;
+        auto* client = new ClientTask;
+        ASSERT_EQ(engine.AddModule(std::make_unique<ClientModule>(client)), 0);
+        setenv("HW_TEST_MODULE_UNINIT_PING", "client_task", 1);
+        ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
+        ASSERT_EQ(engine.StartTasks(), 0);
+        engine.StopAll();
+        unsetenv("HW_TEST_MODULE_UNINIT_PING");
+    }
+    EXPECT_FALSE(Mapped(HW_TEST_MODULE));
+}
+
+namespace {
+
+// Throws from its handler when pinged with a negative number.
+class ThrowingTask : public Framework::Task, public PingReceiver {
+public:
+    ThrowingTask() : Framework::Task("throwing_task", "test_feature", Framework::TaskCondition::kLoop, 64) {}
+    int OnPing(const PingMessage& msg) override
+    {
+        if (msg.seq < 0) {
+            throw std::runtime_error("bad ping");
+        }
+        return 0;
+    }
+};
+
+class TwoTasks : public Framework::Module {
+public:
+    TwoTasks(Framework::Task* a, Framework::Task* b) : Framework::Module("two_tasks"), a_(a), b_(b) {}
+    int Init() override { return RegisterTask(a_, true) == 0 && RegisterTask(b_, true) == 0 ? 0 : -1; }
+
+private:
+    Framework::Task* a_;
+    Framework::Task* b_;
+};
+
+}  // namespace
+
+TEST(Engine, AnExceptionStopsItsTaskButNotTheAgent)
+{
+    const std::string log = "/tmp/hw_engine_test_" + std::to_string(getpid());
+    Framework::Engine engine;
+    ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
+    auto* throwing = new ThrowingTask;
+    auto* client = new ClientTask;
+    ASSERT_EQ(engine.AddModule(std::make_unique<TwoTasks>(throwing, client)), 0);
+    ASSERT_EQ(engine.StartTasks(), 0);
+    ASSERT_TRUE(client->SendDirectMsg("throwing_task", new PingMessage("client_task", -1)));
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (throwing->GetState() != Framework::kTaskStop && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(throwing->GetState(), Framework::kTaskStop);
+    // The rest of the agent goes on.
+    ASSERT_TRUE(client->SendDirectMsg("echo_task", new PingMessage("client_task", 7)));
+    std::unique_lock<std::mutex> lock(client->mutex);
+    EXPECT_TRUE(client->changed.wait_for(lock, std::chrono::seconds(20), [&] { return !client->answers.empty(); }));
+    lock.unlock();
+    engine.StopAll();
 }

@@ -1,6 +1,8 @@
 // A module library used by the engine tests. Its task answers each PingMessage by sending a
 // PingMessage back to the task named in it; its life-cycle steps are appended to the file named
-// by HW_TEST_MODULE_LOG so the test can check the engine's order of calls.
+// by HW_TEST_MODULE_LOG so the test can check the engine's order of calls. With
+// HW_TEST_MODULE_FAIL_INIT set its Init fails; with HW_TEST_MODULE_UNINIT_PING set its task sends a
+// PingMessage (made by this library's code) to the task of that name when it is un-initialised.
 #include "TestMessages.h"
 
 #include "framework/Module.h"
@@ -30,6 +32,9 @@ public:
     void UnInit() override
     {
         Note("uninit task");
+        if (const char* target = std::getenv("HW_TEST_MODULE_UNINIT_PING")) {
+            SendDirectMsg(target, new PingMessage(GetName(), -1));
+        }
         Framework::Task::UnInit();
     }
     int OnPing(const PingMessage& msg) override
@@ -49,6 +54,9 @@ public:
     }
     int Init() override
     {
+        if (std::getenv("HW_TEST_MODULE_FAIL_INIT") != nullptr) {
+            return -1;
+        }
         task_ = new EchoTask;
         RegisterTask(task_, false);
         return Framework::Module::Init();

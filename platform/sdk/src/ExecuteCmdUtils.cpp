@@ -1,6 +1,7 @@
 #include "sdk/ExecuteCmdUtils.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -178,12 +179,27 @@ int ExecuteCmdUtils::ExecuteArgs(const std::vector<std::string>& arguments, std:
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
+    // Nothing of ours beyond the three standard descriptors reaches the program.
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+    // Task threads block the termination signals (the engine waits for them), and a blocked or
+    // ignored signal is inherited: the program starts with every signal unblocked and at its
+    // default, so it can be stopped.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t none;
+    sigset_t all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &all);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
     pid_t pid = -1;
     // A name without a slash is looked up in our PATH, as a shell would.
     const int rc = args[0].find('/') == std::string::npos
-                       ? posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data())
-                       : posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
+                       ? posix_spawnp(&pid, argv[0], &actions, &attributes, argv.data(), envp.data())
+                       : posix_spawn(&pid, argv[0], &actions, &attributes, argv.data(), envp.data());
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     close(fds[1]);
     if (rc != 0) {

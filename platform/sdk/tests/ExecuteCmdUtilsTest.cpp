@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
+#include <thread>
 
 using SDK::ExecuteCmdUtils;
 
@@ -91,4 +95,36 @@ TEST(ExecuteCmd, AProgramThatCannotStartGives127AndSaysWhy)
     out = RunLine("/bin/echo 'unterminated", &status);
     EXPECT_EQ(status, 127);
     EXPECT_NE(out.find("quote"), std::string::npos);
+}
+
+// Task threads block SIGINT and SIGTERM; a program they start must still be stoppable, and must
+// see none of the agent's descriptors.
+TEST(ExecuteCmd, ProgramsStartWithDefaultSignalsAndOnlyTheStandardDescriptors)
+{
+    std::string status;
+    std::string descriptors;
+    std::thread([&] {
+        sigset_t termination;
+        sigemptyset(&termination);
+        sigaddset(&termination, SIGINT);
+        sigaddset(&termination, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &termination, nullptr);
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        struct sigaction before {};
+        sigaction(SIGPIPE, &ignore, &before);
+        const int leaked = open("/dev/null", O_RDONLY);  // without O_CLOEXEC
+        status = RunLine("grep -E ^Sig(Blk|Ign) /proc/self/status");
+        descriptors = RunLine("ls /proc/self/fd");
+        close(leaked);
+        sigaction(SIGPIPE, &before, nullptr);
+    }).join();
+    // The standard signals (1 to 31); glibc's posix_spawn leaves its own two internal ones ignored.
+    const auto mask = [&](const char* name) {
+        const size_t at = status.find(name);
+        return at == std::string::npos ? ~0ULL : std::stoull(status.substr(at + 8, 16), nullptr, 16) & 0x7fffffffULL;
+    };
+    EXPECT_EQ(mask("SigBlk:"), 0ULL) << status;
+    EXPECT_EQ(mask("SigIgn:"), 0ULL) << status;
+    EXPECT_EQ(descriptors, "0\n1\n2\n3\n") << "3 is ls's own directory";
 }

@@ -51,8 +51,19 @@ public:
     /// The names of the running tasks' modules, in load order.
     std::vector<std::string> ModuleNames() const;
 
-    /// Blocks SIGINT, SIGQUIT and SIGTERM for the calling thread and the threads it starts later,
-    /// so they reach waitForTerminationRequest instead of ending the process on any thread.
+    /// Calls every module's Reload.
+    void ReloadModules();
+    /// Ends the wait of the agent's main job (as SIGTERM does), which then exits with code.
+    void RequestStop(int code);
+    /// The exit code a RequestStop asked for (EXIT_OK when none did).
+    int StopCode() const { return stopCode_.load(); }
+
+    /// The agent's configuration file, for modules that read their settings from it (empty: none).
+    const std::string& ConfigurationFile() const { return configurationFile_; }
+    void SetConfigurationFile(const std::string& path) { configurationFile_ = path; }
+
+    /// Blocks SIGINT, SIGQUIT, SIGTERM and SIGHUP for the calling thread and the threads it starts
+    /// later, so they reach WaitForStop instead of ending the process on any thread.
     static void BlockTerminationSignals();
 
 protected:
@@ -60,7 +71,8 @@ protected:
     /// stop cleanly.
     int main(const std::vector<std::string>& args) override;
 
-    /// Blocks until the process is asked to terminate (overridable for tests).
+    /// Blocks until the process is asked to terminate (SIGINT, SIGQUIT, SIGTERM or RequestStop);
+    /// a SIGHUP meanwhile reloads the modules (overridable for tests).
     virtual void WaitForStop();
 
 private:
@@ -68,6 +80,8 @@ private:
         Task* task;
         std::thread thread;
     };
+    // A task's thread: Run, with whatever escapes it caught, logged, and the task stopped.
+    static void RunTask(Task* task);
     struct Loaded {
         std::unique_ptr<Poco::SharedLibrary> library;  // null for modules made in-process
         Module* module;
@@ -77,6 +91,8 @@ private:
 
     mutable std::mutex mutex_;
     std::vector<Loaded> modules_;
+    std::string configurationFile_;
+    std::atomic<int> stopCode_{EXIT_OK};
     TaskRegistry registry_;
     static std::atomic<Engine*> current_;
 };

@@ -22,6 +22,9 @@ public:
     virtual int Init();
     /// Called by the engine after every task has stopped and been un-initialised.
     virtual void UnInit();
+    /// Called by the engine when the agent is asked to reload (SIGHUP): reopen files and the like.
+    /// Runs on the engine's thread while the tasks run.
+    virtual void Reload() {}
 
     /// Adds a task to the module; with frameworkOwns the module base destroys it. Returns 0, or
     /// -1 for a null task or a name the module already has.
