@@ -4,19 +4,19 @@
 
 namespace Framework {
 
-bool MessageReceipt::Wait(int timeoutMs, int& result)
+MessageReceipt::Outcome MessageReceipt::Wait(int timeoutMs, int& result)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return state_ != State::kPending; });
+    changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return outcome_ != Outcome::kPending; });
     result = result_;
-    return state_ == State::kHandled;
+    return outcome_;
 }
 
 void MessageReceipt::Handled(int result)
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        state_ = State::kHandled;
+        outcome_ = Outcome::kHandled;
         result_ = result;
     }
     changed_.notify_all();
@@ -26,10 +26,10 @@ void MessageReceipt::Dropped()
 {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        if (state_ != State::kPending) {
+        if (outcome_ != Outcome::kPending) {
             return;
         }
-        state_ = State::kDropped;
+        outcome_ = Outcome::kDropped;
     }
     changed_.notify_all();
 }

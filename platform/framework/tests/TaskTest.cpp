@@ -158,3 +158,44 @@ TEST(EventWaiter, ReturnsAtOnceForWaitingMessagesAndForAStop)
     stopper.join();
     EXPECT_EQ(task.GetState(), Framework::kTaskStop);
 }
+
+TEST(Task, AReceiptTellsTheReceiversAnswerOrThatTheMessageWasDropped)
+{
+    Framework::TaskRegistry registry;
+    RecordingTask receiver("receiver", 1);
+    PlainTask plain;
+    registry.Add(&receiver);
+    registry.Add(&plain);
+    RecordingTask sender("sender");
+    sender.AttachRegistry(&registry);
+    const auto send = [&](const std::string& to) {
+        auto receipt = std::make_shared<Framework::MessageReceipt>();
+        auto* msg = new PingMessage("sender", 1);
+        msg->AttachReceipt(receipt);
+        sender.SendDirectMsg(to, msg);
+        return receipt;
+    };
+    using Outcome = Framework::MessageReceipt::Outcome;
+    int result = 0;
+    const auto handled = send("receiver");
+    const auto full = send("receiver");  // a queue of one
+    EXPECT_EQ(full->Wait(0, result), Outcome::kDropped);
+    EXPECT_EQ(handled->Wait(0, result), Outcome::kPending) << "still queued";
+    receiver.BulkConsumeMsg(8);
+    EXPECT_EQ(handled->Wait(0, result), Outcome::kHandled);
+    EXPECT_EQ(result, 7);
+    EXPECT_EQ(send("nobody")->Wait(0, result), Outcome::kDropped);
+    const auto refused = send("plain");
+    plain.BulkConsumeMsg(8);
+    EXPECT_EQ(refused->Wait(0, result), Outcome::kHandled) << "handled, though refused";
+    EXPECT_EQ(result, -1);
+    std::shared_ptr<Framework::MessageReceipt> unhandled;
+    {
+        RecordingTask doomed("doomed");
+        registry.Add(&doomed);
+        unhandled = send("doomed");
+        registry.Remove("doomed");
+        EXPECT_EQ(unhandled->Wait(0, result), Outcome::kPending);
+    }
+    EXPECT_EQ(unhandled->Wait(0, result), Outcome::kDropped) << "taken down with its queue";
+}

@@ -10,18 +10,22 @@ namespace Framework {
 /// receiver's result) or dropped (no such task, a full queue, or taken down unhandled at stop).
 class MessageReceipt {
 public:
-    /// Waits at most timeoutMs for the outcome. True when the message was handled, with the
-    /// receiver's result in result; false when it was dropped or the time ran out.
-    bool Wait(int timeoutMs, int& result);
+    enum class Outcome {
+        kPending,  ///< neither yet
+        kHandled,  ///< the receiver handled it; its answer is the result
+        kDropped,  ///< it never reached a receiver
+    };
+
+    /// Waits at most timeoutMs for the outcome; result gets the receiver's answer when handled.
+    Outcome Wait(int timeoutMs, int& result);
 
     void Handled(int result);
     void Dropped();
 
 private:
-    enum class State { kPending, kHandled, kDropped };
     std::mutex mutex_;
     std::condition_variable changed_;
-    State state_ = State::kPending;
+    Outcome outcome_ = Outcome::kPending;
     int result_ = 0;
 };
 
