@@ -12,6 +12,9 @@
 #include <unordered_map>
 #include <vector>
 
+// Everything here is defined in this header: other modules use these messages without linking
+// the module's code.
+
 /// Options of a file watch, shared with the agent's other file-notification users. The audit
 /// module reads only `recursive` and, through AuditFileSystemCtrlMessage::unwatch, the sixth flag.
 struct HW_AUDIT_API _FileNotifyOpt {
@@ -90,7 +93,20 @@ public:
     /// events are OR-ed into one mask. Of opt only the recursive flag, the second, fifth and
     /// sixth flags are taken (the sixth as unwatch); everything else keeps its default.
     AuditFileSystemCtrlMessage(Framework::Task* from, const std::string& watchPath, std::vector<unsigned int> eventCodes,
-                               const _FileNotifyOpt& options);
+                               const _FileNotifyOpt& options)
+        : sender(from)
+    {
+        for (const unsigned int code : eventCodes) {
+            events |= code;
+        }
+        path = watchPath;
+        // Only these option bytes travel with the message; lists, counters and the other flags
+        // keep their defaults whatever the caller set.
+        unwatch = options.flag6;
+        opt.recursive = options.recursive;
+        opt.flag2 = options.flag2;
+        opt.flag5 = options.flag5;
+    }
 
     Framework::Task* sender;  ///< the subscriber; not owned
     std::string tag;
@@ -116,8 +132,16 @@ class HW_AUDIT_API AuditEventMessage : public AbstructMessage<AuditEventMessage>
 public:
     AuditEventMessage() = default;
     /// A file notification; the sender is not stored.
-    AuditEventMessage(Framework::Task* from, const std::string& path, const std::string& destPath, int event, bool isDir,
-                      const std::unordered_map<std::string, std::string>& extra);
+    AuditEventMessage(Framework::Task* from, const std::string& path, const std::string& destPath, int eventCode,
+                      bool isDir, const std::unordered_map<std::string, std::string>& extra)
+    {
+        (void)from;
+        result.path = path;
+        result.destPath = destPath;
+        result.event = eventCode;
+        result.isDir = isDir;
+        result.extra = extra;
+    }
 
     std::string tag;                    ///< tag of the matching subscription
     std::shared_ptr<AuditEvent> event;  ///< the decoded event, shared by every message made of it

@@ -44,7 +44,7 @@ public:
     int Receive(const AuditSyscallCtrlMessage& msg) override;
     /// Subscribes or removes a file-system rule. 0 handled, 2 rule rejected, -1 audit disabled.
     int Receive(const AuditFileSystemCtrlMessage& msg) override;
-    /// Removes everything of the sender. 0.
+    /// Removes everything of the sender. 0, or 2 (and nothing removed) for a message without one.
     int Receive(const AuditUnsubscribeMessage& msg) override;
 
     /// The cached probe result (probed on first use after Init).

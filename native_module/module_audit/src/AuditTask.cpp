@@ -176,6 +176,11 @@ int AuditTask::Receive(const AuditFileSystemCtrlMessage& msg)
 
 int AuditTask::Receive(const AuditUnsubscribeMessage& msg)
 {
+    if (msg.sender == nullptr) {
+        // The empty name would match every key: every subscriber's rules would go.
+        AUDIT_LOG_ERROR("Unsubscribe without a sender task refused.");
+        return 2;
+    }
     const std::string name = SenderName(msg.sender);
     AUDIT_LOG_INFO("Audit unsubscribe task(%s) monitor.", name);
     rules_.UnregisterTask(name);

@@ -159,6 +159,16 @@ TEST_F(AuditTaskTest, TheLastUnsubscribeRemovesEverythingButTheReaderKeepsItsPla
     EXPECT_EQ(task_->Receive(watch), 0);
     EXPECT_EQ(task_->Rules().ruleCommands.size(), 2U);
 
+    // Without a sender the empty name would match every key ("-D -k ***"): refused.
+    const size_t calls = install_.Commands().size();
+    {
+        TestSupport::LogCapture capture(Poco::Message::PRIO_ERROR);
+        EXPECT_EQ(task_->Receive(AuditUnsubscribeMessage(nullptr)), 2);
+        EXPECT_TRUE(capture.channel().Has("Unsubscribe without a sender task refused."));
+    }
+    EXPECT_EQ(install_.Commands().size(), calls);
+    EXPECT_EQ(task_->Rules().ruleCommands.size(), 2U);
+
     EXPECT_EQ(task_->Receive(AuditUnsubscribeMessage(&a)), 0);
     EXPECT_EQ(install_.Commands().back(), "[-D][-k][a_task***]");
     EXPECT_EQ(task_->Rules().ruleCommands.size(), 1U);

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "framework/Module.h"
+
+namespace Engine {
+
+class AuditTask;
+class FileWatchAuditTask;
+
+/// The audit module: it creates, registers and owns the audit task and the file-watch task; the
+/// framework runs them.
+class AuditModule : public Framework::Module {
+public:
+    AuditModule();
+    /// Destroys the audit task, then the file-watch task.
+    ~AuditModule() override;
+
+    /// Creates and registers both tasks. The base's result, or -1 when a task cannot be allocated.
+    int Init() override;
+    /// Withdraws both tasks' name routes.
+    void UnInit() override;
+
+private:
+    AuditTask* auditTask_ = nullptr;
+    FileWatchAuditTask* fileWatchTask_ = nullptr;
+};
+
+}  // namespace Engine
+
+/// The module library's entry point: a new audit module, owned by the caller.
+extern "C" Framework::Module* CreateModule();

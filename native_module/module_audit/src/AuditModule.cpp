@@ -1,0 +1,56 @@
+#include "AuditModule.h"
+
+#include "AuditConstants.h"
+#include "AuditLogging.h"
+#include "AuditTask.h"
+#include "FileWatchAuditTask.h"
+
+#include <new>
+
+namespace Engine {
+
+AuditModule::AuditModule() : Framework::Module(kAuditModuleName) {}
+
+AuditModule::~AuditModule()
+{
+    delete auditTask_;
+    auditTask_ = nullptr;
+    delete fileWatchTask_;
+    fileWatchTask_ = nullptr;
+}
+
+int AuditModule::Init()
+{
+    AUDIT_LOG_INFO("Init audit module.");
+    auditTask_ = new (std::nothrow) AuditTask();
+    if (auditTask_ == nullptr) {
+        AUDIT_LOG_ERROR("New task(%s) failed.", kAuditTaskName);
+        return -1;
+    }
+    RegisterTask(auditTask_, false);
+    fileWatchTask_ = new (std::nothrow) FileWatchAuditTask();
+    if (fileWatchTask_ == nullptr) {
+        AUDIT_LOG_ERROR("New task(%s) failed.", kFileWatchTaskName);
+        UnRegisterTask(kAuditTaskName);
+        delete auditTask_;
+        auditTask_ = nullptr;  // so the destructor does not destroy it a second time
+        return -1;
+    }
+    RegisterTask(fileWatchTask_, false);
+    return Framework::Module::Init();
+}
+
+void AuditModule::UnInit()
+{
+    AUDIT_LOG_INFO("Uninit audit module.");
+    UnRegisterTaskletCallback(kAuditTaskName);
+    UnRegisterTaskletCallback(kFileWatchTaskName);
+    Framework::Module::UnInit();
+}
+
+}  // namespace Engine
+
+extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule()
+{
+    return new Engine::AuditModule;
+}
