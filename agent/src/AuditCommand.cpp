@@ -1,12 +1,12 @@
 #include "AuditCommand.h"
 
+#include "AgentConfig.h"
 #include "EventJson.h"
 #include "LiveSession.h"
+#include "RuleLint.h"
 
 #include "AuditConstants.h"
 #include "AuditMessages.h"
-#include "AuditRules.h"
-#include "AuditUtil.h"
 
 #include <mutex>
 #include <ostream>
@@ -17,6 +17,7 @@ namespace {
 
 // Ends in "_task", so the module's clean-up ("-D -k _task***") also finds what it leaves.
 const std::string kCliTaskName = "audit_cli_task";
+const std::string kCommand = "hostwarden audit";
 
 }  // namespace
 
@@ -24,43 +25,37 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
                     std::ostream& out, std::ostream& err)
 {
     if (request.rules.empty() && request.watches.empty()) {
-        err << "hostwarden audit: give at least one rule or --watch PATH\n";
+        err << kCommand << ": give at least one rule or --watch PATH\n";
         return 2;
     }
-    // Refuse bad rule texts before anything is installed, with the module's own parser.
+    // What the module would accept and never match is refused before anything is installed.
     std::vector<std::string> keys;
     for (const std::string& text : request.rules) {
-        Engine::AuditSyscallCtrlMessage probe;
-        probe.rule = text;
-        Engine::SyscallRule rule;
-        int result = Engine::kRuleRejected;
-        try {
-            result = Engine::LinuxAuditUtil::auditDistractSyscallRule(probe, rule);
-        } catch (const std::exception&) {
-        }
-        if (result != Engine::kRuleParsed) {
-            err << "hostwarden audit: refused rule '" << text
-                << "' (expected LIST,ACTION then -S NAME[,NAME], -F NAME=VALUE and -k KEY options)\n";
+        RuleOutline outline;
+        std::string problem;
+        if (!LintSyscallRule(text, outline, problem)) {
+            err << kCommand << ": refused rule '" << text << "': " << problem << "\n";
             return 1;
         }
-        keys.push_back(Engine::getRuleKey(kCliTaskName, request.tag, rule));
+        keys.push_back(SyscallRuleKey(kCliTaskName, request.tag, outline));
     }
-    for (const std::string& path : request.watches) {
-        if (path.empty() || path[0] != '/') {
-            err << "hostwarden audit: a watched path must be absolute: '" << path << "'\n";
+    std::vector<std::string> watches;
+    for (const std::string& given : request.watches) {
+        std::string path;
+        std::string problem;
+        if (!Export::WatchablePath(given, path, problem)) {
+            err << kCommand << ": " << problem << "\n";
             return 1;
         }
-        Engine::FileSystemRule rule;
-        rule.path = path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path;
-        rule.perm = "wa";
-        keys.push_back(Engine::getRuleKey(kCliTaskName, request.tag, rule));
+        watches.push_back(path);
+        keys.push_back(kCliTaskName + "***" + request.tag + "***" + path + "***wapidppid");
     }
 
     std::mutex outMutex;
-    LiveSession session(engine, err);
+    LiveSession session(engine, kCommand, err);
     const bool started = session.Start(kCliTaskName, [&](const Engine::AuditEventMessage& msg) {
         if (msg.event) {
-            const std::string line = DecodedEventToJson(*msg.event, msg.tag);
+            const std::string line = Export::DecodedEventToJson(*msg.event, msg.tag);
             std::lock_guard<std::mutex> lock(outMutex);
             out << line << std::endl;
         }
@@ -68,23 +63,24 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
     if (!started) {
         return 1;
     }
+    bool accepted = true;
     for (const std::string& text : request.rules) {
         auto* msg = new Engine::AuditSyscallCtrlMessage(session.Subscriber());
         msg->tag = request.tag;
         msg->operate = "-a";
         msg->rule = text;
-        session.Send(Engine::kAuditTaskName, msg);
+        accepted = session.Accepted(session.Send(Engine::kAuditTaskName, msg), "rule '" + text + "'") && accepted;
     }
-    for (const std::string& path : request.watches) {
+    for (const std::string& path : watches) {
         auto* msg = new Engine::AuditFileSystemCtrlMessage(session.Subscriber(), path, {}, _FileNotifyOpt{});
         msg->tag = request.tag;
         msg->operate = "-w";
         msg->rule = path + " -p wa";
-        session.Send(Engine::kAuditTaskName, msg);
+        accepted = session.Accepted(session.Send(Engine::kAuditTaskName, msg), "the watch of " + path) && accepted;
     }
-    const bool installed = session.WaitForKernelKeys(keys, true);
+    const bool installed = accepted && session.WaitForKernelKeys(keys, true);
     if (installed) {
-        err << "hostwarden audit: " << keys.size() << " subscription(s) installed; printing events until interrupted\n";
+        err << kCommand << ": " << keys.size() << " subscription(s) installed; printing events until interrupted\n";
         waitForStop();
     }
     session.Send(Engine::kAuditTaskName, new Engine::AuditUnsubscribeMessage(session.Subscriber()));

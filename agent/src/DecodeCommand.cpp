@@ -25,7 +25,7 @@ public:
     int Receive(const Engine::AuditEventMessage& msg) override
     {
         if (msg.event) {
-            out_ << DecodedEventToJson(*msg.event) << "\n";
+            out_ << Export::DecodedEventToJson(*msg.event) << "\n";
         }
         return 0;
     }

@@ -3,6 +3,7 @@
 #include "AuditCommand.h"
 #include "DecodeCommand.h"
 #include "ParseCommand.h"
+#include "RunCommand.h"
 #include "WatchCommand.h"
 
 #include "sdk/LoggerUtils.h"
@@ -35,8 +36,8 @@ void HostwardenApp::defineOptions(Poco::Util::OptionSet& options)
                                                        "delete, modify, attrib, moved_from, moved_to or their "
                                                        "numbers (default all)")
                           .argument("LIST"));
-    options.addOption(Poco::Util::Option("config", "", "read settings (hostwarden.log.level, hostwarden.log.file) "
-                                                       "from a properties file")
+    options.addOption(Poco::Util::Option("config", "", "run: the configuration file (JSON; default "
+                                                       "etc/hostwarden.json of the installation)")
                           .argument("FILE"));
 }
 
@@ -59,7 +60,7 @@ void HostwardenApp::handleOption(const std::string& name, const std::string& val
     } else if (name == "events") {
         events_ = value;
     } else if (name == "config") {
-        loadConfiguration(value);
+        configFile_ = value;
     }
 }
 
@@ -67,8 +68,8 @@ void HostwardenApp::initialize(Poco::Util::Application& self)
 {
     Framework::Engine::initialize(self);
     SDK::LoggerUtils::Options options;
-    options.level = logLevel_.empty() ? config().getString("hostwarden.log.level", "information") : logLevel_;
-    options.filePath = logFile_.empty() ? config().getString("hostwarden.log.file", "") : logFile_;
+    options.level = logLevel_.empty() ? "information" : logLevel_;
+    options.filePath = logFile_;
     SDK::LoggerUtils::GetInstance().Configure(options);
 }
 
@@ -102,7 +103,15 @@ int HostwardenApp::main(const std::vector<std::string>& args)
     const std::string command = args.empty() ? "run" : args[0];
     const std::vector<std::string> rest(args.empty() ? args.end() : args.begin() + 1, args.end());
     if (command == "run") {
-        return Framework::Engine::main(rest);
+        if (!rest.empty()) {
+            std::cerr << "hostwarden run: takes no arguments (see --help)\n";
+            return EXIT_USAGE;
+        }
+        RunOptions run;
+        run.configFile = configFile_;
+        run.logLevel = logLevel_;
+        run.logFile = logFile_;
+        return RunAgent(*this, run, [this] { WaitForStop(); }, std::cerr);
     }
     if (command == "parse") {
         return RunParseCommand(rest, std::cout, std::cerr);

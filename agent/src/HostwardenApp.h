@@ -30,6 +30,7 @@ private:
     std::string events_;
     std::string logLevel_;
     std::string logFile_;
+    std::string configFile_;
 };
 
 }  // namespace Agent

@@ -1,9 +1,5 @@
 #include "LiveSession.h"
 
-#include "AuditConstants.h"
-#include "AuditTask.h"
-#include "FileWatchAuditTask.h"
-
 #include "framework/Engine.h"
 #include "framework/Module.h"
 #include "sdk/ExecuteCmdUtils.h"
@@ -16,6 +12,8 @@
 namespace Agent {
 
 namespace {
+
+constexpr int kAnswerMs = 10000;
 
 // Hands every message to the session's handler.
 class SubscriberTask : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
@@ -34,62 +32,106 @@ private:
     LiveSession::Handler handler_;
 };
 
-class SessionModule : public Framework::Module {
+class SubscriberModule : public Framework::Module {
 public:
-    explicit SessionModule(std::vector<Framework::Task*> tasks)
-        : Framework::Module("hostwarden_cli_module"), tasks_(std::move(tasks))
-    {
-    }
-    int Init() override
-    {
-        for (Framework::Task* task : tasks_) {
-            if (RegisterTask(task, true) != 0) {
-                return -1;
-            }
-        }
-        return 0;
-    }
+    explicit SubscriberModule(Framework::Task* task) : Framework::Module("hostwarden_cli_module"), task_(task) {}
+    int Init() override { return RegisterTask(task_, true); }
 
 private:
-    std::vector<Framework::Task*> tasks_;
+    Framework::Task* task_;
 };
+
+std::string Auditctl(const std::vector<std::string>& args, int& status)
+{
+    std::string home;
+    if (SDK::PathUtils::GetInstallationPath(home) != 0) {
+        status = -1;
+        return {};
+    }
+    std::vector<std::string> argv{home + "bin/auditctl"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string output;
+    status = SDK::ExecuteCmdUtils::ExecuteArgs(argv, output, 1 << 16);
+    return output;
+}
 
 }  // namespace
 
 bool KernelListsKey(const std::string& key)
 {
-    std::string home;
-    if (SDK::PathUtils::GetInstallationPath(home) != 0) {
-        return false;
-    }
-    std::string output;
-    const int status = SDK::ExecuteCmdUtils::ExecuteArgs({home + "bin/auditctl", "-l", "-k", key}, output, 1 << 16);
+    int status = 0;
+    const std::string output = Auditctl({"-l", "-k", key}, status);
     return status == 0 && output.find(key) != std::string::npos;
+}
+
+std::string LiveSession::AuditSystemProblem()
+{
+    int status = 0;
+    const std::string output = Auditctl({"-s"}, status);
+    if (status != 0) {
+        return "cannot read the audit status (auditctl -s: " + output + ")";
+    }
+    if (output.find("enabled 1") == std::string::npos) {
+        return "kernel audit is not enabled (auditctl -e 1)";
+    }
+    if (output.find("\npid 0\n") != std::string::npos) {
+        return "auditd is not running";
+    }
+    return {};
 }
 
 bool LiveSession::Start(const std::string& subscriberName, Handler handler)
 {
-    Framework::Engine::BlockTerminationSignals();
-    auto* audit = new Engine::AuditTask;
-    subscriber_ = new SubscriberTask(subscriberName, std::move(handler));
-    std::vector<Framework::Task*> tasks{audit, new Engine::FileWatchAuditTask, subscriber_};
-    if (engine_.AddModule(std::make_unique<SessionModule>(tasks)) != 0 || engine_.StartTasks() != 0) {
-        err_ << "cannot start the audit module's tasks; see the log for the reason\n";
-        engine_.StopAll();
+    const std::string problem = AuditSystemProblem();
+    if (!problem.empty()) {
+        err_ << command_ << ": the audit system is not usable: " << problem << "\n";
         return false;
     }
-    if (!audit->AuditEnabled()) {
-        err_ << "the audit system is not usable (kernel audit disabled, auditd not running, or its log "
-                "disabled); see the log for the reason\n";
+    std::string home;
+    SDK::PathUtils::GetInstallationPath(home);
+    const std::string library = home + "lib/modules/libaudit_module.so";
+    Framework::Engine::BlockTerminationSignals();
+    if (engine_.LoadModule(library) != 0) {
+        err_ << command_ << ": cannot load the audit module " << library << "; see the log\n";
+        return false;
+    }
+    subscriber_ = new SubscriberTask(subscriberName, std::move(handler));
+    if (engine_.AddModule(std::make_unique<SubscriberModule>(subscriber_)) != 0 || engine_.StartTasks() != 0) {
+        err_ << command_ << ": cannot start the audit module's tasks; see the log\n";
         engine_.StopAll();
         return false;
     }
     return true;
 }
 
-void LiveSession::Send(const std::string& target, Framework::Message* msg)
+std::shared_ptr<Framework::MessageReceipt> LiveSession::Send(const std::string& target, Framework::Message* msg)
 {
+    auto receipt = std::make_shared<Framework::MessageReceipt>();
+    msg->AttachReceipt(receipt);
     subscriber_->SendDirectMsg(target, msg);
+    return receipt;
+}
+
+bool LiveSession::Accepted(const std::shared_ptr<Framework::MessageReceipt>& receipt, const std::string& what)
+{
+    int result = 0;
+    switch (receipt->Wait(kAnswerMs, result)) {
+    case Framework::MessageReceipt::Outcome::kPending:
+        err_ << command_ << ": no answer from the audit module about " << what << "\n";
+        return false;
+    case Framework::MessageReceipt::Outcome::kDropped:
+        err_ << command_ << ": the audit module did not take " << what << "\n";
+        return false;
+    case Framework::MessageReceipt::Outcome::kHandled:
+        break;
+    }
+    if (result == -1) {
+        err_ << command_ << ": the audit module finds the audit system unusable (see its log above), so it "
+             << "refused " << what << "\n";
+    } else if (result != 0) {
+        err_ << command_ << ": the audit module refused " << what << " (see its log above)\n";
+    }
+    return result == 0;
 }
 
 bool LiveSession::WaitForKernelKeys(const std::vector<std::string>& keys, bool present)
@@ -107,11 +149,11 @@ bool LiveSession::WaitForKernelKeys(const std::vector<std::string>& keys, bool p
         if (waiting.empty() || std::chrono::steady_clock::now() >= deadline) {
             break;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));  // auditctl is the only way to ask
     }
     if (present) {
         for (const std::string& key : waiting) {
-            err_ << "the kernel did not install rule " << key << " (see the log for auditctl's answer)\n";
+            err_ << command_ << ": the kernel did not install rule " << key << " (see the log for auditctl's answer)\n";
         }
     }
     return waiting.empty();

@@ -2,11 +2,12 @@
 
 #include "AuditMessages.h"
 
+#include "framework/Message.h"
 #include "framework/Task.h"
 
 #include <functional>
 #include <iosfwd>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -16,31 +17,42 @@ class Engine;
 
 namespace Agent {
 
-/// What hostwarden audit and watch share: the audit module's tasks and a subscriber task of the
-/// command's own run in the engine; the subscriber hands each message it receives to a handler
-/// (on its own thread, one at a time) until the command stops the session.
+/// What hostwarden audit and watch share: the installed audit module (lib/modules/
+/// libaudit_module.so) and a subscriber task of the command's own run in the engine; they talk
+/// only through messages. The subscriber hands each message it receives to a handler, on its own
+/// thread, one at a time, until the command stops the session.
 class LiveSession {
 public:
     using Handler = std::function<void(const Engine::AuditEventMessage&)>;
 
-    /// err receives the messages for the user.
-    LiveSession(Framework::Engine& engine, std::ostream& err) : engine_(engine), err_(err) {}
+    /// err receives the messages for the user, each prefixed with command ("hostwarden audit").
+    LiveSession(Framework::Engine& engine, std::string command, std::ostream& err)
+        : engine_(engine), command_(std::move(command)), err_(err)
+    {
+    }
 
-    /// Starts the tasks, with subscriberName as the subscriber's task name. False, with a message,
-    /// when they cannot start or the audit system is not usable.
+    /// Loads the module and starts its tasks and the subscriber, named subscriberName. False,
+    /// with a message, when the audit system is not usable or the module cannot be loaded.
     bool Start(const std::string& subscriberName, Handler handler);
-    /// Sends msg from the subscriber to the task named target.
-    void Send(const std::string& target, Framework::Message* msg);
+    /// Sends msg from the subscriber to the task named target; the receipt tells what came of it.
+    std::shared_ptr<Framework::MessageReceipt> Send(const std::string& target, Framework::Message* msg);
+    /// True when the receipt says the message was handled with result 0 within a few seconds;
+    /// otherwise says what happened to what (a message naming it).
+    bool Accepted(const std::shared_ptr<Framework::MessageReceipt>& receipt, const std::string& what);
     /// The subscriber task, as the sender of control messages.
     Framework::Task* Subscriber() const { return subscriber_; }
     /// True once the kernel lists a rule under every key (present) or under none (not present),
-    /// within a few seconds; each key still missing is named on err when present is true.
+    /// within a few seconds; each key still missing is named when present is true.
     bool WaitForKernelKeys(const std::vector<std::string>& keys, bool present);
-    /// Stops and removes every task; the audit task takes whatever rules are left with it.
+    /// Stops and removes every task and the module; the audit task takes whatever rules are left.
     void Stop();
+
+    /// Empty when kernel audit is enabled and auditd runs (auditctl -s), else the reason.
+    static std::string AuditSystemProblem();
 
 private:
     Framework::Engine& engine_;
+    const std::string command_;
     std::ostream& err_;
     Framework::Task* subscriber_ = nullptr;
 };

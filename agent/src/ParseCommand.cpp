@@ -2,37 +2,45 @@
 
 #include "CommandInput.h"
 
-#include <Poco/JSON/Array.h>
-#include <Poco/JSON/Object.h>
+#include "sdk/JsonWriter.h"
+
+#include <algorithm>
 
 #include <fstream>
 #include <iostream>
-#include <sstream>
+#include <string_view>
+#include <vector>
 
 namespace Agent {
 
 std::string EventToJson(const SDK::AuditEvent& event)
 {
-    Poco::JSON::Object root(Poco::JSON_PRESERVE_KEY_ORDER);
-    root.set("time_ms", static_cast<Poco::UInt64>(event.header[0]));
-    root.set("serial", static_cast<Poco::UInt64>(event.header[1]));
-    Poco::JSON::Array::Ptr records = new Poco::JSON::Array;
+    std::string line;
+    SDK::JsonWriter json(line);
+    json.BeginObject();
+    json.Field("time_ms", event.header[0]);
+    json.Field("serial", event.header[1]);
+    json.Key("records");
+    json.BeginArray();
     for (const SDK::AuditRecord& record : event.records) {
-        Poco::JSON::Object::Ptr fields = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
+        json.BeginObject();
+        json.Field("type", record.type);
+        json.Key("fields");
+        json.BeginObject();
+        std::vector<std::string_view> written;
         for (const auto& [name, value] : record.fields) {
-            if (!fields->has(std::string(name))) {  // a repeated name keeps its first value, as lookups do
-                fields->set(std::string(name), std::string(value));
+            // A repeated name keeps its first value, as lookups do.
+            if (std::find(written.begin(), written.end(), name) == written.end()) {
+                written.push_back(name);
+                json.Field(name, value);
             }
         }
-        Poco::JSON::Object::Ptr item = new Poco::JSON::Object(Poco::JSON_PRESERVE_KEY_ORDER);
-        item->set("type", record.type);
-        item->set("fields", fields);
-        records->add(item);
+        json.EndObject();
+        json.EndObject();
     }
-    root.set("records", records);
-    std::ostringstream json;
-    root.stringify(json);
-    return json.str();
+    json.EndArray();
+    json.EndObject();
+    return line;
 }
 
 int RunParseCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)

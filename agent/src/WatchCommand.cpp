@@ -1,16 +1,12 @@
 #include "WatchCommand.h"
 
+#include "AgentConfig.h"
 #include "EventJson.h"
 #include "LiveSession.h"
 
 #include "AuditConstants.h"
 #include "AuditMessages.h"
-#include "FileAuditWatch.h"
 
-#include "sdk/StrUtils.h"
-
-#include <climits>
-#include <cstdlib>
 #include <mutex>
 #include <ostream>
 
@@ -19,9 +15,7 @@ namespace Agent {
 namespace {
 
 const std::string kWatchTaskName = "watch_cli_task";
-
-constexpr uint32_t kKnownKinds = Engine::kNotifyAccess | Engine::kNotifyModify | Engine::kNotifyAttrib |
-                                 Engine::kNotifyMove | Engine::kNotifyCreate | Engine::kNotifyDelete;
+const std::string kCommand = "hostwarden watch";
 
 // The kernel rule the file-watch task installs for path (its own key layout).
 std::string WatchKey(const std::string& path)
@@ -29,82 +23,38 @@ std::string WatchKey(const std::string& path)
     return Engine::kFileWatchTaskName + "***submodule***" + path + "***wapidppid";
 }
 
-// A blank or a quote would split the rule text the module installs ("PATH -p wa").
-bool UsablePath(const std::string& path)
-{
-    return path.find_first_of(" \t\n'\"") == std::string::npos;
-}
-
 }  // namespace
-
-bool ParseEventMask(const std::string& list, uint32_t& mask, std::string& bad)
-{
-    static const std::pair<const char*, uint32_t> kNames[] = {
-        {"create", Engine::kNotifyCreate},        {"delete", Engine::kNotifyDelete},
-        {"modify", Engine::kNotifyModify},        {"attrib", Engine::kNotifyAttrib},
-        {"moved_from", Engine::kNotifyMovedFrom}, {"moved_to", Engine::kNotifyMovedTo}};
-    mask = 0;
-    if (list.empty()) {
-        for (const auto& [name, bit] : kNames) {
-            mask |= bit;
-        }
-        return true;
-    }
-    for (const std::string& piece : SDK::StrUtils::Split(list, ",")) {
-        const std::string word = SDK::StrUtils::Trim(piece);
-        uint32_t bits = 0;
-        for (const auto& [name, bit] : kNames) {
-            bits = word == name ? bit : bits;
-        }
-        char* end = nullptr;
-        const unsigned long number = bits == 0 && !word.empty() ? std::strtoul(word.c_str(), &end, 10) : 0;
-        if (bits == 0 && end != nullptr && *end == '\0' && number != 0 && (number & ~kKnownKinds) == 0) {
-            bits = static_cast<uint32_t>(number);
-        }
-        if (bits == 0) {
-            bad = word;
-            return false;
-        }
-        mask |= bits;
-    }
-    return true;
-}
 
 int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, const std::function<void()>& waitForStop,
                     std::ostream& out, std::ostream& err)
 {
     if (request.paths.empty()) {
-        err << "hostwarden watch: give at least one PATH\n";
+        err << kCommand << ": give at least one PATH\n";
         return 2;
     }
     uint32_t mask = 0;
     std::string bad;
-    if (!ParseEventMask(request.events, mask, bad)) {
-        err << "hostwarden watch: unknown event '" << bad
+    if (!Export::ParseEventMask(request.events, mask, bad)) {
+        err << kCommand << ": unknown event '" << bad
             << "' (use create, delete, modify, attrib, moved_from, moved_to or their numbers)\n";
         return 2;
     }
     std::vector<std::string> paths;
     for (const std::string& given : request.paths) {
-        char resolved[PATH_MAX];
-        if (realpath(given.c_str(), resolved) == nullptr) {
-            err << "hostwarden watch: no such file or directory: '" << given << "'\n";
+        std::string path;
+        std::string problem;
+        if (!Export::WatchablePath(given, path, problem)) {
+            err << kCommand << ": " << problem << "\n";
             return 2;
         }
-        if (!UsablePath(resolved)) {
-            err << "hostwarden watch: cannot watch '" << resolved
-                << "': the module's rule syntax separates words by blanks, so paths with blanks or quotes "
-                   "cannot be watched\n";
-            return 2;
-        }
-        paths.emplace_back(resolved);
+        paths.push_back(path);
     }
 
     std::mutex outMutex;
-    LiveSession session(engine, err);
+    LiveSession session(engine, kCommand, err);
     const bool started = session.Start(kWatchTaskName, [&](const Engine::AuditEventMessage& msg) {
         if (!msg.event) {  // a notification, not an audit event
-            const std::string line = NotificationToJson(msg.result, request.tag);
+            const std::string line = Export::NotificationToJson(msg.result, request.tag);
             std::lock_guard<std::mutex> lock(outMutex);
             out << line << std::endl;
         }
@@ -118,16 +68,17 @@ int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, cons
         opt.flag6 = unwatch;
         auto* msg = new Engine::AuditFileSystemCtrlMessage(session.Subscriber(), path, {mask}, opt);
         msg->tag = request.tag;
-        session.Send(Engine::kFileWatchTaskName, msg);
+        return session.Send(Engine::kFileWatchTaskName, msg);
     };
     std::vector<std::string> keys;
+    bool accepted = true;
     for (const std::string& path : paths) {
-        send(path, false);
+        accepted = session.Accepted(send(path, false), "the watch of " + path) && accepted;
         keys.push_back(WatchKey(path));
     }
-    const bool installed = session.WaitForKernelKeys(keys, true);
+    const bool installed = accepted && session.WaitForKernelKeys(keys, true);
     if (installed) {
-        err << "hostwarden watch: " << paths.size() << " path(s) watched; printing notifications until interrupted\n";
+        err << kCommand << ": " << paths.size() << " path(s) watched; printing notifications until interrupted\n";
         waitForStop();
     }
     for (const std::string& path : paths) {

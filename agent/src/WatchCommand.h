@@ -20,10 +20,6 @@ struct WatchRequest {
     std::string tag = "cli";         ///< printed with every notification
 };
 
-/// The notification mask of an --events list: names (create, delete, modify, attrib,
-/// moved_from, moved_to) or numbers of those bits. False, with the offending word in bad.
-bool ParseEventMask(const std::string& list, uint32_t& mask, std::string& bad);
-
 /// hostwarden watch: runs the audit module's tasks and a subscriber of its own in engine, watches
 /// each path through the file-watch task and prints every notification as one JSON line until
 /// waitForStop returns; then unwatches, so no rule is left. Returns 0; 1 when the audit system is

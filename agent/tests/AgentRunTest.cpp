@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
+#include <sys/stat.h>
 #include <cstdlib>
 #include <string>
 
@@ -61,9 +63,12 @@ public:
         }
         return true;
     }
+    // Sends signal (0: none, the agent ends by itself), and waits for the exit status.
     int Stop(int signal)
     {
-        kill(pid_, signal);
+        if (signal != 0) {
+            kill(pid_, signal);
+        }
         WaitForText("\x04never", 30);  // drain until the pipe closes
         int status = 0;
         waitpid(pid_, &status, 0);
@@ -77,27 +82,58 @@ private:
     int fd_ = -1;
 };
 
+
+
+// An installation of the built agent: both modules, an auditctl that only records its calls (so
+// no test here changes the kernel's rules), and a configuration.
+class Installation {
+public:
+    explicit Installation(const std::string& config)
+    {
+        char dirTemplate[] = "/tmp/hw_agent_XXXXXX";
+        home = mkdtemp(dirTemplate);
+        const std::string script = home + "/bin/auditctl";
+        EXPECT_EQ(std::system(("mkdir -p " + home + "/bin " + home + "/etc " + home + "/lib/modules && ln -s " HW_AUDIT_MODULE
+                               " " HW_EXPORT_MODULE " " + home + "/lib/modules/").c_str()),
+                  0);
+        std::ofstream(script) << "#!/bin/sh\necho \"$@\" >> \"$(dirname \"$0\")/../auditctl.calls\"\n";
+        chmod(script.c_str(), 0755);
+        std::ofstream(home + "/etc/hostwarden.json") << config;
+    }
+    ~Installation() { std::system(("rm -rf " + home).c_str()); }
+    std::string home;
+};
+
 }  // namespace
 
-class AgentRun : public testing::TestWithParam<int> {};
-
-// The main job: the agent loads every module of its installation, runs their tasks, and on
-// SIGTERM or SIGINT stops them, unloads the modules and exits 0.
-TEST_P(AgentRun, LoadsTheInstalledModulesAndStopsCleanlyOnSignal)
+TEST(AgentRun, ABadConfigurationIsNamedAndNothingIsLoaded)
 {
-    char dirTemplate[] = "/tmp/hw_agent_XXXXXX";
-    const std::string home = mkdtemp(dirTemplate);
-    ASSERT_EQ(std::system(("mkdir -p " + home + "/lib/modules && cp " HW_TEST_MODULE " " + home + "/lib/modules/").c_str()), 0);
-    {
-        Agent agent(home);
-        ASSERT_TRUE(agent.WaitForText("Agent started with 1 module(s)")) << agent.output;
-        EXPECT_NE(agent.output.find("Loaded module echo_module."), std::string::npos);
-        EXPECT_EQ(agent.Stop(GetParam()), 0) << agent.output;
-        EXPECT_NE(agent.output.find("Unloaded module echo_module."), std::string::npos) << agent.output;
-        EXPECT_NE(agent.output.find("Agent stopped."), std::string::npos) << agent.output;
-    }
-    std::system(("rm -rf " + home).c_str());
+    Installation install(R"({"subscriptions": [{"tag": "x", "syscall": "exit,always -S open -F dir=/tmp"}]})");
+    Agent agent(install.home);
+    EXPECT_EQ(agent.Stop(0), 78) << agent.output;
+    EXPECT_NE(agent.output.find("hostwarden: bad configuration " + install.home + "/etc/hostwarden.json: "
+                                "subscriptions[0].syscall: field 'dir' is not one the module filters on"),
+              std::string::npos)
+        << agent.output;
+    EXPECT_EQ(agent.output.find("Loaded module"), std::string::npos);
 }
 
-INSTANTIATE_TEST_SUITE_P(Signals, AgentRun, testing::Values(SIGTERM, SIGINT),
+class AgentRunSignals : public testing::TestWithParam<int> {};
+
+// The main job: the agent loads the modules of its installation, runs their tasks, and on
+// SIGTERM or SIGINT stops them, unloads the modules and exits 0.
+TEST_P(AgentRunSignals, LoadsTheInstalledModulesAndStopsCleanlyOnSignal)
+{
+    Installation install(R"({"output": {"file": "events.jsonl"}})");
+    Agent agent(install.home);
+    ASSERT_TRUE(agent.WaitForText("Agent started with 2 module(s)")) << agent.output;
+    EXPECT_NE(agent.output.find("Loaded module audit_module."), std::string::npos);
+    EXPECT_NE(agent.output.find("Loaded module export_module."), std::string::npos);
+    EXPECT_EQ(agent.Stop(GetParam()), 0) << agent.output;
+    EXPECT_NE(agent.output.find("Unloaded module export_module."), std::string::npos) << agent.output;
+    EXPECT_NE(agent.output.find("Agent stopped."), std::string::npos) << agent.output;
+    EXPECT_EQ(access((install.home + "/events.jsonl").c_str(), F_OK), 0) << "the output was opened";
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, AgentRunSignals, testing::Values(SIGTERM, SIGINT),
                          [](const testing::TestParamInfo<int>& info) { return info.param == SIGTERM ? "SIGTERM" : "SIGINT"; });

@@ -61,9 +61,12 @@ TestInstallation::TestInstallation()
     }
     home_ = pattern;
     SDK::DirUtils::CreateDirs(home_ + "/bin");
-    SDK::DirUtils::CreateDirs(home_ + "/lib");
-    if (symlink(HW_AUDITCTL, (home_ + "/bin/auditctl").c_str()) != 0) {
-        throw std::runtime_error("cannot link the built auditctl");
+    SDK::DirUtils::CreateDirs(home_ + "/lib/modules");
+    SDK::DirUtils::CreateDirs(home_ + "/etc");
+    if (symlink(HW_AUDITCTL, (home_ + "/bin/auditctl").c_str()) != 0 ||
+        symlink(HW_AUDIT_MODULE, (home_ + "/lib/modules/libaudit_module.so").c_str()) != 0 ||
+        symlink(HW_EXPORT_MODULE, (home_ + "/lib/modules/libexport_module.so").c_str()) != 0) {
+        throw std::runtime_error("cannot link the built auditctl and modules");
     }
     setenv("HOSTWARDEN_HOME", home_.c_str(), 1);
 }

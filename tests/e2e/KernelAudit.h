@@ -16,7 +16,8 @@ std::string ListKernelRules();
 int SystemAuditctl(const std::string& args, std::string* output = nullptr);
 
 /// A temporary installation directory (HOSTWARDEN_HOME while it lives) holding our built
-/// auditctl as bin/auditctl, as the module finds it in a real installation.
+/// auditctl as bin/auditctl and the built modules in lib/modules, as in a real installation, and
+/// an empty etc/.
 class TestInstallation {
 public:
     TestInstallation();

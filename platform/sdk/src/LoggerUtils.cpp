@@ -1,5 +1,7 @@
 #include "sdk/LoggerUtils.h"
 
+#include "sdk/DirUtils.h"
+
 #include <Poco/AutoPtr.h>
 #include <Poco/ConsoleChannel.h>
 #include <Poco/FileChannel.h>
@@ -17,20 +19,26 @@ namespace {
 
 constexpr const char* kPattern = "%Y-%m-%d %H:%M:%S.%i [%p] %s %U:%u %t";
 
-Poco::AutoPtr<Poco::Channel> Formatted(Poco::Channel* channel)
+// The formatting channel shares ownership of channel (its constructor takes smart pointers; a raw
+// pointer would be adopted without a reference of its own).
+Poco::AutoPtr<Poco::Channel> Formatted(const Poco::AutoPtr<Poco::Channel>& channel)
 {
-    Poco::AutoPtr<Poco::PatternFormatter> formatter(new Poco::PatternFormatter(kPattern));
+    Poco::AutoPtr<Poco::Formatter> formatter(new Poco::PatternFormatter(kPattern));
     return Poco::AutoPtr<Poco::Channel>(new Poco::FormattingChannel(formatter, channel));
 }
 
 Poco::AutoPtr<Poco::Channel> RotatingFile(const std::string& path, const LoggerUtils::Options& options)
 {
+    const size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0) {
+        DirUtils::CreateDirs(path.substr(0, slash), 0750);  // a fresh installation has no log directory
+    }
     Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(path));
     file->setProperty("rotation", options.rotation);
     file->setProperty("archive", "number");
     file->setProperty("purgeCount", options.archives);
     file->open();
-    return Formatted(file);
+    return Formatted(Poco::AutoPtr<Poco::Channel>(file));
 }
 
 }  // namespace
@@ -46,7 +54,7 @@ void LoggerUtils::Configure(const Options& options)
     const int level = Poco::Logger::parseLevel(options.level);
     Poco::AutoPtr<Poco::SplitterChannel> splitter(new Poco::SplitterChannel);
     if (options.console) {
-        splitter->addChannel(Formatted(new Poco::ConsoleChannel(std::cerr)));
+        splitter->addChannel(Formatted(Poco::AutoPtr<Poco::Channel>(new Poco::ConsoleChannel(std::cerr))));
     }
     if (!options.filePath.empty()) {
         splitter->addChannel(RotatingFile(options.filePath, options));

@@ -1,6 +1,7 @@
 #include "sdk/BoundedStr.h"
 #include "sdk/DirUtils.h"
 #include "sdk/FileUtils.h"
+#include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
 #include "sdk/ProcessUtils.h"
 #include "sdk/StrUtils.h"
@@ -85,5 +86,26 @@ TEST(FileUtils, QueriesReportFilesDirectoriesSizesAndProcesses)
     ASSERT_EQ(SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned>(getpid()), exe), 0);
     EXPECT_NE(exe.find("sdk_tests"), std::string::npos);
     EXPECT_EQ(SDK::ProcessUtils::GetProcessExePath(0x7ffffff0U, exe), -1);
+    std::system(("rm -rf " + dir).c_str());
+}
+
+// The agent configures logging at start and again from its configuration file.
+TEST(LoggerUtils, ReconfiguringKeepsEveryChannelAliveAndMakesTheLogDirectory)
+{
+    const std::string dir = "/tmp/hw_log_" + std::to_string(getpid());
+    SDK::LoggerUtils::Options options;
+    options.console = false;
+    options.filePath = dir + "/sub/agent.log";
+    SDK::LoggerUtils::GetInstance().Configure(options);
+    Poco::Logger::get("first").information("one");
+    SDK::LoggerUtils::GetInstance().Configure(options);
+    Poco::Logger::get("first").information("two");
+    Poco::Logger::get("second").information("three");
+    SDK::LoggerUtils::GetInstance().Configure(SDK::LoggerUtils::Options{});  // back to the console
+    std::ifstream in(options.filePath);
+    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    for (const char* line : {"one", "two", "three"}) {
+        EXPECT_NE(text.find(std::string(" ") + line + "\n"), std::string::npos) << text;
+    }
     std::system(("rm -rf " + dir).c_str());
 }

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+
+namespace Framework {
+class Engine;
+}
+
+namespace Export {
+struct AgentConfig;
+}
+
+namespace Agent {
+
+/// What the command line says to hostwarden run.
+struct RunOptions {
+    std::string configFile;  ///< the configuration; empty for the installation's etc/hostwarden.json
+    std::string logLevel;    ///< overrides the configuration's when set
+    std::string logFile;     ///< overrides the configuration's when set
+};
+
+/// Checks a configuration beyond its shape: every rule text as the audit module reads it (a
+/// rule it would refuse, or accept and never match, is an error). False, with the entry named.
+bool CheckSubscriptions(const Export::AgentConfig& config, std::string& error);
+
+/// hostwarden run, the agent's main job: reads and checks the configuration (a bad one is named
+/// on err, exit status 78, before anything is loaded or installed), loads every module of the
+/// installation's lib/modules (the audit and export modules must be among them), runs until
+/// waitForStop returns (SIGINT or SIGTERM; SIGHUP meanwhile reopens the output) and stops. 0, or
+/// the stop code a module asked for (1 when the audit system is not usable).
+int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::function<void()>& waitForStop,
+             std::ostream& err);
+
+}  // namespace Agent

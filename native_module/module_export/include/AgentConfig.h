@@ -1,0 +1,64 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace Export {
+
+/// One subscription: a system-call rule, or a file watch.
+struct Subscription {
+    std::string entry;        ///< where it stands in the file, such as "subscriptions[2]"
+    std::string tag;          ///< printed with every event or notification it yields
+    std::string syscall;      ///< rule text in auditctl syntax without -a; empty for a watch
+    std::string watch;        ///< the watched path, absolute and resolved; empty for a rule
+    bool recursive = false;   ///< a watch covers every descendant, not only direct children
+    uint32_t events = 0;      ///< the notification kinds a watch wants
+};
+
+/// Where the events go.
+struct OutputSettings {
+    std::string file;                 ///< JSON lines file (absolute); empty for none
+    std::string rotateSize = "10 M";  ///< rotation size as Poco's FileChannel takes it
+    int keep = 5;                     ///< rotated files kept
+    bool toStdout = true;             ///< also to standard output
+};
+
+/// The agent's configuration file (JSON):
+///   {"log": {"level": "information", "file": ""},
+///    "cpu": {"share": 0},
+///    "output": {"file": "...", "rotate_size": "10 M", "keep": 5, "stdout": true},
+///    "subscriptions": [{"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve"},
+///                      {"tag": "etc", "watch": "/etc", "recursive": true, "events": "create,delete"}]}
+/// Every section and key is optional; unknown ones are errors. In paths "$INSTALLATION" stands
+/// for the agent's installation directory, and a relative path is taken from there.
+struct AgentConfig {
+    std::string logLevel = "information";
+    std::string logFile;
+    double cpuShare = 0;  ///< processor share of the agent's threads; 0 for no limit
+    OutputSettings output;
+    std::vector<Subscription> subscriptions;
+};
+
+/// Reads a configuration text. installation ends in "/". False, with error naming the entry
+/// ("subscriptions[2].watch: no such file or directory: /x"), for anything it cannot use: not
+/// JSON, an unknown key, a value of the wrong type, a tag that is empty or holds other than
+/// letters, digits, '_', '-' and '.', a subscription with both or neither of syscall and watch,
+/// an unknown event name, a watched path that does not exist (or holds blanks or quotes).
+bool ParseAgentConfig(const std::string& text, const std::string& installation, AgentConfig& config,
+                      std::string& error);
+
+/// ParseAgentConfig of a file; the error then names the file too.
+bool LoadAgentConfig(const std::string& path, const std::string& installation, AgentConfig& config,
+                     std::string& error);
+
+/// The notification mask of a comma-separated list: names (create, delete, modify, attrib,
+/// moved_from, moved_to) or numbers made of those bits; all of them for an empty list. False,
+/// with the offending word in bad.
+bool ParseEventMask(const std::string& list, uint32_t& mask, std::string& bad);
+
+/// The canonical form of a path to watch: absolute, resolved. False, with the reason, when it
+/// does not exist or holds blanks or quotes (the module's rule syntax separates words by blanks).
+bool WatchablePath(const std::string& path, std::string& resolved, std::string& problem);
+
+}  // namespace Export

@@ -1,0 +1,287 @@
+#include "AgentConfig.h"
+
+#include "FileAuditWatch.h"
+
+#include "sdk/FileUtils.h"
+#include "sdk/StrUtils.h"
+
+#include <Poco/JSON/Object.h>
+#include <Poco/JSON/Parser.h>
+
+#include <climits>
+#include <cstdlib>
+#include <functional>
+#include <map>
+
+namespace Export {
+
+namespace {
+
+using Poco::JSON::Object;
+
+constexpr uint32_t kKnownKinds = Engine::kNotifyAccess | Engine::kNotifyModify | Engine::kNotifyAttrib |
+                                 Engine::kNotifyMove | Engine::kNotifyCreate | Engine::kNotifyDelete;
+const std::string kInstallation = "$INSTALLATION";
+
+// Walks one JSON object: each known key's reader is called with its value; an unknown key, or a
+// reader's complaint, ends the walk with an error that names the entry.
+class Reader {
+public:
+    Reader(std::string& error) : error_(error) {}
+    using Read = std::function<bool(const Poco::Dynamic::Var& value, std::string& problem)>;
+    bool Walk(const Poco::Dynamic::Var& value, const std::string& entry, const std::map<std::string, Read>& keys)
+    {
+        if (value.type() != typeid(Object::Ptr)) {
+            return Fail(entry, "must be an object");
+        }
+        const Object::Ptr object = value.extract<Object::Ptr>();
+        for (const auto& [key, member] : *object) {
+            const auto known = keys.find(key);
+            if (known == keys.end()) {
+                return Fail(Join(entry, key), "unknown key");
+            }
+            std::string problem;
+            if (!known->second(member, problem)) {
+                // An empty problem: a nested walk has reported already.
+                return problem.empty() ? false : Fail(Join(entry, key), problem);
+            }
+        }
+        return true;
+    }
+    bool Fail(const std::string& entry, const std::string& problem)
+    {
+        error_ = (entry.empty() ? std::string("the file") : entry) + ": " + problem;
+        return false;
+    }
+
+private:
+    static std::string Join(const std::string& entry, const std::string& key)
+    {
+        return entry.empty() ? key : entry + "." + key;
+    }
+    std::string& error_;
+};
+
+// Readers of single values into their destination.
+Reader::Read Text(std::string& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isString()) {
+            problem = "must be a string";
+            return false;
+        }
+        out = v.toString();
+        return true;
+    };
+}
+
+Reader::Read Flag(bool& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isBoolean()) {
+            problem = "must be true or false";
+            return false;
+        }
+        out = v.convert<bool>();
+        return true;
+    };
+}
+
+Reader::Read Count(int& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isInteger() || v.convert<long>() < 0 || v.convert<long>() > 1000) {
+            problem = "must be a whole number from 0 to 1000";
+            return false;
+        }
+        out = v.convert<int>();
+        return true;
+    };
+}
+
+Reader::Read Share(double& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isNumeric() || v.convert<double>() < 0 || v.convert<double>() >= 1) {
+            problem = "must be a number from 0 (no limit) to below 1";
+            return false;
+        }
+        out = v.convert<double>();
+        return true;
+    };
+}
+
+// "$INSTALLATION" expanded, and a relative path taken from the installation.
+std::string Expand(std::string path, const std::string& installation)
+{
+    const std::string home = installation.substr(0, installation.size() - 1);  // without its "/"
+    for (size_t at = path.find(kInstallation); at != std::string::npos; at = path.find(kInstallation, at)) {
+        path.replace(at, kInstallation.size(), home);
+        at += home.size();
+    }
+    return !path.empty() && path.front() != '/' ? installation + path : path;
+}
+
+bool ValidTag(const std::string& tag)
+{
+    if (tag.empty()) {
+        return false;
+    }
+    for (const char c : tag) {
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+                        c == '-' || c == '.';
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ParseEventMask(const std::string& list, uint32_t& mask, std::string& bad)
+{
+    static const std::pair<const char*, uint32_t> kNames[] = {
+        {"create", Engine::kNotifyCreate},        {"delete", Engine::kNotifyDelete},
+        {"modify", Engine::kNotifyModify},        {"attrib", Engine::kNotifyAttrib},
+        {"moved_from", Engine::kNotifyMovedFrom}, {"moved_to", Engine::kNotifyMovedTo}};
+    mask = 0;
+    if (list.empty()) {
+        for (const auto& [name, bit] : kNames) {
+            mask |= bit;
+        }
+        return true;
+    }
+    for (const std::string& piece : SDK::StrUtils::Split(list, ",")) {
+        const std::string word = SDK::StrUtils::Trim(piece);
+        uint32_t bits = 0;
+        for (const auto& [name, bit] : kNames) {
+            bits = word == name ? bit : bits;
+        }
+        char* end = nullptr;
+        const unsigned long number = bits == 0 && !word.empty() ? std::strtoul(word.c_str(), &end, 10) : 0;
+        if (bits == 0 && end != nullptr && *end == '\0' && number != 0 && (number & ~kKnownKinds) == 0) {
+            bits = static_cast<uint32_t>(number);
+        }
+        if (bits == 0) {
+            bad = word;
+            return false;
+        }
+        mask |= bits;
+    }
+    return true;
+}
+
+bool WatchablePath(const std::string& path, std::string& resolved, std::string& problem)
+{
+    char buffer[PATH_MAX];
+    if (realpath(path.c_str(), buffer) == nullptr) {
+        problem = "no such file or directory: '" + path + "'";
+        return false;
+    }
+    resolved = buffer;
+    if (resolved.find_first_of(" \t\n'\"") != std::string::npos) {
+        problem = "cannot watch '" + resolved + "': the module's rule syntax separates words by blanks, so paths "
+                  "with blanks or quotes cannot be watched";
+        return false;
+    }
+    return true;
+}
+
+bool ParseAgentConfig(const std::string& text, const std::string& installation, AgentConfig& config, std::string& error)
+{
+    Reader reader(error);
+    Poco::Dynamic::Var root;
+    try {
+        root = Poco::JSON::Parser().parse(text);
+    } catch (const Poco::Exception& e) {
+        return reader.Fail("", "not JSON: " + e.message());
+    }
+    std::string outputFile;
+    const auto subscriptions = [&](const Poco::Dynamic::Var& value, std::string& problem) {
+        if (value.type() != typeid(Poco::JSON::Array::Ptr)) {
+            problem = "must be a list";
+            return false;
+        }
+        const Poco::JSON::Array::Ptr list = value.extract<Poco::JSON::Array::Ptr>();
+        for (size_t i = 0; i < list->size(); ++i) {
+            Subscription s;
+            s.entry = "subscriptions[" + std::to_string(i) + "]";
+            std::string events;
+            std::string watch;
+            bool hasEvents = false;
+            const bool read = reader.Walk(list->get(static_cast<unsigned>(i)), s.entry,
+                                          {{"tag", Text(s.tag)},
+                                           {"syscall", Text(s.syscall)},
+                                           {"watch", Text(watch)},
+                                           {"recursive", Flag(s.recursive)},
+                                           {"events", [&](const Poco::Dynamic::Var& v, std::string& p) {
+                                                hasEvents = true;
+                                                return Text(events)(v, p);
+                                            }}});
+            if (!read) {
+                return false;  // the reader has named the entry
+            }
+            std::string bad;
+            if (!ValidTag(s.tag)) {
+                return reader.Fail(s.entry + ".tag", "must be given, of letters, digits, '_', '-' and '.'");
+            }
+            if (s.syscall.empty() == watch.empty()) {
+                return reader.Fail(s.entry, "needs exactly one of syscall (a rule) and watch (a path)");
+            }
+            if (!watch.empty()) {
+                std::string why;
+                if (!WatchablePath(Expand(watch, installation), s.watch, why)) {
+                    return reader.Fail(s.entry + ".watch", why);
+                }
+                if (!ParseEventMask(events, s.events, bad)) {
+                    return reader.Fail(s.entry + ".events", "unknown event '" + bad + "' (use create, delete, "
+                                       "modify, attrib, moved_from, moved_to or their numbers)");
+                }
+            } else if (s.recursive || hasEvents) {
+                return reader.Fail(s.entry, "recursive and events belong to watches");
+            }
+            config.subscriptions.push_back(std::move(s));
+        }
+        return true;
+    };
+    const bool ok = reader.Walk(
+        root, "",
+        {{"log", [&](const Poco::Dynamic::Var& v, std::string&) {
+              return reader.Walk(v, "log", {{"level", Text(config.logLevel)}, {"file", Text(config.logFile)}});
+          }},
+         {"cpu", [&](const Poco::Dynamic::Var& v, std::string&) {
+              return reader.Walk(v, "cpu", {{"share", Share(config.cpuShare)}});
+          }},
+         {"output", [&](const Poco::Dynamic::Var& v, std::string&) {
+              return reader.Walk(v, "output", {{"file", Text(outputFile)},
+                                               {"rotate_size", Text(config.output.rotateSize)},
+                                               {"keep", Count(config.output.keep)},
+                                               {"stdout", Flag(config.output.toStdout)}});
+          }},
+         {"subscriptions", subscriptions}});
+    if (!ok) {
+        return false;
+    }
+    config.output.file = Expand(outputFile, installation);
+    if (config.logFile.size() > 0) {
+        config.logFile = Expand(config.logFile, installation);
+    }
+    return true;
+}
+
+bool LoadAgentConfig(const std::string& path, const std::string& installation, AgentConfig& config, std::string& error)
+{
+    std::string text;
+    if (SDK::FileUtils::ReadFile(path, text) != 0) {
+        error = path + ": cannot be read";
+        return false;
+    }
+    if (!ParseAgentConfig(text, installation, config, error)) {
+        error = path + ": " + error;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace Export

@@ -1,0 +1,133 @@
+#include "EventJson.h"
+
+#include "FileAuditWatch.h"
+
+#include "sdk/JsonWriter.h"
+
+#include <map>
+
+namespace Export {
+
+namespace {
+
+// A socket address that was never set is one NUL character; it is written as empty.
+std::string_view Printable(const std::string& saddr)
+{
+    return saddr == std::string(1, '\0') ? std::string_view() : std::string_view(saddr);
+}
+
+}  // namespace
+
+void AppendDecodedEvent(std::string& line, const Engine::AuditEvent& event, const std::string& tag)
+{
+    SDK::JsonWriter json(line);
+    json.BeginObject();
+    if (!tag.empty()) {
+        json.Field("tag", tag);
+    }
+    json.Field("time_ms", event.parsedEvent.header[0]);
+    json.Field("serial", event.parsedEvent.header[1]);
+    json.Field("arch", event.arch);
+    json.Field("syscall", event.syscall);
+    json.Field("items", event.items);
+    json.Field("pid", event.pid);
+    json.Field("ppid", event.ppid);
+    json.Field("success", event.success);
+    json.Field("exit", event.exit);
+    json.Field("a0", event.a0);
+    json.Field("a1", event.a1);
+    json.Field("a2", event.a2);
+    json.Field("a3", event.a3);
+    json.Field("exe", event.exe);
+    json.Field("comm", event.comm);
+    json.Field("key", event.key);
+    json.Field("cwd", event.cwd);
+    json.Field("isExecve", event.isExecve);
+    json.Key("execve");
+    json.BeginObject();
+    for (const auto& [name, value] : event.execveFields) {
+        json.Field(name, value);
+    }
+    json.EndObject();
+    json.Field("family", event.family);
+    json.Field("port", event.port);
+    json.Field("saddr", Printable(event.saddr));
+    json.Key("paths");
+    json.BeginArray();
+    for (const Engine::AuditLogPath& path : event.paths) {
+        json.BeginObject();
+        json.Field("item", path.item);
+        json.Field("name", path.name);
+        json.Field("path", path.path);
+        json.Field("hostPath", path.hostPath);
+        json.Field("inode", path.inode);
+        json.Field("mode", path.mode);
+        json.Field("dev", path.dev);
+        json.Field("ouid", path.ouid);
+        json.Field("ogid", path.ogid);
+        json.Field("rdev", path.rdev);
+        json.Field("nametype", path.nametype);
+        json.EndObject();
+    }
+    json.EndArray();
+    json.Field("read", event.read);
+    json.Field("write", event.write);
+    json.Field("execute", event.execute);
+    json.Field("attributeChange", event.attributeChange);
+    json.Key("lines");
+    json.BeginArray();
+    for (const std::string& raw : event.lines) {
+        json.String(raw);
+    }
+    json.EndArray();
+    json.EndObject();
+}
+
+std::string DecodedEventToJson(const Engine::AuditEvent& event, const std::string& tag)
+{
+    std::string line;
+    AppendDecodedEvent(line, event, tag);
+    return line;
+}
+
+std::string NotificationKindName(int kind)
+{
+    switch (kind) {
+    case Engine::kNotifyModify: return "modify";
+    case Engine::kNotifyAttrib: return "attrib";
+    case Engine::kNotifyMovedFrom: return "moved_from";
+    case Engine::kNotifyMovedTo: return "moved_to";
+    case Engine::kNotifyMove: return "move";
+    case Engine::kNotifyCreate: return "create";
+    case Engine::kNotifyDelete: return "delete";
+    default: return std::to_string(kind);
+    }
+}
+
+void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag)
+{
+    SDK::JsonWriter json(line);
+    json.BeginObject();
+    json.Field("tag", tag);
+    json.Field("path", result.path);
+    json.Field("event", result.event);
+    json.Field("kind", NotificationKindName(result.event));
+    json.Field("isDir", result.isDir);
+    json.Field("destPath", result.destPath);
+    json.Key("extra");
+    json.BeginObject();
+    for (const auto& [name, value] : std::map<std::string, std::string>(result.extra.begin(), result.extra.end())) {
+        json.Field(name, value);
+    }
+    json.EndObject();
+    json.EndObject();
+}
+
+std::string NotificationToJson(const Engine::AuditEventResult& result, const std::string& tag)
+{
+    std::string line;
+    AppendNotification(line, result, tag);
+    return line;
+}
+
+}  // namespace Export

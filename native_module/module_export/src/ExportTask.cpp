@@ -1,0 +1,206 @@
+#include "ExportTask.h"
+
+#include "EventJson.h"
+
+#include "AuditConstants.h"
+#include "FileAuditWatch.h"
+
+#include "framework/Engine.h"
+#include "sdk/DirUtils.h"
+
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+namespace Export {
+
+namespace {
+
+const std::string kExportTaskName = "export_task";
+constexpr int kWaitMs = 100;
+constexpr int kMessagesPerTurn = 1024;
+
+Poco::Logger& Log()
+{
+    return Poco::Logger::get("export_module");
+}
+
+bool Covers(const Subscription& s, const std::string& path)
+{
+    return path == s.watch ||
+           (path.size() > s.watch.size() && path.compare(0, s.watch.size(), s.watch) == 0 && path[s.watch.size()] == '/');
+}
+
+}  // namespace
+
+ExportTask::ExportTask(AgentConfig config, std::FILE* console)
+    : Framework::Task(kExportTaskName, "export_feature", Framework::TaskCondition::kLoop, 65536),
+      config_(std::move(config)), console_(console)
+{
+}
+
+int ExportTask::Init()
+{
+    if (!config_.output.file.empty()) {
+        const std::string& path = config_.output.file;
+        SDK::DirUtils::CreateDirs(path.substr(0, path.rfind('/')));
+        file_ = new Poco::FileChannel(path);
+        file_->setProperty("rotation", config_.output.rotateSize);
+        file_->setProperty("archive", "number");
+        file_->setProperty("purgeCount", std::to_string(config_.output.keep));
+        try {
+            file_->open();
+        } catch (const Poco::Exception& e) {
+            poco_error(Log(), "Cannot open the event output " + path + ": " + e.displayText());
+            return -1;
+        }
+    }
+    return Framework::Task::Init();
+}
+
+void ExportTask::Subscribe()
+{
+    for (const Subscription& s : config_.subscriptions) {
+        auto receipt = std::make_shared<Framework::MessageReceipt>();
+        if (!s.syscall.empty()) {
+            auto* msg = new Engine::AuditSyscallCtrlMessage(this);
+            msg->tag = s.tag;
+            msg->operate = "-a";
+            msg->rule = s.syscall;
+            msg->AttachReceipt(receipt);
+            SendDirectMsg(Engine::kAuditTaskName, msg);
+        } else {
+            _FileNotifyOpt opt;
+            opt.recursive = s.recursive;
+            auto* msg = new Engine::AuditFileSystemCtrlMessage(this, s.watch, {s.events}, opt);
+            msg->tag = s.tag;
+            msg->AttachReceipt(receipt);
+            SendDirectMsg(Engine::kFileWatchTaskName, msg);
+        }
+        answers_.push_back(Answer{&s, receipt});
+    }
+}
+
+bool ExportTask::CheckAnswers()
+{
+    for (auto it = answers_.begin(); it != answers_.end();) {
+        int result = 0;
+        const auto outcome = it->receipt->Wait(0, result);
+        if (outcome == Framework::MessageReceipt::Outcome::kPending) {
+            ++it;
+            continue;
+        }
+        const Subscription& s = *it->subscription;
+        if (outcome == Framework::MessageReceipt::Outcome::kDropped) {
+            poco_error(Log(), s.entry + " (" + s.tag + "): the audit module did not take it; is libaudit_module.so installed?");
+            return false;
+        }
+        if (result == -1) {
+            poco_error(Log(), s.entry + " (" + s.tag + "): the audit system is not usable (see the audit module's log)");
+            return false;
+        }
+        if (result != 0) {
+            poco_error(Log(), s.entry + " (" + s.tag + "): the audit module refused '" + s.syscall + s.watch + "'");
+            return false;
+        }
+        poco_information(Log(), "Subscribed " + s.entry + " (" + s.tag + ").");
+        it = answers_.erase(it);
+    }
+    return true;
+}
+
+int ExportTask::Run()
+{
+    Subscribe();
+    answered_ = answers_.empty();
+    while (GetState() != Framework::kTaskStop) {
+        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) < 0) {
+            BulkConsumeMsg(kMessagesPerTurn);
+        }
+        EndTurn();
+    }
+    Write();
+    return 0;
+}
+
+void ExportTask::EndTurn()
+{
+    if (!answered_) {
+        if (!CheckAnswers()) {
+            if (Framework::Engine* engine = Framework::Engine::Current()) {
+                engine->RequestStop(1);  // the agent cannot do its job: stop, and say so
+            }
+            answered_ = true;
+        }
+        answered_ = answered_ || answers_.empty();
+    }
+    if (reopen_.exchange(false) && file_) {
+        file_->close();  // the next write opens the path anew
+        poco_information(Log(), "Reopened the event output.");
+    }
+    Write();
+}
+
+void ExportTask::UnInit()
+{
+    SendDirectMsg(Engine::kAuditTaskName, new Engine::AuditUnsubscribeMessage(this));
+    SendDirectMsg(Engine::kFileWatchTaskName, new Engine::AuditUnsubscribeMessage(this));
+    if (file_) {
+        file_->close();
+    }
+    Framework::Task::UnInit();
+}
+
+const std::string& ExportTask::NotificationTag(const Engine::AuditEventResult& result)
+{
+    static const std::string kNone;
+    std::vector<const Subscription*> covering;
+    for (const Subscription& s : config_.subscriptions) {
+        if (!s.watch.empty() && (s.events & static_cast<uint32_t>(result.event)) != 0 && Covers(s, result.path)) {
+            covering.push_back(&s);
+        }
+    }
+    const std::string key = result.path + '\0' + std::to_string(result.event) + '\0' + result.destPath;
+    repeats_ = key == lastNotification_ ? repeats_ + 1 : 0;
+    lastNotification_ = key;
+    return covering.empty() ? kNone : covering[repeats_ % covering.size()]->tag;
+}
+
+int ExportTask::Receive(const Engine::AuditEventMessage& msg)
+{
+    if (msg.event) {
+        AppendDecodedEvent(pending_, *msg.event, msg.tag);
+    } else {
+        AppendNotification(pending_, msg.result, NotificationTag(msg.result));
+    }
+    pending_ += '\n';
+    return 0;
+}
+
+void ExportTask::RequestReopen()
+{
+    reopen_ = true;
+    GetEventWaiter().Notify();
+}
+
+void ExportTask::Write()
+{
+    if (pending_.empty()) {
+        return;
+    }
+    if (console_ != nullptr) {
+        std::fwrite(pending_.data(), 1, pending_.size(), console_);
+        std::fflush(console_);
+    }
+    if (file_) {
+        // One write for the whole turn; the channel adds the last newline itself.
+        pending_.pop_back();
+        try {
+            file_->log(Poco::Message("export_module", pending_, Poco::Message::PRIO_INFORMATION));
+        } catch (const Poco::Exception& e) {
+            poco_error(Log(), "Cannot write the event output: " + e.displayText());
+        }
+    }
+    pending_.clear();
+}
+
+}  // namespace Export
