@@ -1,5 +1,8 @@
+#include "AgentConfig.h"
+#include "AuditCommand.h"
 #include "DecodeCommand.h"
 #include "ParseCommand.h"
+#include "RunCommand.h"
 #include "WatchCommand.h"
 
 #include "framework/Engine.h"
@@ -92,4 +95,52 @@ TEST(WatchCommand, BadArgumentsAreRefusedBeforeAnythingStarts)
     EXPECT_EQ(err.str(), "hostwarden watch: no such file or directory: '/no/such/path'\n"
                          "hostwarden watch: unknown event 'bogus' (use create, delete, modify, attrib, moved_from, "
                          "moved_to or their numbers)\n");
+}
+
+// Rules the module would take and then never match, or refuse, are refused before anything
+// starts, each with its reason.
+TEST(AuditCommand, RulesTheModuleWouldMisreadOrRefuseAreRefusedFirst)
+{
+    const std::pair<const char*, const char*> cases[] = {
+        {"exit,always -S open -F dir=/tmp", "field 'dir' is not one the module filters on: it would take it as a pid "
+                                            "filter, and no event would ever match"},
+        {"exit,always -S open -F uid=0", "field 'uid' is not one the module filters on"},
+        {"-a exit,always -S open", "a rule begins with its list and action"},
+        {"exit,always -F arch=b64", "no system call (-S NAME)"},
+        {"exit,always -S open -X", "unknown option '-X'"},
+        {"exit,always -S", "option -S needs a value"},
+    };
+    for (const auto& [rule, reason] : cases) {
+        std::ostringstream out;
+        std::ostringstream err;
+        Framework::Engine engine;  // never started
+        Agent::AuditRequest request;
+        request.rules = {rule};
+        EXPECT_EQ(Agent::RunAuditCommand(request, engine, [] {}, out, err), 1) << rule;
+        EXPECT_NE(err.str().find(std::string("hostwarden audit: refused rule '") + rule + "': " + reason),
+                  std::string::npos)
+            << err.str();
+    }
+}
+
+TEST(RunCommand, TheConfigurationsRulesAreReadAsTheModuleReadsThem)
+{
+    Export::AgentConfig config;
+    Export::Subscription s;
+    s.entry = "subscriptions[0]";
+    s.tag = "t";
+    config.subscriptions = {s};
+    const std::pair<const char*, const char*> cases[] = {
+        {"exit,always -F arch=b64 -S execve", ""},
+        {"exit,always -S open -F success=2", "subscriptions[0].syscall: the audit module refuses"},
+        {"exit,always -S open -F a0=notanumber", "subscriptions[0].syscall: the audit module refuses"},
+        {"exit,never -S open", "subscriptions[0].syscall: the audit module takes a never or exclude rule"},
+        {"exit,always -S open -F auid=1000", "subscriptions[0].syscall: field 'auid' is not one"},
+    };
+    for (const auto& [rule, expected] : cases) {
+        config.subscriptions[0].syscall = rule;
+        std::string error;
+        EXPECT_EQ(Agent::CheckSubscriptions(config, error), std::string(expected).empty()) << rule;
+        EXPECT_EQ(error.compare(0, std::string(expected).size(), expected), 0) << rule << " gave: " << error;
+    }
 }

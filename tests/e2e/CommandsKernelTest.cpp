@@ -8,6 +8,12 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
 
 #include <cstdlib>
 #include <sstream>
@@ -86,4 +92,111 @@ TEST_F(CommandsKernel, WatchPrintsNotificationsUntilInterruptedAndLeavesNoRule)
     EXPECT_EQ(lines[0]->getValue<int>("event"), 256);
     EXPECT_EQ(lines[0]->getObject("extra")->getValue<std::string>("syscall"), "83") << "mkdir";
     EXPECT_EQ(E2E::ListKernelRules().find(dir_), std::string::npos) << "unwatched on exit";
+}
+
+namespace {
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// True once the file holds text, within 20 s.
+bool FileGets(const std::string& path, const std::string& text)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (ReadFile(path).find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+}  // namespace
+
+// The main job with a configuration of the test's own: what it subscribes reaches the output
+// file as JSON lines with the subscription's tag; SIGTERM ends it with status 0 and no rule left.
+TEST_F(CommandsKernel, RunExportsWhatItsConfigurationSubscribesAndStopsCleanly)
+{
+    const std::string events = dir_ + "/out/events.jsonl";
+    std::ofstream(install_->Home() + "/etc/hostwarden.json") << R"({"output": {"file": ")" << events << R"(", "stdout": false},
+        "subscriptions": [{"tag": "marker", "syscall": "exit,always -F arch=b64 -S getpgid -F pid=)" << getpid() << R"("},
+                          {"tag": "files", "watch": ")" << dir_ << R"(", "recursive": true}]})";
+    auto run = Hostwarden({"run"});
+    ASSERT_TRUE(run->WaitFor("Subscribed subscriptions[1]", false)) << run->err;
+    syscall(SYS_getpgid, 424242);
+    mkdir((dir_ + "/made").c_str(), 0755);
+    ASSERT_TRUE(FileGets(events, "\"tag\":\"files\",\"path\":\"" + dir_ + "/made\"")) << ReadFile(events);
+    ASSERT_TRUE(FileGets(events, "\"tag\":\"marker\"")) << ReadFile(events);
+    run->Signal(SIGTERM);
+    EXPECT_EQ(run->Wait(), 0) << run->err;
+    for (const Poco::JSON::Object::Ptr& line : JsonLines(ReadFile(events))) {
+        if (line->getValue<std::string>("tag") == "marker") {
+            EXPECT_EQ(line->getValue<int>("syscall"), SYS_getpgid);
+            EXPECT_EQ(line->getValue<std::string>("a0"), "67932") << "424242 in hexadecimal";
+        }
+    }
+    const std::string rules = E2E::ListKernelRules();
+    EXPECT_EQ(rules.find("export_task***"), std::string::npos) << rules;
+    EXPECT_EQ(rules.find("filewatch_audit_task***"), std::string::npos) << rules;
+}
+
+// A run killed outright leaves its rules; the next start removes them before it subscribes.
+TEST_F(CommandsKernel, TheNextStartRemovesWhatAKilledRunLeft)
+{
+    const auto configure = [&](const std::string& tag) {
+        std::ofstream(install_->Home() + "/etc/hostwarden.json")
+            << R"({"output": {"stdout": false}, "subscriptions": [{"tag": ")" << tag
+            << R"(", "syscall": "exit,always -F arch=b64 -S getpgid -F pid=)" << getpid() << R"("}]})";
+    };
+    configure("killed");
+    auto first = Hostwarden({"run"});
+    ASSERT_TRUE(first->WaitFor("Subscribed subscriptions[0]", false)) << first->err;
+    first->Signal(SIGKILL);
+    first->Wait();
+    ASSERT_NE(E2E::ListKernelRules().find("export_task***killed"), std::string::npos) << "left by the killed run";
+
+    configure("next");
+    auto second = Hostwarden({"run"});
+    ASSERT_TRUE(second->WaitFor("Subscribed subscriptions[0]", false)) << second->err;
+    const std::string rules = E2E::ListKernelRules();
+    EXPECT_EQ(rules.find("export_task***killed"), std::string::npos) << rules;
+    EXPECT_NE(rules.find("export_task***next"), std::string::npos) << rules;
+    second->Signal(SIGTERM);
+    EXPECT_EQ(second->Wait(), 0) << second->err;
+    EXPECT_EQ(E2E::ListKernelRules().find("export_task***"), std::string::npos);
+}
+
+// A hostile program name must not break the JSON that pipelines read.
+TEST_F(CommandsKernel, AuditPrintsValidJsonWhateverBytesAProgramNameHolds)
+{
+    const std::string program = dir_ + "/bad\xff\xfe";
+    ASSERT_EQ(std::system(("cp /bin/true '" + program + "'").c_str()), 0);
+    auto audit = Hostwarden({"audit", "exit,always -F arch=b64 -S execve -F ppid=" + std::to_string(getpid()), "--tag", "x"});
+    ASSERT_TRUE(audit->WaitFor("printing events", false)) << audit->err;
+    const pid_t child = fork();
+    if (child == 0) {
+        execl(program.c_str(), program.c_str(), nullptr);
+        _exit(127);
+    }
+    waitpid(child, nullptr, 0);
+    ASSERT_TRUE(audit->WaitFor("hex:", true)) << audit->out;
+    audit->Signal(SIGINT);
+    EXPECT_EQ(audit->Wait(), 0) << audit->err;
+    bool seen = false;
+    for (const Poco::JSON::Object::Ptr& line : JsonLines(audit->out)) {  // every line parses
+        const std::string exe = line->getValue<std::string>("exe");
+        if (exe.compare(0, 4, "hex:") == 0) {
+            std::string bytes;
+            for (size_t i = 4; i + 1 < exe.size(); i += 2) {
+                bytes.push_back(static_cast<char>(std::stoi(exe.substr(i, 2), nullptr, 16)));
+            }
+            EXPECT_EQ(bytes, program) << "the original bytes come back";
+            seen = true;
+        }
+    }
+    EXPECT_TRUE(seen) << audit->out;
 }
