@@ -222,6 +222,8 @@ private:
     // the created, deleted or renamed entry) and "second" (the one before it), or null.
     static const AuditLogPath* FirstRecord(const AuditEvent& event);
     static const AuditLogPath* SecondRecord(const AuditEvent& event);
+    // The debug lines of a handler's arguments: the call's name, a1, a2 (and a3).
+    static void TraceArguments(const std::string& syscallName, const AuditEvent& event, bool withA3);
     // The index's path of a PATH record's inode and device.
     std::string PathOfRecord(const AuditLogPath& record);
     // Every handler's start: false (nothing to do) without an event, PATH records or a SYSCALL

@@ -572,6 +572,16 @@ void FileAuditWatch::CheckMessageInfo(const AuditEventMessage& msg)
     AUDIT_CPU_CHECK(kFileWatchTaskName);
 }
 
+void FileAuditWatch::TraceArguments(const std::string& syscallName, const AuditEvent& event, bool withA3)
+{
+    AUDIT_LOG_DEBUG("type=%s", syscallName);
+    AUDIT_LOG_DEBUG("a1=%s", event.a1);
+    AUDIT_LOG_DEBUG("a2=%s", event.a2);
+    if (withA3) {
+        AUDIT_LOG_DEBUG("a3=%s", event.a3);
+    }
+}
+
 const AuditLogPath* FileAuditWatch::FirstRecord(const AuditEvent& event)
 {
     return event.paths.empty() ? nullptr : &event.paths.back();
@@ -629,9 +639,7 @@ void FileAuditWatch::HandleOpen(const AuditEventMessage& msg, const std::string&
         return;
     }
     const AuditEvent& event = *msg.event;
-    AUDIT_LOG_DEBUG("type=%s", syscallName);
-    AUDIT_LOG_DEBUG("a1=%s", event.a1);
-    AUDIT_LOG_DEBUG("a2=%s", event.a2);
+    TraceArguments(syscallName, event, false);
     const unsigned long flags = Number(syscallName == "openat" ? event.a2 : event.a1, 16);
     const AuditLogPath* first = FirstRecord(event);
     if ((flags & 0x40UL) != 0 && event.items == 2) {  // O_CREAT of a new file
@@ -715,9 +723,7 @@ void FileAuditWatch::HandleChmod(const AuditEventMessage& msg, const std::string
         return;
     }
     const AuditEvent& event = *msg.event;
-    AUDIT_LOG_DEBUG("type=%s", syscallName);
-    AUDIT_LOG_DEBUG("a1=%s", event.a1);
-    AUDIT_LOG_DEBUG("a2=%s", event.a2);
+    TraceArguments(syscallName, event, false);
     const unsigned long requested = Number(syscallName == "fchmodat" ? event.a2 : event.a1, 16);
     if (event.items < 1) {
         return;
@@ -742,10 +748,7 @@ void FileAuditWatch::HandleChown(const AuditEventMessage& msg, const std::string
         return;
     }
     const AuditEvent& event = *msg.event;
-    AUDIT_LOG_DEBUG("type=%s", syscallName);
-    AUDIT_LOG_DEBUG("a1=%s", event.a1);
-    AUDIT_LOG_DEBUG("a2=%s", event.a2);
-    AUDIT_LOG_DEBUG("a3=%s", event.a3);
+    TraceArguments(syscallName, event, true);
     const bool atForm = syscallName == "chownat" || syscallName == "fchownat";
     const unsigned long uid = Number(atForm ? event.a2 : event.a1, 16);
     const unsigned long gid = Number(atForm ? event.a3 : event.a2, 16);
