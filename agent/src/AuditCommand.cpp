@@ -3,11 +3,14 @@
 #include "AgentConfig.h"
 #include "EventJson.h"
 #include "LiveSession.h"
-#include "RuleLint.h"
+#include "RuleText.h"
 
 #include "AuditConstants.h"
 #include "AuditMessages.h"
 
+#include "framework/Engine.h"
+
+#include <atomic>
 #include <mutex>
 #include <ostream>
 
@@ -28,16 +31,20 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
         err << kCommand << ": give at least one rule or --watch PATH\n";
         return 2;
     }
+    if (!Export::ValidTag(request.tag)) {
+        err << kCommand << ": a tag holds letters, digits, '_', '-' and '.' only: '" << request.tag << "'\n";
+        return 2;
+    }
     // What the module would accept and never match is refused before anything is installed.
     std::vector<std::string> keys;
     for (const std::string& text : request.rules) {
-        RuleOutline outline;
+        Export::RuleOutline outline;
         std::string problem;
-        if (!LintSyscallRule(text, outline, problem)) {
+        if (!Export::LintSyscallRule(text, outline, problem)) {
             err << kCommand << ": refused rule '" << text << "': " << problem << "\n";
             return 1;
         }
-        keys.push_back(SyscallRuleKey(kCliTaskName, request.tag, outline));
+        keys.push_back(Export::SyscallRuleKey(kCliTaskName, request.tag, outline));
     }
     std::vector<std::string> watches;
     for (const std::string& given : request.watches) {
@@ -51,13 +58,10 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
         keys.push_back(kCliTaskName + "***" + request.tag + "***" + path + "***wapidppid");
     }
 
-    std::mutex outMutex;
     LiveSession session(engine, kCommand, err);
     const bool started = session.Start(kCliTaskName, [&](const Engine::AuditEventMessage& msg) {
         if (msg.event) {
-            const std::string line = Export::DecodedEventToJson(*msg.event, msg.tag);
-            std::lock_guard<std::mutex> lock(outMutex);
-            out << line << std::endl;
+            session.Print(out, Export::DecodedEventToJson(*msg.event, msg.tag));
         }
     });
     if (!started) {

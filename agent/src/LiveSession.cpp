@@ -32,13 +32,17 @@ private:
     LiveSession::Handler handler_;
 };
 
+// Owns its task whether or not the engine takes the module.
 class SubscriberModule : public Framework::Module {
 public:
-    explicit SubscriberModule(Framework::Task* task) : Framework::Module("hostwarden_cli_module"), task_(task) {}
-    int Init() override { return RegisterTask(task_, true); }
+    explicit SubscriberModule(std::unique_ptr<Framework::Task> task)
+        : Framework::Module("hostwarden_cli_module"), task_(std::move(task))
+    {
+    }
+    int Init() override { return RegisterTask(task_.get(), false); }
 
 private:
-    Framework::Task* task_;
+    std::unique_ptr<Framework::Task> task_;
 };
 
 std::string Auditctl(const std::vector<std::string>& args, int& status)
@@ -95,8 +99,9 @@ bool LiveSession::Start(const std::string& subscriberName, Handler handler)
         err_ << command_ << ": cannot load the audit module " << library << "; see the log\n";
         return false;
     }
-    subscriber_ = new SubscriberTask(subscriberName, std::move(handler));
-    if (engine_.AddModule(std::make_unique<SubscriberModule>(subscriber_)) != 0 || engine_.StartTasks() != 0) {
+    auto subscriber = std::make_unique<SubscriberTask>(subscriberName, std::move(handler));
+    subscriber_ = subscriber.get();
+    if (engine_.AddModule(std::make_unique<SubscriberModule>(std::move(subscriber))) != 0 || engine_.StartTasks() != 0) {
         err_ << command_ << ": cannot start the audit module's tasks; see the log\n";
         engine_.StopAll();
         return false;
@@ -157,6 +162,19 @@ bool LiveSession::WaitForKernelKeys(const std::vector<std::string>& keys, bool p
         }
     }
     return waiting.empty();
+}
+
+void LiveSession::Print(std::ostream& out, const std::string& line)
+{
+    std::lock_guard<std::mutex> lock(outMutex_);
+    if (outFailed_) {
+        return;
+    }
+    out << line << std::endl;
+    if (!out) {
+        outFailed_ = true;
+        engine_.RequestStop(0);
+    }
 }
 
 void LiveSession::Stop()

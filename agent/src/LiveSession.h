@@ -8,6 +8,7 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,9 @@ public:
     /// True when the receipt says the message was handled with result 0 within a few seconds;
     /// otherwise says what happened to what (a message naming it).
     bool Accepted(const std::shared_ptr<Framework::MessageReceipt>& receipt, const std::string& what);
+    /// Writes one line to out, from the subscriber's thread. When out fails (its reader has gone)
+    /// the session ends as on SIGTERM: the command unsubscribes and stops.
+    void Print(std::ostream& out, const std::string& line);
     /// The subscriber task, as the sender of control messages.
     Framework::Task* Subscriber() const { return subscriber_; }
     /// True once the kernel lists a rule under every key (present) or under none (not present),
@@ -55,6 +59,8 @@ private:
     const std::string command_;
     std::ostream& err_;
     Framework::Task* subscriber_ = nullptr;
+    std::mutex outMutex_;
+    bool outFailed_ = false;
 };
 
 /// True when the installation's auditctl lists a kernel rule whose key is exactly key.

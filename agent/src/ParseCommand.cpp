@@ -28,14 +28,29 @@ std::string EventToJson(const SDK::AuditEvent& event)
         json.Key("fields");
         json.BeginObject();
         std::vector<std::string_view> written;
+        std::vector<std::pair<std::string_view, std::string_view>> repeated;
         for (const auto& [name, value] : record.fields) {
-            // A repeated name keeps its first value, as lookups do.
+            // An object holds a name once, with its first value, as lookups see it; the later
+            // values of a repeated name follow as [name, value] pairs.
             if (std::find(written.begin(), written.end(), name) == written.end()) {
                 written.push_back(name);
                 json.Field(name, value);
+            } else {
+                repeated.emplace_back(name, value);
             }
         }
         json.EndObject();
+        if (!repeated.empty()) {
+            json.Key("repeated");
+            json.BeginArray();
+            for (const auto& [name, value] : repeated) {
+                json.BeginArray();
+                json.String(name);
+                json.String(value);
+                json.EndArray();
+            }
+            json.EndArray();
+        }
         json.EndObject();
     }
     json.EndArray();

@@ -1,13 +1,16 @@
 #include "RunCommand.h"
 
 #include "AgentConfig.h"
-#include "RuleLint.h"
+#include "RuleText.h"
 
 #include "AuditMessages.h"
 #include "AuditRule.h"
 #include "AuditUtil.h"
+#include "SyscallTables.h"
 
 #include "framework/Engine.h"
+#include "sdk/DirUtils.h"
+#include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
 
@@ -17,37 +20,66 @@
 #include <Poco/Util/Application.h>
 
 #include <algorithm>
+#include <fstream>
 #include <ostream>
 
 namespace Agent {
 
-bool CheckSubscriptions(const Export::AgentConfig& config, std::string& error)
+namespace {
+
+// How often a thread under the processor-share limit is measured, in milliseconds.
+constexpr uint64_t kCpuCheckTicks = 100;
+
+// The problem with one rule text, or empty.
+std::string RuleProblem(const std::string& text)
+{
+    Export::RuleOutline outline;
+    std::string problem;
+    if (!Export::LintSyscallRule(text, outline, problem)) {
+        return problem;
+    }
+    // The module's own reading, offline: a rule it would refuse is refused here, first.
+    Engine::AuditSyscallCtrlMessage probe;
+    probe.rule = text;
+    Engine::SyscallRule rule;
+    int result = Engine::kRuleRejected;
+    try {
+        result = Engine::LinuxAuditUtil::auditDistractSyscallRule(probe, rule);
+    } catch (const std::exception&) {
+        // a0..a3 that is not a 32-bit number
+    }
+    if (result == Engine::kRuleNeverOrExclude) {
+        return "the audit module takes a never or exclude rule, which yields no events";
+    }
+    if (result != Engine::kRuleParsed) {
+        return "the audit module refuses '" + text + "'";
+    }
+    // An unknown name would be routed as system call 0 and refused by auditctl.
+    for (const std::string& name : rule.syscalls) {
+        const auto& table = rule.arch == "b32" ? Engine::syscallNameToNumber32 : Engine::syscallNameToNumber64;
+        if (table.count(name) == 0) {
+            return "unknown system call '" + name + "'" + (rule.arch == "b32" ? " on i386" : " on x86_64");
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+bool CheckConfiguration(const Export::AgentConfig& config, std::string& error)
 {
     for (const Export::Subscription& s : config.subscriptions) {
-        if (s.syscall.empty()) {
-            continue;
-        }
-        RuleOutline outline;
-        std::string problem;
-        if (!LintSyscallRule(s.syscall, outline, problem)) {
+        const std::string problem = s.syscall.empty() ? std::string() : RuleProblem(s.syscall);
+        if (!problem.empty()) {
             error = s.entry + ".syscall: " + problem;
             return false;
         }
-        // The module's own reading, offline: the rule it would refuse is refused here, first.
-        Engine::AuditSyscallCtrlMessage probe;
-        probe.rule = s.syscall;
-        Engine::SyscallRule rule;
-        int result = Engine::kRuleRejected;
-        try {
-            result = Engine::LinuxAuditUtil::auditDistractSyscallRule(probe, rule);
-        } catch (const std::exception&) {
-            // a0..a3 that is not a 32-bit number
-        }
-        if (result != Engine::kRuleParsed) {
-            error = s.entry + ".syscall: the audit module " +
-                    (result == Engine::kRuleNeverOrExclude ? std::string("takes a never or exclude rule, which "
-                                                                         "yields no events")
-                                                           : std::string("refuses '" + s.syscall + "'"));
+    }
+    const std::string& file = config.output.file;
+    if (!file.empty()) {
+        SDK::DirUtils::CreateDirs(file.substr(0, file.rfind('/')), 0750);
+        if (!std::ofstream(file, std::ios::app)) {
+            error = "output.file: cannot be written: " + file;
             return false;
         }
     }
@@ -69,7 +101,7 @@ int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::fu
         err << "hostwarden: bad configuration " << error << "\n";
         return Poco::Util::Application::EXIT_CONFIG;
     }
-    if (!CheckSubscriptions(config, error)) {
+    if (!CheckConfiguration(config, error)) {
         err << "hostwarden: bad configuration " << configFile << ": " << error << "\n";
         return Poco::Util::Application::EXIT_CONFIG;
     }
@@ -83,6 +115,9 @@ int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::fu
         return Poco::Util::Application::EXIT_CONFIG;
     }
     engine.SetConfigurationFile(configFile);
+    if (config.cpuShare > 0) {
+        SDK::InnerCpuCtrlUtils::Configure(config.cpuShare, kCpuCheckTicks);
+    }
 
     Poco::Logger& log = Poco::Logger::get("hostwarden");
     Framework::Engine::BlockTerminationSignals();

@@ -21,9 +21,11 @@ struct RunOptions {
     std::string logFile;     ///< overrides the configuration's when set
 };
 
-/// Checks a configuration beyond its shape: every rule text as the audit module reads it (a
-/// rule it would refuse, or accept and never match, is an error). False, with the entry named.
-bool CheckSubscriptions(const Export::AgentConfig& config, std::string& error);
+/// Checks a configuration beyond its shape: every rule text as the audit module reads it (a rule
+/// it would refuse, or accept and never match or never install, such as one naming an unknown
+/// system call, is an error), and that the output file can be written. False, with the entry
+/// named.
+bool CheckConfiguration(const Export::AgentConfig& config, std::string& error);
 
 /// hostwarden run, the agent's main job: reads and checks the configuration (a bad one is named
 /// on err, exit status 78, before anything is loaded or installed), loads every module of the

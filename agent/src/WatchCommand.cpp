@@ -3,11 +3,11 @@
 #include "AgentConfig.h"
 #include "EventJson.h"
 #include "LiveSession.h"
+#include "RuleText.h"
 
 #include "AuditConstants.h"
 #include "AuditMessages.h"
 
-#include <mutex>
 #include <ostream>
 
 namespace Agent {
@@ -17,12 +17,6 @@ namespace {
 const std::string kWatchTaskName = "watch_cli_task";
 const std::string kCommand = "hostwarden watch";
 
-// The kernel rule the file-watch task installs for path (its own key layout).
-std::string WatchKey(const std::string& path)
-{
-    return Engine::kFileWatchTaskName + "***submodule***" + path + "***wapidppid";
-}
-
 }  // namespace
 
 int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, const std::function<void()>& waitForStop,
@@ -30,6 +24,10 @@ int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, cons
 {
     if (request.paths.empty()) {
         err << kCommand << ": give at least one PATH\n";
+        return 2;
+    }
+    if (!Export::ValidTag(request.tag)) {
+        err << kCommand << ": a tag holds letters, digits, '_', '-' and '.' only: '" << request.tag << "'\n";
         return 2;
     }
     uint32_t mask = 0;
@@ -50,13 +48,10 @@ int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, cons
         paths.push_back(path);
     }
 
-    std::mutex outMutex;
     LiveSession session(engine, kCommand, err);
     const bool started = session.Start(kWatchTaskName, [&](const Engine::AuditEventMessage& msg) {
         if (!msg.event) {  // a notification, not an audit event
-            const std::string line = Export::NotificationToJson(msg.result, request.tag);
-            std::lock_guard<std::mutex> lock(outMutex);
-            out << line << std::endl;
+            session.Print(out, Export::NotificationToJson(msg.result, request.tag));
         }
     });
     if (!started) {
@@ -74,7 +69,7 @@ int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, cons
     bool accepted = true;
     for (const std::string& path : paths) {
         accepted = session.Accepted(send(path, false), "the watch of " + path) && accepted;
-        keys.push_back(WatchKey(path));
+        keys.push_back(Export::FileWatchKey(path));
     }
     const bool installed = accepted && session.WaitForKernelKeys(keys, true);
     if (installed) {

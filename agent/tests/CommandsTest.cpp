@@ -136,11 +136,14 @@ TEST(RunCommand, TheConfigurationsRulesAreReadAsTheModuleReadsThem)
         {"exit,always -S open -F a0=notanumber", "subscriptions[0].syscall: the audit module refuses"},
         {"exit,never -S open", "subscriptions[0].syscall: the audit module takes a never or exclude rule"},
         {"exit,always -S open -F auid=1000", "subscriptions[0].syscall: field 'auid' is not one"},
+        {"exit,always -S exceve", "subscriptions[0].syscall: unknown system call 'exceve' on x86_64"},
+        {"exit,always -F arch=b32 -S openat2", "subscriptions[0].syscall: unknown system call 'openat2' on i386"},
+        {"bogus,always -S open", "subscriptions[0].syscall: a rule begins with its list and action"},
     };
     for (const auto& [rule, expected] : cases) {
         config.subscriptions[0].syscall = rule;
         std::string error;
-        EXPECT_EQ(Agent::CheckSubscriptions(config, error), std::string(expected).empty()) << rule;
+        EXPECT_EQ(Agent::CheckConfiguration(config, error), std::string(expected).empty()) << rule;
         EXPECT_EQ(error.compare(0, std::string(expected).size(), expected), 0) << rule << " gave: " << error;
     }
 }

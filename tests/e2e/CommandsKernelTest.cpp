@@ -126,7 +126,7 @@ TEST_F(CommandsKernel, RunExportsWhatItsConfigurationSubscribesAndStopsCleanly)
         "subscriptions": [{"tag": "marker", "syscall": "exit,always -F arch=b64 -S getpgid -F pid=)" << getpid() << R"("},
                           {"tag": "files", "watch": ")" << dir_ << R"(", "recursive": true}]})";
     auto run = Hostwarden({"run"});
-    ASSERT_TRUE(run->WaitFor("Subscribed subscriptions[1]", false)) << run->err;
+    ASSERT_TRUE(run->WaitFor("Every subscription is installed in the kernel.", false)) << run->err;
     syscall(SYS_getpgid, 424242);
     mkdir((dir_ + "/made").c_str(), 0755);
     ASSERT_TRUE(FileGets(events, "\"tag\":\"files\",\"path\":\"" + dir_ + "/made\"")) << ReadFile(events);
@@ -154,14 +154,14 @@ TEST_F(CommandsKernel, TheNextStartRemovesWhatAKilledRunLeft)
     };
     configure("killed");
     auto first = Hostwarden({"run"});
-    ASSERT_TRUE(first->WaitFor("Subscribed subscriptions[0]", false)) << first->err;
+    ASSERT_TRUE(first->WaitFor("Every subscription is installed in the kernel.", false)) << first->err;
     first->Signal(SIGKILL);
     first->Wait();
     ASSERT_NE(E2E::ListKernelRules().find("export_task***killed"), std::string::npos) << "left by the killed run";
 
     configure("next");
     auto second = Hostwarden({"run"});
-    ASSERT_TRUE(second->WaitFor("Subscribed subscriptions[0]", false)) << second->err;
+    ASSERT_TRUE(second->WaitFor("Every subscription is installed in the kernel.", false)) << second->err;
     const std::string rules = E2E::ListKernelRules();
     EXPECT_EQ(rules.find("export_task***killed"), std::string::npos) << rules;
     EXPECT_NE(rules.find("export_task***next"), std::string::npos) << rules;

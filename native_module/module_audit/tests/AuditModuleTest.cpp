@@ -144,6 +144,9 @@ TEST(AuditModule, CreatesBothTasksAndDestroysTheAuditTaskFirst)
     ASSERT_EQ(Made().size(), 2U);
     EXPECT_EQ(Deleted(), Made()) << "the audit task, then the file-watch task";
     EXPECT_EQ(capture.channel().Texts(), (std::vector<std::string>{"Init audit module.", "Uninit audit module."}));
+    for (const Poco::Message& line : capture.channel().Messages()) {
+        EXPECT_EQ(line.getPriority(), Poco::Message::PRIO_INFORMATION) << line.getText();
+    }
 
     Reset(0);
     { Engine::AuditModule never; }
@@ -162,6 +165,7 @@ TEST(AuditModule, AFailedAllocationUndoesWhatInitDidAndNothingIsDestroyedTwice)
     }
     EXPECT_TRUE(Deleted().empty());
     EXPECT_EQ(capture.channel().Texts(), std::vector<std::string>{"New task(audit_task) failed."});
+    EXPECT_EQ(capture.channel().Messages()[0].getPriority(), Poco::Message::PRIO_ERROR);
 
     capture.channel().Clear();
     Reset(2);

@@ -11,20 +11,34 @@
 #include <Poco/FileChannel.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace Export {
 
+/// Where the export task reaches beyond itself (tests replace them).
+struct ExportHooks {
+    /// Ends the agent with an exit code (the engine's RequestStop when empty).
+    std::function<void(int)> stop;
+    /// The kernel's audit rules, as auditctl -l lists them (ListKernelRules when empty).
+    std::function<bool(std::string&)> listRules;
+    /// How long the subscriptions may take to reach the kernel.
+    std::chrono::milliseconds installTime{10000};
+};
+
 /// The task "export_task": subscribes what the agent's configuration names with the audit
 /// module's tasks, and writes every audit event and file notification it receives as one JSON
 /// line, with its subscription's tag, to standard output and to a size-rotated file.
 class ExportTask : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
 public:
+    using Hooks = ExportHooks;
+
     /// console receives the lines too (null for none).
-    ExportTask(AgentConfig config, std::FILE* console);
+    ExportTask(AgentConfig config, std::FILE* console, Hooks hooks = Hooks());
 
     /// Opens the output file.
     int Init() override;
@@ -37,9 +51,12 @@ public:
 
     /// Reopens the output file at the next turn (logrotate has moved it).
     void RequestReopen();
-    /// The end of a turn of Run: checks the audit module's answers to the subscriptions (asking
-    /// the engine to stop when it refused one), reopens the output if asked, and writes the turn's
-    /// lines with one write each to standard output and the file.
+    /// Sends the subscriptions (the start of Run).
+    void Subscribe();
+    /// The end of a turn of Run: follows the subscriptions until the kernel holds every one
+    /// (stopping the agent with status 1 when the audit module refuses one, the audit system is
+    /// not usable, or a rule does not reach the kernel within 10 s), reopens the output if asked,
+    /// and writes the turn's lines with one write each to standard output and the file.
     void EndTurn();
 
     /// The tag of a notification: that of the watch subscriptions covering its path and kind, the
@@ -48,14 +65,20 @@ public:
     const std::string& NotificationTag(const Engine::AuditEventResult& result);
 
 private:
-    void Subscribe();
     // Reports subscriptions the audit module has answered; false once one was refused.
     bool CheckAnswers();
+    // True once the kernel lists every subscription's rule; false when the time is up.
+    bool CheckKernel(bool& done);
+    void Fail(int code);
     void Write();
-    bool answered_ = true;  // every subscription answered (or one refused)
+
+    enum class Phase { kAnswering, kInstalling, kRunning };
+    Phase phase_ = Phase::kRunning;
+    std::chrono::steady_clock::time_point installDeadline_;
 
     AgentConfig config_;
     std::FILE* console_;
+    Hooks hooks_;
     Poco::AutoPtr<Poco::FileChannel> file_;
     std::string pending_;  // lines not yet written
     std::atomic<bool> reopen_{false};

@@ -1,10 +1,14 @@
 #include "AgentConfig.h"
 
+#include "RuleText.h"
+
 #include "FileAuditWatch.h"
 
 #include "sdk/FileUtils.h"
 #include "sdk/StrUtils.h"
 
+#include <Poco/AutoPtr.h>
+#include <Poco/FileChannel.h>
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
@@ -90,11 +94,30 @@ Reader::Read Flag(bool& out)
 Reader::Read Count(int& out)
 {
     return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
-        if (!v.isInteger() || v.convert<long>() < 0 || v.convert<long>() > 1000) {
-            problem = "must be a whole number from 0 to 1000";
+        if (!v.isInteger() || v.convert<long>() < 1 || v.convert<long>() > 1000) {
+            problem = "must be a whole number from 1 to 1000";
             return false;
         }
         out = v.convert<int>();
+        return true;
+    };
+}
+
+// A rotation as Poco's FileChannel takes it ("10 M", "100 K", "never", ...): the channel itself
+// says whether it can use the text.
+Reader::Read Rotation(std::string& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!Text(out)(v, problem)) {
+            return false;
+        }
+        try {
+            Poco::AutoPtr<Poco::FileChannel> probe(new Poco::FileChannel);
+            probe->setProperty(Poco::FileChannel::PROP_ROTATION, out);
+        } catch (const Poco::Exception&) {
+            problem = "'" + out + "' is not a rotation (such as \"10 M\", \"500 K\" or \"never\")";
+            return false;
+        }
         return true;
     };
 }
@@ -120,21 +143,6 @@ std::string Expand(std::string path, const std::string& installation)
         at += home.size();
     }
     return !path.empty() && path.front() != '/' ? installation + path : path;
-}
-
-bool ValidTag(const std::string& tag)
-{
-    if (tag.empty()) {
-        return false;
-    }
-    for (const char c : tag) {
-        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-                        c == '-' || c == '.';
-        if (!ok) {
-            return false;
-        }
-    }
-    return true;
 }
 
 }  // namespace
@@ -241,6 +249,13 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
             } else if (s.recursive || hasEvents) {
                 return reader.Fail(s.entry, "recursive and events belong to watches");
             }
+            for (const Subscription& earlier : config.subscriptions) {
+                // The file-watch task keeps one rule for both: one notification, two tags.
+                if (!s.watch.empty() && earlier.watch == s.watch && earlier.events == s.events &&
+                    earlier.recursive == s.recursive) {
+                    return reader.Fail(s.entry, "watches what " + earlier.entry + " watches");
+                }
+            }
             config.subscriptions.push_back(std::move(s));
         }
         return true;
@@ -255,7 +270,7 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
           }},
          {"output", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "output", {{"file", Text(outputFile)},
-                                               {"rotate_size", Text(config.output.rotateSize)},
+                                               {"rotate_size", Rotation(config.output.rotateSize)},
                                                {"keep", Count(config.output.keep)},
                                                {"stdout", Flag(config.output.toStdout)}});
           }},

@@ -1,6 +1,7 @@
 #include "ExportTask.h"
 
 #include "EventJson.h"
+#include "RuleText.h"
 
 #include "AuditConstants.h"
 #include "FileAuditWatch.h"
@@ -24,33 +25,63 @@ Poco::Logger& Log()
     return Poco::Logger::get("export_module");
 }
 
+// The notifications the file-watch task sends for a watch: its path and what lies below it
+// (the rule's path, then "/" or the rule's own trailing "/", then more).
 bool Covers(const Subscription& s, const std::string& path)
 {
-    return path == s.watch ||
-           (path.size() > s.watch.size() && path.compare(0, s.watch.size(), s.watch) == 0 && path[s.watch.size()] == '/');
+    const std::string& dir = s.watch;
+    return path == dir || (path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
+                           (path[dir.size()] == '/' || dir.back() == '/'));
+}
+
+// The kernel keys of the subscriptions, as the audit module makes them.
+std::vector<std::string> Keys(const std::vector<Subscription>& subscriptions)
+{
+    std::vector<std::string> keys;
+    for (const Subscription& s : subscriptions) {
+        RuleOutline outline;
+        std::string problem;
+        if (!s.syscall.empty() && LintSyscallRule(s.syscall, outline, problem)) {
+            keys.push_back(SyscallRuleKey(kExportTaskName, s.tag, outline));
+        } else if (!s.watch.empty()) {
+            keys.push_back(FileWatchKey(s.watch));
+        }
+    }
+    return keys;
 }
 
 }  // namespace
 
-ExportTask::ExportTask(AgentConfig config, std::FILE* console)
+ExportTask::ExportTask(AgentConfig config, std::FILE* console, Hooks hooks)
     : Framework::Task(kExportTaskName, "export_feature", Framework::TaskCondition::kLoop, 65536),
-      config_(std::move(config)), console_(console)
+      config_(std::move(config)), console_(console), hooks_(std::move(hooks))
 {
+    if (!hooks_.stop) {
+        hooks_.stop = [](int code) {
+            if (Framework::Engine* engine = Framework::Engine::Current()) {
+                engine->RequestStop(code);
+            }
+        };
+    }
+    if (!hooks_.listRules) {
+        hooks_.listRules = ListKernelRules;
+    }
 }
 
 int ExportTask::Init()
 {
     if (!config_.output.file.empty()) {
         const std::string& path = config_.output.file;
-        SDK::DirUtils::CreateDirs(path.substr(0, path.rfind('/')));
-        file_ = new Poco::FileChannel(path);
-        file_->setProperty("rotation", config_.output.rotateSize);
-        file_->setProperty("archive", "number");
-        file_->setProperty("purgeCount", std::to_string(config_.output.keep));
+        SDK::DirUtils::CreateDirs(path.substr(0, path.rfind('/')), 0750);
         try {
+            file_ = new Poco::FileChannel(path);
+            file_->setProperty("rotation", config_.output.rotateSize);
+            file_->setProperty("archive", "number");
+            file_->setProperty("purgeCount", std::to_string(config_.output.keep));
             file_->open();
         } catch (const Poco::Exception& e) {
             poco_error(Log(), "Cannot open the event output " + path + ": " + e.displayText());
+            file_ = nullptr;
             return -1;
         }
     }
@@ -59,6 +90,7 @@ int ExportTask::Init()
 
 void ExportTask::Subscribe()
 {
+    phase_ = Phase::kAnswering;
     for (const Subscription& s : config_.subscriptions) {
         auto receipt = std::make_shared<Framework::MessageReceipt>();
         if (!s.syscall.empty()) {
@@ -111,31 +143,68 @@ bool ExportTask::CheckAnswers()
 int ExportTask::Run()
 {
     Subscribe();
-    answered_ = answers_.empty();
     while (GetState() != Framework::kTaskStop) {
         if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) < 0) {
             BulkConsumeMsg(kMessagesPerTurn);
         }
         EndTurn();
     }
+    // What arrived before the stop is written too.
+    while (BulkConsumeMsg(kMessagesPerTurn) > 0) {
+        Write();
+    }
     Write();
     return 0;
 }
 
+void ExportTask::Fail(int code)
+{
+    phase_ = Phase::kRunning;
+    hooks_.stop(code);  // the agent cannot do its job: stop, and say so
+}
+
+bool ExportTask::CheckKernel(bool& done)
+{
+    std::string rules;
+    const std::vector<std::string> missing = hooks_.listRules(rules) ? MissingKeys(rules, Keys(config_.subscriptions))
+                                                                     : Keys(config_.subscriptions);
+    done = missing.empty();
+    if (done || std::chrono::steady_clock::now() < installDeadline_) {
+        return true;
+    }
+    for (const std::string& key : missing) {
+        poco_error(Log(), "The kernel did not install rule " + key + " (see the audit module's log for auditctl's answer).");
+    }
+    return false;
+}
+
 void ExportTask::EndTurn()
 {
-    if (!answered_) {
+    if (phase_ == Phase::kAnswering) {
         if (!CheckAnswers()) {
-            if (Framework::Engine* engine = Framework::Engine::Current()) {
-                engine->RequestStop(1);  // the agent cannot do its job: stop, and say so
-            }
-            answered_ = true;
+            Fail(1);
+        } else if (answers_.empty()) {
+            phase_ = Phase::kInstalling;
+            installDeadline_ = std::chrono::steady_clock::now() + hooks_.installTime;
         }
-        answered_ = answered_ || answers_.empty();
+    }
+    if (phase_ == Phase::kInstalling) {
+        bool done = false;
+        if (!CheckKernel(done)) {
+            Fail(1);
+        } else if (done) {
+            phase_ = Phase::kRunning;
+            poco_information(Log(), "Every subscription is installed in the kernel.");
+        }
     }
     if (reopen_.exchange(false) && file_) {
-        file_->close();  // the next write opens the path anew
-        poco_information(Log(), "Reopened the event output.");
+        file_->close();
+        try {
+            file_->open();  // at the path anew: logrotate has moved the old file
+            poco_information(Log(), "Reopened the event output.");
+        } catch (const Poco::Exception& e) {
+            poco_error(Log(), "Cannot reopen the event output: " + e.displayText());
+        }
     }
     Write();
 }
@@ -187,9 +256,11 @@ void ExportTask::Write()
     if (pending_.empty()) {
         return;
     }
-    if (console_ != nullptr) {
-        std::fwrite(pending_.data(), 1, pending_.size(), console_);
-        std::fflush(console_);
+    if (console_ != nullptr &&
+        (std::fwrite(pending_.data(), 1, pending_.size(), console_) != pending_.size() || std::fflush(console_) != 0)) {
+        // Standard output is gone (its reader closed it): the file goes on.
+        poco_error(Log(), "Cannot write to standard output any more; events go to the output file only.");
+        console_ = nullptr;
     }
     if (file_) {
         // One write for the whole turn; the channel adds the last newline itself.

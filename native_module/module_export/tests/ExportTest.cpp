@@ -6,10 +6,14 @@
 
 #include "FileAuditWatch.h"
 
+#include "framework/TaskRegistry.h"
+
 #include <gtest/gtest.h>
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -112,7 +116,8 @@ TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)
         {R"({"log": {"level": 3}})", "log.level: must be a string"},
         {R"({"log": {"colour": "red"}})", "log.colour: unknown key"},
         {R"({"cpu": {"share": 1.5}})", "cpu.share: must be a number from 0 (no limit) to below 1"},
-        {R"({"output": {"keep": -1}})", "output.keep: must be a whole number from 0 to 1000"},
+        {R"({"output": {"keep": 0}})", "output.keep: must be a whole number from 1 to 1000"},
+        {R"({"output": {"rotate_size": "10MB"}})", "output.rotate_size: '10MB' is not a rotation"},
         {R"({"output": {"stdout": "yes"}})", "output.stdout: must be true or false"},
         {R"({"subscriptions": {}})", "subscriptions: must be a list"},
         {R"({"subscriptions": [7]})", "subscriptions[0]: must be an object"},
@@ -127,6 +132,8 @@ TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)
         {R"({"subscriptions": [{"tag": "t", "watch": "/tmp", "events": "create,grow"}]})",
          "subscriptions[0].events: unknown event 'grow'"},
         {R"({"subscriptions": [{"tag": "t", "watch": "/tmp", "mode": 1}]})", "subscriptions[0].mode: unknown key"},
+        {R"({"subscriptions": [{"tag": "a", "watch": "/tmp"}, {"tag": "b", "watch": "/tmp/"}]})",
+         "subscriptions[1]: watches what subscriptions[0] watches"},
     };
     for (const auto& [text, expected] : cases) {
         Export::AgentConfig config;
@@ -181,7 +188,6 @@ TEST(ExportTask, WritesEachTurnOnceAndReopensAMovedFile)
     task.RequestReopen();
     task.Receive(event);
     task.EndTurn();
-    EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 2);
     EXPECT_EQ(ReadFile(config.output.file + ".1"), first) << "nothing more into the moved file";
     EXPECT_NE(ReadFile(config.output.file).find("\"tag\":\"exec\""), std::string::npos);
     task.UnInit();
@@ -202,6 +208,7 @@ TEST(ExportTask, NotificationsCarryTheTagsOfTheWatchesThatCoverThem)
     watch("etc", "/etc", 966);
     watch("ssh", "/etc/ssh", 256);
     watch("etcd", "/etcd", 966);
+    watch("root", "/", 512);
     Export::ExportTask task(config, nullptr);
     const auto tag = [&](const char* path, int kind) { return task.NotificationTag(Notification(path, kind)); };
     EXPECT_EQ(tag("/etc/passwd", 2), "etc");
@@ -210,6 +217,134 @@ TEST(ExportTask, NotificationsCarryTheTagsOfTheWatchesThatCoverThem)
     EXPECT_EQ(tag("/etc/ssh/x", 256), "ssh") << "the second copy";
     EXPECT_EQ(tag("/etc/ssh/x", 256), "etc") << "the next event's first copy";
     EXPECT_EQ(tag("/etc/ssh/x", 512), "etc") << "ssh does not want deletes";
+    EXPECT_EQ(tag("/etc/ssh/x", 512), "root") << "nor does etcd cover it, but / does";
     EXPECT_EQ(tag("/etcd/x", 2), "etcd");
     EXPECT_EQ(tag("/var/x", 2), "");
+}
+
+namespace {
+
+// Stands in for the audit module's two tasks: answers every subscription with result.
+class AuditDouble : public Framework::Task,
+                    public Engine::AbstructMessage<Engine::AuditSyscallCtrlMessage>::Receiver,
+                    public Engine::AbstructMessage<Engine::AuditFileSystemCtrlMessage>::Receiver {
+public:
+    AuditDouble(const std::string& name, int answer)
+        : Framework::Task(name, "test", Framework::TaskCondition::kLoop, 64), answer_(answer) {}
+    int Receive(const Engine::AuditSyscallCtrlMessage&) override { return answer_; }
+    int Receive(const Engine::AuditFileSystemCtrlMessage&) override { return answer_; }
+
+private:
+    int answer_;
+};
+
+Export::AgentConfig TwoSubscriptions()
+{
+    Export::AgentConfig config;
+    Export::Subscription rule;
+    rule.entry = "subscriptions[0]";
+    rule.tag = "exec";
+    rule.syscall = "exit,always -F arch=b64 -S execve";
+    Export::Subscription watch;
+    watch.entry = "subscriptions[1]";
+    watch.tag = "etc";
+    watch.watch = "/etc";
+    watch.events = 256;
+    config.subscriptions = {rule, watch};
+    return config;
+}
+
+}  // namespace
+
+// The agent stops with status 1 unless every subscription reaches the kernel: the audit module
+// refuses it, finds the audit system unusable, is not there to answer, or auditctl fails.
+TEST(ExportTask, StopsTheAgentUnlessEverySubscriptionReachesTheKernel)
+{
+    const std::string kernel = "-a always,exit -F arch=b64 -S execve -F key=export_task***execexecvepidppid\n"
+                               "-w /etc -p wa -k filewatch_audit_task***submodule***/etc***wapidppid\n";
+    struct Case {
+        const char* what;
+        int answer;  // the audit tasks' result; 99: no audit tasks at all
+        std::string rules;
+        int stopped;  // the stop code asked for; 0: none
+    };
+    const Case cases[] = {
+        {"installed", 0, kernel, 0},
+        {"audit unusable", -1, kernel, 1},
+        {"refused", 2, kernel, 1},
+        {"no audit module", 99, kernel, 1},
+        {"a rule missing from the kernel", 0, kernel.substr(kernel.find('\n') + 1), 1},
+    };
+    for (const Case& c : cases) {
+        Framework::TaskRegistry registry;
+        AuditDouble audit("audit_task", c.answer);
+        AuditDouble fileWatch("filewatch_audit_task", c.answer);
+        if (c.answer != 99) {
+            registry.Add(&audit);
+            registry.Add(&fileWatch);
+        }
+        int stopped = 0;
+        Export::ExportTask::Hooks hooks;
+        hooks.stop = [&](int code) { stopped = code; };
+        hooks.listRules = [&](std::string& rules) {
+            rules = c.rules;
+            return true;
+        };
+        hooks.installTime = std::chrono::milliseconds(0);
+        Export::ExportTask task(TwoSubscriptions(), nullptr, hooks);
+        task.AttachRegistry(&registry);
+        task.Subscribe();
+        audit.BulkConsumeMsg(64);
+        fileWatch.BulkConsumeMsg(64);
+        task.EndTurn();
+        EXPECT_EQ(stopped, c.stopped) << c.what;
+    }
+}
+
+TEST(ExportTask, TheOutputRotatesBySizeAndKeepsItsArchives)
+{
+    Scratch dir;
+    Export::AgentConfig config;
+    config.output.file = dir.path + "/events.jsonl";
+    config.output.rotateSize = "1 K";
+    config.output.keep = 1;
+    Export::ExportTask task(config, nullptr);
+    ASSERT_EQ(task.Init(), 0);
+    Engine::AuditEventMessage event;
+    event.event = std::make_shared<Engine::AuditEvent>();
+    for (int turn = 0; turn < 6; ++turn) {
+        task.Receive(event);  // some 600 bytes a line
+        task.Receive(event);
+        task.EndTurn();
+    }
+    int archives = 0;
+    for (int n = 0; n < 8; ++n) {
+        archives += access((config.output.file + "." + std::to_string(n)).c_str(), F_OK) == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(archives, 1) << "rotated at 1 KiB, one archive kept";
+    EXPECT_LT(ReadFile(config.output.file).size(), 2500U);
+}
+
+// Events that arrived before the stop are written, however many.
+TEST(ExportTask, WhatArrivedBeforeTheStopIsWritten)
+{
+    Scratch dir;
+    Export::AgentConfig config;
+    config.output.file = dir.path + "/events.jsonl";
+    Export::ExportTask::Hooks hooks;
+    hooks.stop = [](int) {};
+    hooks.listRules = [](std::string&) { return true; };
+    auto* task = new Export::ExportTask(config, nullptr, hooks);
+    ASSERT_EQ(task->Init(), 0);
+    for (int i = 0; i < 3000; ++i) {
+        auto* event = new Engine::AuditEventMessage;
+        event->event = std::make_shared<Engine::AuditEvent>();
+        task->PostMsg(event);
+    }
+    task->Stop();
+    EXPECT_EQ(task->Run(), 0) << "stopped before its first turn";
+    task->UnInit();
+    const std::string written = ReadFile(config.output.file);
+    EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), 3000);
+    delete task;
 }

@@ -69,6 +69,8 @@ int Engine::LoadModule(const std::string& libraryPath)
         module = create();
     } catch (const std::exception& e) {
         poco_error(Log(), "CreateModule of " + libraryPath + " failed: " + e.what());
+    } catch (...) {
+        poco_error(Log(), "CreateModule of " + libraryPath + " failed with an exception of unknown type.");
     }
     if (module == nullptr) {
         poco_error(Log(), "CreateModule of " + libraryPath + " returned no module.");
@@ -107,7 +109,14 @@ int Engine::AddModule(std::unique_ptr<Module> module)
 int Engine::Adopt(std::unique_ptr<Poco::SharedLibrary> library, Module* module)
 {
     module->AttachRegistry(&registry_);
-    const int rc = module->Init();
+    int rc = -1;
+    try {
+        rc = module->Init();
+    } catch (const std::exception& e) {
+        poco_error(Log(), "Init of module " + module->GetName() + " threw: " + e.what());
+    } catch (...) {
+        poco_error(Log(), "Init of module " + module->GetName() + " threw an exception of unknown type.");
+    }
     if (rc != 0) {
         poco_error(Log(), "Init of module " + module->GetName() + " failed.");
         delete module;  // its code is still loaded: the library is unloaded only afterwards
@@ -146,7 +155,7 @@ int Engine::StartTasks()
                 continue;
             }
             task->SetState(kTaskRunning);
-            std::thread thread([task] { RunTask(task); });
+            std::thread thread([this, task] { RunTask(task); });
             pthread_setname_np(thread.native_handle(), task->GetName().substr(0, 15).c_str());
             loaded.tasks.push_back(Running{task, std::move(thread)});
         }
@@ -166,6 +175,8 @@ void Engine::RunTask(Task* task)
         poco_error(Log(), "Task " + task->GetName() + " stopped by an exception of unknown type.");
     }
     task->SetState(kTaskStop);
+    // From now on messages to it are dropped (and their receipts say so) instead of piling up.
+    registry_.Remove(task->GetName());
 }
 
 void Engine::StopAll()

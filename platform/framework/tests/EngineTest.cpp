@@ -4,13 +4,16 @@
 #include "framework/Module.h"
 #include "framework/Task.h"
 
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <stdexcept>
-#include <thread>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -101,10 +104,12 @@ TEST(Engine, RefusedLibrariesAreUnloaded)
     EXPECT_EQ(engine.LoadModule("/no/such/libmodule.so"), -1);
     EXPECT_EQ(engine.LoadModule(HW_NOT_A_MODULE), -1);
     EXPECT_FALSE(Mapped(HW_NOT_A_MODULE)) << "a library without CreateModule";
-    setenv("HW_TEST_MODULE_FAIL_INIT", "1", 1);
-    EXPECT_EQ(engine.LoadModule(HW_TEST_MODULE), -1);
-    unsetenv("HW_TEST_MODULE_FAIL_INIT");
-    EXPECT_FALSE(Mapped(HW_TEST_MODULE)) << "a module whose Init failed";
+    for (const char* refusal : {"HW_TEST_MODULE_FAIL_INIT", "HW_TEST_MODULE_NO_MODULE"}) {
+        setenv(refusal, "1", 1);
+        EXPECT_EQ(engine.LoadModule(HW_TEST_MODULE), -1) << refusal;
+        unsetenv(refusal);
+        EXPECT_FALSE(Mapped(HW_TEST_MODULE)) << refusal;
+    }
     EXPECT_EQ(engine.LoadModulesFrom("/no/such/dir"), 0);
     EXPECT_TRUE(engine.ModuleNames().empty());
 }
@@ -113,7 +118,8 @@ TEST(Engine, RefusedLibrariesAreUnloaded)
 // that queue is destroyed with its module, which must happen while the library is still loaded.
 TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
 {
-    std::atomic<int> alive{0};
+    const std::string log = "/tmp/hw_engine_unload_" + std::to_string(getpid());
+    setenv("HW_TEST_MODULE_LOG", log.c_str(), 1);
     {
         Framework::Engine engine;
         auto* client = new ClientTask;
@@ -124,7 +130,10 @@ TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
         engine.StopAll();
         unsetenv("HW_TEST_MODULE_UNINIT_PING");
     }
+    unsetenv("HW_TEST_MODULE_LOG");
     EXPECT_FALSE(Mapped(HW_TEST_MODULE));
+    EXPECT_NE(ReadAll(log).find("destroy module"), std::string::npos) << "the module was destroyed, not leaked";
+    std::remove(log.c_str());
 }
 
 namespace {
@@ -154,25 +163,46 @@ private:
 
 }  // namespace
 
+// Keeps the engine's log lines and wakes a waiter on each.
+class EngineLog : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        text += msg.getText() + "\n";
+        changed.notify_all();
+    }
+    bool WaitFor(const std::string& wanted)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(20), [&] { return text.find(wanted) != std::string::npos; });
+    }
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::string text;
+};
+
 TEST(Engine, AnExceptionStopsItsTaskButNotTheAgent)
 {
-    const std::string log = "/tmp/hw_engine_test_" + std::to_string(getpid());
-    Framework::Engine engine;
+    Framework::Engine engine;  // first: Poco's application gives every logger a console channel
+    Poco::AutoPtr<EngineLog> log(new EngineLog);
+    Poco::Logger& framework = Poco::Logger::get("framework");
+    const Poco::Channel::Ptr previous = framework.getChannel();
+    framework.setChannel(log);
     ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
     auto* throwing = new ThrowingTask;
     auto* client = new ClientTask;
     ASSERT_EQ(engine.AddModule(std::make_unique<TwoTasks>(throwing, client)), 0);
     ASSERT_EQ(engine.StartTasks(), 0);
     ASSERT_TRUE(client->SendDirectMsg("throwing_task", new PingMessage("client_task", -1)));
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (throwing->GetState() != Framework::kTaskStop && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    EXPECT_TRUE(log->WaitFor("Task throwing_task stopped by an exception: bad ping")) << log->text;
     EXPECT_EQ(throwing->GetState(), Framework::kTaskStop);
+    EXPECT_EQ(engine.FindTask("throwing_task"), nullptr) << "its name route is withdrawn";
     // The rest of the agent goes on.
     ASSERT_TRUE(client->SendDirectMsg("echo_task", new PingMessage("client_task", 7)));
     std::unique_lock<std::mutex> lock(client->mutex);
     EXPECT_TRUE(client->changed.wait_for(lock, std::chrono::seconds(20), [&] { return !client->answers.empty(); }));
     lock.unlock();
     engine.StopAll();
+    framework.setChannel(previous);
 }

@@ -1,8 +1,9 @@
 // A module library used by the engine tests. Its task answers each PingMessage by sending a
 // PingMessage back to the task named in it; its life-cycle steps are appended to the file named
 // by HW_TEST_MODULE_LOG so the test can check the engine's order of calls. With
-// HW_TEST_MODULE_FAIL_INIT set its Init fails; with HW_TEST_MODULE_UNINIT_PING set its task sends a
-// PingMessage (made by this library's code) to the task of that name when it is un-initialised.
+// HW_TEST_MODULE_FAIL_INIT set its Init fails, with HW_TEST_MODULE_NO_MODULE its CreateModule
+// returns none; with HW_TEST_MODULE_UNINIT_PING set its task sends a PingMessage (made by this
+// library's code) to the task of that name when it is un-initialised.
 #include "TestMessages.h"
 
 #include "framework/Module.h"
@@ -76,5 +77,5 @@ private:
 
 extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule()
 {
-    return new EchoModule;
+    return std::getenv("HW_TEST_MODULE_NO_MODULE") != nullptr ? nullptr : new EchoModule;
 }

@@ -80,8 +80,9 @@ private:
         Task* task;
         std::thread thread;
     };
-    // A task's thread: Run, with whatever escapes it caught, logged, and the task stopped.
-    static void RunTask(Task* task);
+    // A task's thread: Run, with whatever escapes it caught and logged, the task stopped and its
+    // name route withdrawn.
+    void RunTask(Task* task);
     struct Loaded {
         std::unique_ptr<Poco::SharedLibrary> library;  // null for modules made in-process
         Module* module;

@@ -1,11 +1,15 @@
-#include "RuleLint.h"
+#include "RuleText.h"
 
+#include "AuditConstants.h"
+
+#include "sdk/ExecuteCmdUtils.h"
+#include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
 
 #include <set>
 #include <vector>
 
-namespace Agent {
+namespace Export {
 
 namespace {
 
@@ -13,6 +17,9 @@ namespace {
 // and perm. Any other name would be taken as pid.
 const std::set<std::string> kFields = {"pid", "ppid", "arch", "key", "success", "exit",
                                        "a0", "a1", "a2", "a3", "path", "perm"};
+// auditctl's filter lists and actions (-a LIST,ACTION, either order).
+const std::set<std::string> kLists = {"task", "exit", "user", "exclude", "filesystem", "io_uring"};
+const std::set<std::string> kActions = {"never", "always"};
 
 }  // namespace
 
@@ -24,7 +31,10 @@ bool LintSyscallRule(const std::string& text, RuleOutline& outline, std::string&
             tokens.push_back(SDK::StrUtils::Trim(piece));
         }
     }
-    if (tokens.empty() || tokens[0].find(',') == std::string::npos || tokens[0][0] == '-') {
+    const std::vector<std::string> pair = tokens.empty() ? std::vector<std::string>() : SDK::StrUtils::Split(tokens[0], ",");
+    const bool listFirst = pair.size() == 2 && kLists.count(pair[0]) > 0 && kActions.count(pair[1]) > 0;
+    const bool actionFirst = pair.size() == 2 && kActions.count(pair[0]) > 0 && kLists.count(pair[1]) > 0;
+    if (!listFirst && !actionFirst) {
         problem = "a rule begins with its list and action, such as exit,always (without -a)";
         return false;
     }
@@ -70,4 +80,56 @@ std::string SyscallRuleKey(const std::string& task, const std::string& tag, cons
     return task + "***" + tag + outline.firstSyscall + "pid" + outline.pid + "ppid" + outline.ppid;
 }
 
-}  // namespace Agent
+}  // namespace Export
+
+namespace Export {
+
+std::string FileWatchKey(const std::string& path)
+{
+    return Engine::kFileWatchTaskName + "***submodule***" + path + "***wapidppid";
+}
+
+bool ValidTag(const std::string& text)
+{
+    if (text.empty()) {
+        return false;
+    }
+    for (const char c : text) {
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+                        c == '-' || c == '.';
+        if (!ok) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ListKernelRules(std::string& rules)
+{
+    std::string home;
+    if (SDK::PathUtils::GetInstallationPath(home) != 0) {
+        return false;
+    }
+    return SDK::ExecuteCmdUtils::ExecuteArgs({home + "bin/auditctl", "-l"}, rules, 1 << 22) == 0;
+}
+
+std::vector<std::string> MissingKeys(const std::string& rules, const std::vector<std::string>& keys)
+{
+    std::vector<std::string> missing;
+    for (const std::string& key : keys) {
+        // auditctl lists a key as "key=KEY" (syscall rules) or "-k KEY" (watches), then a blank or
+        // the end of the line.
+        bool found = false;
+        for (size_t at = rules.find(key); at != std::string::npos && !found; at = rules.find(key, at + 1)) {
+            const size_t end = at + key.size();
+            const bool starts = (at >= 4 && rules.compare(at - 4, 4, "key=") == 0) || (at >= 3 && rules.compare(at - 3, 3, "-k ") == 0);
+            found = starts && (end == rules.size() || rules[end] == ' ' || rules[end] == '\n');
+        }
+        if (!found) {
+            missing.push_back(key);
+        }
+    }
+    return missing;
+}
+
+}  // namespace Export
