@@ -58,7 +58,10 @@ public:
     const AuditLog& Routes() const { return auditLog_; }
     const std::set<std::string>& Subscribers() const { return subscribers_; }
     const ReadAuditLog& Reader() const { return reader_; }
-    /// One turn of Run without the wait: polls the log and rescans waited-for paths.
+    /// One turn of Run after its wait: nothing while audit is unusable or no task subscribes;
+    /// otherwise PollOnce.
+    void Turn(uint64_t now, uint64_t& lastScan);
+    /// Polls the log, and rescans waited-for paths when lastScan is 300 ms or more behind now.
     void PollOnce(uint64_t now, uint64_t& lastScan);
 
 private:

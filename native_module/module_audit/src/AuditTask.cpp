@@ -96,6 +96,14 @@ void AuditTask::PollOnce(uint64_t now, uint64_t& lastScan)
     AUDIT_CPU_CHECK_AT(kAuditTaskName, 61);
 }
 
+void AuditTask::Turn(uint64_t now, uint64_t& lastScan)
+{
+    if (!AuditEnabled() || subscribers_.empty()) {
+        return;  // without subscribers the log is not read
+    }
+    PollOnce(now, lastScan);
+}
+
 int AuditTask::Run()
 {
     uint64_t lastScan = 0;
@@ -103,10 +111,7 @@ int AuditTask::Run()
         if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) == -1) {
             BulkConsumeMsg(kMessagesPerTurn);
         }
-        if (!AuditEnabled() || subscribers_.empty()) {
-            continue;  // without subscribers the log is not read
-        }
-        PollOnce(SDK::TimeUtils::GetCurrentTimestampMS(), lastScan);
+        Turn(SDK::TimeUtils::GetCurrentTimestampMS(), lastScan);
     }
     return 0;
 }

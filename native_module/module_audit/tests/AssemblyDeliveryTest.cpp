@@ -147,6 +147,9 @@ TEST(Delivery, TheArchitecturePicksTheTableAndFiltersAreCompared)
     event->arch = "";
     log.DeliverEvent(event);
     EXPECT_EQ(a.Drain().size(), 2U) << "any other arch uses the 32-bit table";
+    event->arch = "c00000b7";  // aarch64: not x86-64, whatever its prefix
+    log.DeliverEvent(event);
+    EXPECT_EQ(a.Drain().size(), 3U);
 
     auditSyscallDest filtered;
     filtered.hasFilter = 1;
@@ -199,6 +202,15 @@ TEST(Delivery, PathRoutesWalkUpOnceAndSendOneMessagePerTaskAndTag)
     EXPECT_EQ(got[0].first, "root");
     EXPECT_EQ(got[1].first, "same");
     EXPECT_EQ(got[0].second, event) << "the event is shared, not copied";
+    Subscriber twin("twin_task");  // the same tag from another task is a message of its own
+    auditFileSystemDest twinDest;
+    twinDest.task = &twin;
+    twinDest.tag = "same";
+    twinDest.write = 1;
+    log.pathRoutes.emplace("/etc", twinDest);
+    log.DeliverEvent(event);
+    EXPECT_EQ(sub.Drain().size(), 4U);
+    EXPECT_EQ(twin.Drain().size(), 1U);
 
     // A PARENT record alone never delivers; a relative path never reaches "/".
     Subscriber other("x_task");

@@ -126,6 +126,9 @@ TEST(RouteTable, PathDestinationsCarryPermissionsAndKeys)
     log.DeleteLogRoute(WatchMsg(&task, "t", "/etc -k k1", rule), rule);
     log.DeleteLogRoute(WatchMsg(&task, "t", "/etc -F pid=5", rule), rule);
     EXPECT_TRUE(log.pathRoutes.empty());
+    log.AddLogRoute(WatchMsg(&task, "t", "/etc -p w -F pid=5", rule), rule);
+    log.DeleteLogRoute(WatchMsg(&task, "t", "/etc -p w", rule), rule);
+    EXPECT_TRUE(log.pathRoutes.empty()) << "a removal without filters takes the destination at once";
 
     auditFileSystemDest none;
     std::string empty = "  ";

@@ -70,6 +70,10 @@ TEST_F(AuditTaskTest, InitClearsEarlierRulesProbesOnceAndFollowsTheLogFromTheFir
     EXPECT_EQ(install_.Commands().front(), "[-D][-k][_task***]");
     EXPECT_TRUE(capture.channel().Has("Aduit log path is (" + logFile_ + ")."));
     EXPECT_TRUE(capture.channel().Has("Audit is enabled."));
+    uint64_t lastScan = 0;
+    task_->Turn(1000, lastScan);
+    EXPECT_EQ(task_->Reader().sizeErrorCount, 0) << "no subscriber: the log is not read";
+    EXPECT_EQ(lastScan, 0U);
 
     Subscriber sub("net_task");
     EXPECT_EQ(task_->Receive(Syscall(&sub, "net", "exit,always -S connect")), 0);
@@ -78,22 +82,33 @@ TEST_F(AuditTaskTest, InitClearsEarlierRulesProbesOnceAndFollowsTheLogFromTheFir
     EXPECT_EQ(task_->Reader().logPath, logFile_);
 
     // A connect event written to the log now reaches the subscriber with its tag.
-    uint64_t lastScan = 0;
     AppendLog("type=SYSCALL msg=audit(1795311548.685:3559): arch=c000003e syscall=42 success=no exit=-111 a0=3 a1=1 "
               "a2=10 a3=0 items=0 ppid=5640 pid=5730 comm=\"python3\" exe=\"/usr/bin/python3.11\" key=\"x\"\n"
               "type=SOCKADDR msg=audit(1795311548.685:3559): saddr=02001F907F0000010000000000000000\n"
               "type=PROCTITLE msg=audit(1795311548.685:3559): proctitle=707974686F6E33\n");
-    task_->PollOnce(1000, lastScan);
+    task_->Turn(1000, lastScan);
     ASSERT_EQ(sub.Drain().size(), 1U);
+    EXPECT_EQ(lastScan, 1000U) << "the first turn with subscribers scans";
+    task_->Turn(1299, lastScan);
+    EXPECT_EQ(lastScan, 1000U);
+    task_->Turn(1300, lastScan);
+    EXPECT_EQ(lastScan, 1300U) << "and again 300 ms on";
     EXPECT_EQ(sub.received[0].first, "net");
     EXPECT_EQ(sub.received[0].second->saddr, "127.0.0.1");
     EXPECT_EQ(sub.received[0].second->port, 8080);
 
+    EXPECT_EQ(replies_.asked, 1) << "probed once";
     task_->UnInit();
     EXPECT_EQ(install_.Commands().back(), "[-D][-k][_task***]");
     EXPECT_TRUE(task_->Subscribers().empty());
     EXPECT_TRUE(task_->Rules().ruleCommands.empty());
     EXPECT_EQ(task_->Reader().position, -1);
+
+    // A second cycle probes again, but the reader is not restarted by the next add.
+    ASSERT_EQ(task_->Init(), 0);
+    EXPECT_EQ(replies_.asked, 2);
+    EXPECT_EQ(task_->Receive(Syscall(&sub, "net", "exit,always -S connect")), 0);
+    EXPECT_TRUE(task_->Reader().logPath.empty());
 }
 
 TEST_F(AuditTaskTest, DisabledAuditRefusesRulesAndStoresNothing)

@@ -32,6 +32,7 @@ TEST(HexConversions, FollowTheAuditEncoding)
     EXPECT_EQ(getDecValueFromHex("7FFFFFFF"), 0x7fffffff);
     EXPECT_EQ(getDecValueFromHex("80000000"), 0);
     EXPECT_EQ(getDecValueFromHex("12G4"), 0);
+    EXPECT_EQ(getDecValueFromHex("1000000001"), 0) << "past 31 bits before the last digit";
     EXPECT_EQ(getDecValueFromHex(""), 0);
     EXPECT_EQ(getDecValueFromHex("  +1f"), 31);
     EXPECT_EQ(getDecValueFromHex("+"), 0);
@@ -120,6 +121,16 @@ TEST(Decode, AccessFlagsFollowTheRecordCountAndChangeOfMode)
 
 TEST(Decode, SocketAddresses)
 {
+    {
+        TestSupport::LogCapture capture(Poco::Message::PRIO_DEBUG);
+        AuditLog log(nullptr, nullptr);
+        auto connect = std::make_shared<AuditEvent>();
+        connect->lines = {"type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=42 success=no exit=-111 items=0 "
+                          "ppid=1 pid=2 comm=\"c\" exe=\"/c\"",
+                          "type=SOCKADDR msg=audit(1.000:1): saddr=02001F907F000001"};
+        EXPECT_EQ(log.ParseAndDeliverLogs(connect), 0);
+        EXPECT_TRUE(capture.channel().Has("sockaddr family is 2, port is 8080, saddr is 127.0.0.1"));
+    }
     const auto inet = DecodeEvent(EventLines("kernel-6.18-raw.log", 3559));
     EXPECT_EQ(inet->family, 2);
     EXPECT_EQ(inet->port, 8080);

@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 using namespace Engine;
 
 namespace {
@@ -98,6 +100,27 @@ protected:
 
 }  // namespace
 
+// A host path is the file as the host names it: relative parts and links resolved when it exists.
+TEST(PathHelpers, HostPathsAreResolved)
+{
+    TestSupport::TempDir dir;
+    dir.Write("real/x", "");
+    ASSERT_EQ(symlink((dir.path() + "/real").c_str(), (dir.path() + "/link").c_str()), 0);
+    AuditLog log(nullptr, nullptr);
+    auto event = std::make_shared<AuditEvent>();
+    const auto host = [&](const std::string& name, const std::string& cwd) {
+        SDK::AuditFields record;
+        record.Add("name", "\"" + name + "\"");
+        event->paths.clear();
+        EXPECT_EQ(log.GenerateLogPathForOneRecord(event, record, cwd), 0);
+        return event->paths.back().hostPath;
+    };
+    EXPECT_EQ(host("./x", dir.path() + "/real"), dir.path() + "/real/x");
+    EXPECT_EQ(host("../real/x", dir.path() + "/link"), dir.path() + "/real/x");
+    EXPECT_EQ(host("x", dir.path() + "/link"), dir.path() + "/real/x") << "through the symlinked directory";
+    EXPECT_EQ(host("gone", dir.path() + "/link"), dir.path() + "/link/gone") << "a deleted file keeps its path";
+}
+
 TEST(PathHelpers, AbsolutePathsPrefixesAndContainerKeys)
 {
     EXPECT_EQ(getFilepath("/home/u", "a.txt"), "/home/u/a.txt");
@@ -164,6 +187,19 @@ TEST_F(Containers, AnUnconvertibleProcessIdDropsTheRecordAndStopsThePaths)
     EXPECT_EQ(log_.setFileSystemInfo(event), -1);
     EXPECT_TRUE(event->paths.empty());
     EXPECT_FALSE(event->write) << "flags are skipped too";
+
+    // The event itself is still delivered.
+    TestSupport::NamedTask owner("audit_task");
+    TestSupport::Subscriber sub;
+    AuditLog routed(&owner, nullptr);
+    auditSyscallDest dest;
+    dest.task = &sub;
+    routed.syscallRoutes64.emplace(2, dest);
+    auto delivered = Event("abc", "1");
+    delivered->lines = {"type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=2 items=1 pid=abc ppid=1",
+                        "type=CWD msg=audit(1.000:1): cwd=\"/\"", "type=PATH msg=audit(1.000:1): item=0 name=\"/a\""};
+    EXPECT_EQ(routed.ParseAndDeliverLogs(delivered), 0);
+    EXPECT_EQ(sub.Drain().size(), 1U);
 }
 
 TEST(CreatedPaths, ACreateOnAWaitedWatchPathInstallsTheWatchOnce)

@@ -169,4 +169,9 @@ TEST(ProbeEnabled, NeedsEnabledExactlyOneARealAuditdAndAUsableConfiguration)
     EXPECT_FALSE(enabled(1, impostor.pid));
     EXPECT_TRUE(capture.channel().Has("Auditd exe path(" + dir.path() + "/sleepy) is invalid."));
     EXPECT_FALSE(enabled(1, 0x7ffffff0));
+    EXPECT_TRUE(capture.channel().Has("Get auditd exe path failed, errno(2)."));
+    replies.status.enabled = 1;
+    replies.script = {2};
+    EXPECT_FALSE(probe.IsAuditEnabled());
+    EXPECT_TRUE(capture.channel().Has("Get audit status failed."));
 }

@@ -118,10 +118,21 @@ TEST_F(Reader, AuditdRotationAfterTheOldFileWasReadContinuesInTheNewFileAtOnce)
     Append(Records("old", 1, 3));
     EXPECT_EQ(Poll().size(), 3U);
     Rotate();
+    // Just after the rotation the new file is too short for a head: the reader waits (-1) and
+    // resynchronises at the next poll.
+    EXPECT_TRUE(Poll().empty());
+    EXPECT_EQ(reader_.position, -1);
+    Start();
+    Append(Records("old", 4, 6));
+    EXPECT_EQ(Poll().size(), 3U);
+    Rotate();
     Append(Records("new", 1, 2));
     // The new file is shorter than our position in the old one: rotation is noticed and the new
     // file is read from its start in the same poll.
+    TestSupport::LogCapture capture(Poco::Message::PRIO_INFORMATION);
     EXPECT_EQ(Poll(), Records("new", 1, 2));
+    EXPECT_TRUE(capture.channel().Has("Audit log(" + Path() + ") maybe rotated."));
+    EXPECT_TRUE(capture.channel().Has("Read audit log(" + Path() + ") head(" + (Record("new", 1) + "\n" + Record("new", 2)).substr(0, 64) + ") success."));
     Append(Records("new", 3, 3));
     EXPECT_EQ(Poll(), Records("new", 3, 3));
 }
@@ -136,6 +147,20 @@ TEST_F(Reader, RotationWithUnreadLinesFinishesTheOldFileFirst)
     Append(Records("new", 1, 2));
     EXPECT_EQ(Poll(), Records("old", 3, 503)) << "at most 501 lines of the old file; old 504 to 700 are lost";
     EXPECT_EQ(Poll(), Records("new", 1, 2));
+}
+
+TEST_F(Reader, AnUnreadablePredecessorHeadSkipsToTheEndOfTheNewFile)
+{
+    Start();
+    Append(Records("old", 1, 4));
+    EXPECT_EQ(Poll().size(), 4U);
+    Rotate();
+    std::ofstream(Path() + ".1", std::ios::trunc) << "short\n";  // no 64-byte head to compare
+    Append(Records("new", 1, 2));
+    TestSupport::LogCapture capture(Poco::Message::PRIO_ERROR);
+    EXPECT_TRUE(Poll().empty());
+    EXPECT_TRUE(capture.channel().Has("Get audit log(" + Path() + ".1) head failed."));
+    EXPECT_EQ(reader_.position, static_cast<int64_t>(2 * (Record("new", 1).size() + 1)));
 }
 
 TEST_F(Reader, RotationTwiceBetweenPollsLosesWhatTheReaderNeverSaw)

@@ -55,6 +55,11 @@ TEST(SyscallRuleParse, ReadsArchSyscallsKeyAndFilters)
     EXPECT_EQ(filtered.a3, "ffffffff");
     EXPECT_EQ(filtered.ppid, "7");
     EXPECT_EQ(filtered.key, "k3");  // -k overwrites key= without a check
+    for (const char* alone : {"exit=-2", "a0=1", "a3=0x10", "success=1"}) {
+        SyscallRule one;
+        EXPECT_EQ(ParseSyscall(std::string("exit,always -S open -F ") + alone, one), 0);
+        EXPECT_EQ(one.hasFilter, 1) << alone << " alone sets it";
+    }
 }
 
 TEST(SyscallRuleParse, ResultCodesForNeverRejectedAndDeadTokens)
@@ -117,6 +122,9 @@ TEST(FileSystemRuleParse, ReadsPathPermKeyAndFields)
     FileSystemRule quirk;
     EXPECT_EQ(ParseFs("/etc -F key=abc", quirk), 0);
     EXPECT_EQ(quirk.key, "e");  // the second character of the whole parameter, as stored by the agent
+    FileSystemRule twice;
+    EXPECT_EQ(ParseFs("/etc -F pid=1 -F pid=2", twice), 0) << "no repeat check for watches";
+    EXPECT_EQ(twice.pid, "2");
 }
 
 TEST(FileSystemRuleParse, ResultCodes)

@@ -129,6 +129,7 @@ std::vector<std::string> FakeInstallation::Commands() const
 
 int StatusReplies::GetReply(int, audit_reply& reply)
 {
+    ++asked;
     reply.type = 1000;
     reply.status = &status;
     return 1;

@@ -79,6 +79,7 @@ public:
     int GetReply(int, audit_reply& reply) override;
     void Close(int) override {}
     audit_status status{};
+    int asked = 0;  ///< status replies given
 };
 
 /// A usable audit system without the kernel: a process whose executable is called auditd, a

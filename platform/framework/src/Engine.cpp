@@ -166,17 +166,20 @@ int Engine::StartTasks()
 void Engine::RunTask(Task* task)
 {
     // An exception that escapes a task ends that task, not the agent.
+    std::string reason;
     try {
         task->Run();
         return;
     } catch (const std::exception& e) {
-        poco_error(Log(), "Task " + task->GetName() + " stopped by an exception: " + e.what());
+        reason = std::string("an exception: ") + e.what();
     } catch (...) {
-        poco_error(Log(), "Task " + task->GetName() + " stopped by an exception of unknown type.");
+        reason = "an exception of unknown type.";
     }
     task->SetState(kTaskStop);
     // From now on messages to it are dropped (and their receipts say so) instead of piling up.
     registry_.Remove(task->GetName());
+    // Logged last, so whoever reads the line sees the task already stopped and unrouted.
+    poco_error(Log(), "Task " + task->GetName() + " stopped by " + reason);
 }
 
 void Engine::StopAll()
