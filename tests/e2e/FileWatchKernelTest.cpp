@@ -1,86 +1,20 @@
-// File notifications end to end against the real kernel and auditd: a subscriber watches a scratch
-// tree through the file-watch task, a script of real actions runs in it, and the notifications of
-// each action are compared with what the action must give and with what inotify(7) reports.
+// File notifications end to end against the real kernel and auditd: the main job watches a
+// scratch tree (as its configuration says), a script of real actions runs in it, and the
+// notifications it exports for each action are compared with what the action must give and with
+// what inotify(7) reports.
 #include "KernelAudit.h"
 
-#include "AuditConstants.h"
-#include "AuditMessages.h"
-#include "AuditTask.h"
-#include "FileAuditWatch.h"
-#include "FileWatchAuditTask.h"
-
-#include "framework/Engine.h"
-#include "framework/Module.h"
-#include "sdk/DirUtils.h"
 #include "sdk/ExecuteCmdUtils.h"
 
-#include <gtest/gtest.h>
-
+#include <signal.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
+#include <filesystem>
+#include <fstream>
 #include <map>
-#include <mutex>
-
-using namespace Engine;
 
 namespace {
-
-constexpr uint32_t kAllKinds = kNotifyModify | kNotifyAttrib | kNotifyMove | kNotifyCreate | kNotifyDelete;
-
-// Receives notifications on its own thread.
-class Notifications : public Framework::Task, public AbstructMessage<AuditEventMessage>::Receiver {
-public:
-    Notifications() : Framework::Task("hwe2e_fw_task", "test", Framework::TaskCondition::kLoop, 8192) {}
-    int Receive(const AuditEventMessage& msg) override
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        results_.push_back(msg.result);
-        changed_.notify_all();
-        return 0;
-    }
-    // Waits (at most 20 s) for a notification of path, then returns and forgets everything before it.
-    std::vector<AuditEventResult> TakeUntil(const std::string& path)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        std::vector<AuditEventResult> taken;
-        changed_.wait_for(lock, std::chrono::seconds(20), [&] {
-            for (size_t i = 0; i < results_.size(); ++i) {
-                if (results_[i].path == path) {
-                    taken.assign(results_.begin(), results_.begin() + static_cast<long>(i));
-                    results_.erase(results_.begin(), results_.begin() + static_cast<long>(i) + 1);
-                    return true;
-                }
-            }
-            return false;
-        });
-        return taken;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<AuditEventResult> results_;
-};
-
-class Tasks : public Framework::Module {
-public:
-    Tasks(std::vector<Framework::Task*> tasks) : Framework::Module("hwe2e_fw_module"), tasks_(std::move(tasks)) {}
-    int Init() override
-    {
-        for (Framework::Task* task : tasks_) {
-            if (RegisterTask(task, true) != 0) {
-                return -1;
-            }
-        }
-        return 0;
-    }
-
-private:
-    std::vector<Framework::Task*> tasks_;
-};
 
 // inotify(7) on the same tree, read by the test itself: the directories of the recursive tree
 // (and those created in it), and the flat one alone.
@@ -132,97 +66,34 @@ private:
     std::map<int, std::pair<std::string, bool>> dirs_;
 };
 
-std::string KindName(int kind)
-{
-    switch (kind) {
-    case kNotifyModify: return "modify";
-    case kNotifyAttrib: return "attrib";
-    case kNotifyMovedFrom: return "moved_from";
-    case kNotifyMovedTo: return "moved_to";
-    case kNotifyMove: return "move";
-    case kNotifyCreate: return "create";
-    case kNotifyDelete: return "delete";
-    default: return std::to_string(kind);
-    }
-}
-
-class FileWatchKernel : public testing::Test {
+class FileWatchKernel : public E2E::KernelTest {
 protected:
-    void SetUp() override
-    {
-        const std::string why = E2E::WhyKernelAuditIsUnusable();
-        if (!why.empty()) {
-            GTEST_SKIP() << "real-kernel test skipped: " << why;
-        }
-        install_ = std::make_unique<E2E::TestInstallation>();
-        char pattern[] = "/tmp/hwe2e_fw_XXXXXX";
-        root_ = mkdtemp(pattern);
-        for (const char* dir : {"/rec", "/flat", "/out", "/sync"}) {
-            SDK::DirUtils::CreateDirs(root_ + dir);
-        }
-        audit_ = new AuditTask;
-        fileWatch_ = new FileWatchAuditTask;
-        notifications_ = new Notifications;
-        ASSERT_EQ(engine_.AddModule(std::make_unique<Tasks>(std::vector<Framework::Task*>{audit_, fileWatch_, notifications_})), 0);
-        ASSERT_EQ(engine_.StartTasks(), 0);
-    }
-    void TearDown() override
-    {
-        if (!install_) {
-            return;
-        }
-        engine_.StopAll();
-        const std::string rules = E2E::ListKernelRules();
-        E2E::RemoveTestRules(root_);
-        EXPECT_EQ(rules.find(root_), std::string::npos) << "rules left behind:\n" << rules;
-        std::string ignored;
-        SDK::ExecuteCmdUtils::ExecuteCmd("rm -rf " + root_, ignored, 4096);
-    }
-    void Watch(const std::string& dir, uint32_t mask, bool recursive, bool unwatch = false)
-    {
-        _FileNotifyOpt opt;
-        opt.recursive = recursive;
-        opt.flag6 = unwatch;
-        notifications_->SendDirectMsg(kFileWatchTaskName,
-                                      new AuditFileSystemCtrlMessage(notifications_, root_ + dir, {mask}, opt));
-    }
-    // True once the kernel lists the audit watch of dir (or no longer lists it), within 10 s.
-    bool KernelWatches(const std::string& dir, bool present)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (std::chrono::steady_clock::now() < deadline) {
-            const std::string rules = E2E::ListKernelRules();
-            if ((rules.find("-w " + root_ + dir + " ") != std::string::npos) == present) {
-                return true;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return false;
-    }
     int Run(const std::string& command)
     {
         std::string output;
         return SDK::ExecuteCmdUtils::ExecuteCmd("sh -c '" + command + "'", output, 4096);
     }
-    // The notifications of everything done since the last call, as "kind path [-> dest] [dir]".
+    // The notifications exported for everything done since the last call, as
+    // "kind path [-> dest] [dir]" with the scratch directory written as T.
     std::vector<std::string> Notified()
     {
-        const std::string mark = root_ + "/sync/mark" + std::to_string(++marks_);
+        const std::string mark = dir_ + "/sync/mark" + std::to_string(++marks_);
         Run("touch " + mark);
-        std::vector<std::string> lines;
-        for (const AuditEventResult& r : notifications_->TakeUntil(mark)) {
-            lines.push_back(KindName(r.event) + " T" + r.path.substr(root_.size()) +
-                            (r.destPath.empty() ? "" : " -> T" + r.destPath.substr(root_.size())) + (r.isDir ? " dir" : ""));
+        EXPECT_TRUE(agent_->WaitFor("\"path\":\"" + mark + "\"", true)) << agent_->out;
+        const size_t end = agent_->out.find("\"path\":\"" + mark + "\"");
+        const std::string lines = agent_->out.substr(read_, agent_->out.rfind('\n', end) + 1 - read_);
+        read_ = agent_->out.find('\n', end) + 1;
+        std::vector<std::string> notes;
+        const auto shorten = [&](const std::string& path) { return "T" + path.substr(dir_.size()); };
+        for (const Poco::JSON::Object::Ptr& note : E2E::JsonLines(lines)) {
+            const std::string dest = note->getValue<std::string>("destPath");
+            notes.push_back(note->getValue<std::string>("kind") + " " + shorten(note->getValue<std::string>("path")) +
+                            (dest.empty() ? "" : " -> " + shorten(dest)) + (note->getValue<bool>("isDir") ? " dir" : ""));
         }
-        return lines;
+        return notes;
     }
-
-    std::unique_ptr<E2E::TestInstallation> install_;
-    std::string root_;
-    Framework::Engine engine_;
-    AuditTask* audit_ = nullptr;
-    FileWatchAuditTask* fileWatch_ = nullptr;
-    Notifications* notifications_ = nullptr;
+    std::unique_ptr<TestSupport::Program> agent_;
+    size_t read_ = 0;
     int marks_ = 0;
 };
 
@@ -286,22 +157,25 @@ const Action kScript[] = {
 
 TEST_F(FileWatchKernel, RealActionsGiveTheNotificationsTheModuleSynthesises)
 {
-    Run("echo seed > " + root_ + "/rec/existing; mkdir " + root_ + "/rec/e");
-    Watch("/rec", kAllKinds, true);
-    Watch("/flat", kAllKinds, false);
-    Watch("/sync", kNotifyCreate, false);
-    for (const char* dir : {"/rec", "/flat", "/sync"}) {
-        ASSERT_TRUE(KernelWatches(dir, true)) << dir;
+    for (const char* dir : {"/rec/e", "/flat", "/out", "/sync"}) {
+        std::filesystem::create_directories(dir_ + dir);
     }
-    Inotify inotify(root_);
-    inotify.Add(root_ + "/rec", true);
-    inotify.Add(root_ + "/rec/e", true);
-    inotify.Add(root_ + "/flat", false);
+    std::ofstream(dir_ + "/rec/existing") << "seed\n";
+    std::ofstream(home_ + "/etc/hostwarden.json") << R"({"output": {"stdout": true}, "subscriptions": [
+        {"tag": "rec", "watch": ")" << dir_ << R"(/rec", "recursive": true},
+        {"tag": "flat", "watch": ")" << dir_ << R"(/flat"},
+        {"tag": "sync", "watch": ")" << dir_ << R"(/sync", "events": "create"}]})";
+    agent_ = Hostwarden({"run"});
+    ASSERT_TRUE(agent_->WaitFor("Every subscription is installed in the kernel.", false)) << agent_->err;
+    Inotify inotify(dir_);
+    inotify.Add(dir_ + "/rec", true);
+    inotify.Add(dir_ + "/rec/e", true);
+    inotify.Add(dir_ + "/flat", false);
 
     for (const Action& action : kScript) {
         std::string command = action.command;
-        for (size_t at = command.find("T/"); at != std::string::npos; at = command.find("T/", at + root_.size())) {
-            command.replace(at, 1, root_);
+        for (size_t at = command.find("T/"); at != std::string::npos; at = command.find("T/", at + dir_.size())) {
+            command.replace(at, 1, dir_);
         }
         Run(command);
         const std::vector<std::string> audit = Notified();
@@ -313,25 +187,6 @@ TEST_F(FileWatchKernel, RealActionsGiveTheNotificationsTheModuleSynthesises)
         EXPECT_EQ(action.audit == action.inotify, std::string(action.why).empty())
             << action.command << ": a difference needs its reason, and a reason its difference";
     }
-}
-
-TEST_F(FileWatchKernel, OneAuditWatchPerPathAndNoneLeftAfterUnwatchOrStop)
-{
-    Watch("/rec", kNotifyCreate, true);
-    Watch("/rec", kNotifyCreate, true);
-    Watch("/rec", kNotifyDelete, false);
-    ASSERT_TRUE(KernelWatches("/rec", true));
-    Watch("/sync", kNotifyCreate, false);
-    ASSERT_TRUE(KernelWatches("/sync", true));
-    const std::string rules = E2E::ListKernelRules();
-    const std::string watch = "-w " + root_ + "/rec ";
-    EXPECT_EQ(rules.find(watch), rules.rfind(watch)) << rules;
-
-    Watch("/rec", kNotifyCreate, true, true);
-    EXPECT_TRUE(KernelWatches("/rec", false)) << "unwatched";
-    Watch("/flat", kNotifyCreate, true);
-    ASSERT_TRUE(KernelWatches("/flat", true));
-    engine_.StopAll();
-    EXPECT_TRUE(KernelWatches("/flat", false)) << "stopped";
-    EXPECT_TRUE(KernelWatches("/sync", false));
+    agent_->Signal(SIGTERM);
+    EXPECT_EQ(agent_->Wait(), 0) << agent_->err;
 }

@@ -1,29 +1,20 @@
 #include "KernelAudit.h"
 
-#include "sdk/DirUtils.h"
 #include "sdk/ExecuteCmdUtils.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
+#include <Poco/JSON/Parser.h>
+
 #include <unistd.h>
 
-#include <chrono>
-
-#include <cstdlib>
-#include <stdexcept>
-
-extern char** environ;
+#include <filesystem>
+#include <sstream>
 
 namespace E2E {
 
-int SystemAuditctl(const std::string& args, std::string* output)
-{
-    std::string scratch;
-    return SDK::ExecuteCmdUtils::ExecuteCmd("/usr/sbin/auditctl " + args, output ? *output : scratch, 1 << 20);
-}
+namespace {
+
+// Key texts of the rules the agent's own tasks make for a test run, and those of the tests.
+const char* const kAgentKeys[] = {"audit_cli_task***", "watch_cli_task***", "export_task***", "filewatch_audit_task***"};
 
 std::string WhyKernelAuditIsUnusable()
 {
@@ -46,6 +37,14 @@ std::string WhyKernelAuditIsUnusable()
     return {};
 }
 
+}  // namespace
+
+int SystemAuditctl(const std::string& args, std::string* output)
+{
+    std::string scratch;
+    return SDK::ExecuteCmdUtils::ExecuteCmd("/usr/sbin/auditctl " + args, output ? *output : scratch, 1 << 20);
+}
+
 std::string ListKernelRules()
 {
     std::string rules;
@@ -53,147 +52,67 @@ std::string ListKernelRules()
     return rules;
 }
 
-TestInstallation::TestInstallation()
+std::vector<Poco::JSON::Object::Ptr> JsonLines(const std::string& text)
 {
-    char pattern[] = "/tmp/hw_install_XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
+    std::vector<Poco::JSON::Object::Ptr> objects;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        objects.push_back(Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>());
     }
-    home_ = pattern;
-    SDK::DirUtils::CreateDirs(home_ + "/bin");
-    SDK::DirUtils::CreateDirs(home_ + "/lib/modules");
-    SDK::DirUtils::CreateDirs(home_ + "/etc");
-    if (symlink(HW_AUDITCTL, (home_ + "/bin/auditctl").c_str()) != 0 ||
-        symlink(HW_AUDIT_MODULE, (home_ + "/lib/modules/libaudit_module.so").c_str()) != 0 ||
-        symlink(HW_EXPORT_MODULE, (home_ + "/lib/modules/libexport_module.so").c_str()) != 0) {
-        throw std::runtime_error("cannot link the built auditctl and modules");
+    return objects;
+}
+
+void KernelTest::SetUp()
+{
+    const std::string why = WhyKernelAuditIsUnusable();
+    if (!why.empty()) {
+        GTEST_SKIP() << "real-kernel test skipped: " << why;
     }
+    install_ = std::make_unique<TestSupport::TempDir>();
+    scratch_ = std::make_unique<TestSupport::TempDir>();
+    home_ = install_->path();
+    dir_ = scratch_->path();
+    std::filesystem::create_directories(home_ + "/lib/modules");
+    std::filesystem::create_directories(home_ + "/etc");
+    std::filesystem::create_directories(home_ + "/bin");
+    std::filesystem::create_symlink(HW_AUDITCTL, home_ + "/bin/auditctl");
+    std::filesystem::create_symlink(HW_AUDIT_MODULE, home_ + "/lib/modules/libaudit_module.so");
+    std::filesystem::create_symlink(HW_EXPORT_MODULE, home_ + "/lib/modules/libexport_module.so");
     setenv("HOSTWARDEN_HOME", home_.c_str(), 1);
 }
 
-TestInstallation::~TestInstallation()
+void KernelTest::TearDown()
 {
+    if (!install_) {
+        return;  // skipped
+    }
+    const std::string left = ListKernelRules();
+    for (const char* key : kAgentKeys) {
+        EXPECT_EQ(left.find(key), std::string::npos) << "the agent left a rule behind:\n" << left;
+        Auditctl(std::string("-D -k ") + key);
+    }
+    Auditctl(std::string("-D -k ") + kTestKeyMarker);
+    Auditctl("-D -k " + dir_);
+    EXPECT_EQ(ListKernelRules().find(kTestKeyMarker), std::string::npos) << "a rule of the test is still there";
     unsetenv("HOSTWARDEN_HOME");
-    std::string ignored;
-    SDK::ExecuteCmdUtils::ExecuteCmd("rm -rf " + home_, ignored, 4096);
 }
 
-int TestInstallation::Auditctl(const std::string& args, std::string* output) const
+std::unique_ptr<TestSupport::Program> KernelTest::Hostwarden(const std::vector<std::string>& args) const
+{
+    std::vector<std::string> argv{HW_HOSTWARDEN};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return std::make_unique<TestSupport::Program>(argv, std::vector<std::string>{"HOSTWARDEN_HOME=" + home_});
+}
+
+int KernelTest::Auditctl(const std::string& args, std::string* output) const
 {
     std::string scratch;
     return SDK::ExecuteCmdUtils::ExecuteCmd(home_ + "/bin/auditctl " + args, output ? *output : scratch, 1 << 20);
 }
 
-void RemoveTestRules(const std::string& foreignKey)
+bool KernelTest::KernelLists(const std::string& text, bool present)
 {
-    std::string ignored;
-    SDK::ExecuteCmdUtils::ExecuteCmd(std::string(HW_AUDITCTL) + " -D -k " + kTestKeyMarker, ignored, 4096);
-    if (!foreignKey.empty()) {
-        SystemAuditctl("-D -k " + foreignKey);
-    }
-}
-
-}  // namespace E2E
-
-namespace E2E {
-
-Program::Program(const std::vector<std::string>& args, const std::vector<std::string>& assignments)
-{
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
-    std::vector<std::string> env;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        env.emplace_back(*entry);
-    }
-    env.insert(env.end(), assignments.begin(), assignments.end());
-    std::vector<char*> argv;
-    std::vector<char*> envp;
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    }
-    for (const std::string& entry : env) {
-        envp.push_back(const_cast<char*>(entry.c_str()));
-    }
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    outFd_ = outPipe[0];
-    errFd_ = errPipe[0];
-    if (rc != 0) {
-        pid_ = -1;
-        throw std::runtime_error("cannot start " + args[0]);
-    }
-}
-
-Program::~Program()
-{
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    close(outFd_);
-    close(errFd_);
-}
-
-void Program::Read(int timeoutMs)
-{
-    pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
-    if (poll(fds, 2, timeoutMs) <= 0) {
-        return;
-    }
-    char buffer[4096];
-    for (int i = 0; i < 2; ++i) {
-        if ((fds[i].revents & (POLLIN | POLLHUP)) != 0) {
-            const ssize_t got = read(fds[i].fd, buffer, sizeof(buffer));
-            if (got > 0) {
-                (i == 0 ? out : err).append(buffer, static_cast<size_t>(got));
-            }
-        }
-    }
-}
-
-bool Program::WaitFor(const std::string& text, bool inOut, int seconds)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    while ((inOut ? out : err).find(text) == std::string::npos) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        Read(100);
-    }
-    return true;
-}
-
-void Program::Signal(int signal)
-{
-    kill(pid_, signal);
-}
-
-int Program::Wait(int seconds)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    int status = 0;
-    while (waitpid(pid_, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return -1;
-        }
-        Read(50);
-    }
-    pid_ = -1;
-    for (int i = 0; i < 20; ++i) {
-        Read(0);
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return TestSupport::WaitUntil([&] { return (ListKernelRules().find(text) != std::string::npos) == present; }, 10);
 }
 
 }  // namespace E2E

@@ -1,3 +1,4 @@
+// The route table: what subscriptions and their removals leave in it, one scenario per row.
 #include "AuditLog.h"
 #include "AuditMessages.h"
 #include "AuditUtil.h"
@@ -11,134 +12,112 @@ using TestSupport::NamedTask;
 
 namespace {
 
-AuditSyscallCtrlMessage SyscallMsg(Framework::Task* sender, const std::string& tag, const std::string& text,
-                                   SyscallRule& rule)
+std::string Join(const std::set<std::string>& values)
 {
-    AuditSyscallCtrlMessage msg(sender);
-    msg.tag = tag;
-    msg.operate = "-a";
-    msg.rule = text;
-    rule = SyscallRule{};
-    LinuxAuditUtil::auditDistractSyscallRule(msg, rule);
-    return msg;
+    std::string out;
+    for (const std::string& value : values) {
+        out += (out.empty() ? "" : ",") + value;
+    }
+    return out;
 }
 
-AuditFileSystemCtrlMessage WatchMsg(Framework::Task* sender, const std::string& tag, const std::string& text,
-                                    FileSystemRule& rule)
+// One line per destination, in table order: "64 2 a_task/t pids=.. ppids=.. [filter success=..]"
+// for system calls, "/path a_task/t rwxa pids=.. ppids=.. keys=.." for paths.
+std::vector<std::string> Routes(const AuditLog& log)
 {
-    AuditFileSystemCtrlMessage msg(sender, "", {}, _FileNotifyOpt{});
-    msg.tag = tag;
-    msg.operate = "-w";
-    msg.rule = text;
-    rule = FileSystemRule{};
-    LinuxAuditUtil::auditDistractFilesystemRule(msg, rule);
-    return msg;
+    std::vector<std::string> out;
+    for (const auto* routes : {&log.syscallRoutes64, &log.syscallRoutes32}) {
+        for (const auto& [number, d] : *routes) {
+            out.push_back(std::string(routes == &log.syscallRoutes64 ? "64 " : "32 ") + std::to_string(number) + " " +
+                          d.task->GetName() + "/" + d.tag + " pids=" + Join(d.pids) + " ppids=" + Join(d.ppids) +
+                          (d.hasFilter ? " filter success=" + d.success + " exit=" + d.exit + " a=" + d.a0 + "," + d.a1 +
+                                             "," + d.a2 + "," + d.a3
+                                       : ""));
+        }
+    }
+    for (const auto& [path, d] : log.pathRoutes) {
+        out.push_back(path + " " + d.task->GetName() + "/" + d.tag + " " + (d.read ? "r" : "") + (d.write ? "w" : "") +
+                      (d.exec ? "x" : "") + (d.attr ? "a" : "") + " pids=" + Join(d.pids) + " ppids=" + Join(d.ppids) +
+                      " keys=" + Join(d.keys));
+    }
+    return out;
 }
+
+// "+S"/"-S": add or delete a system-call subscription; "+W"/"-W": a watch.
+struct Step {
+    const char* op;
+    int task;  // 0: a_task, 1: b_task
+    const char* tag;
+    const char* text;
+};
 
 }  // namespace
 
-TEST(RouteTable, TheFirstSubscriptionOfATaskAndTagSetsTheFilters)
+TEST(RouteTable, SubscriptionsAndRemovalsLeaveTheseDestinations)
 {
-    NamedTask task("a_task");
-    AuditLog log(nullptr, nullptr);
-    SyscallRule first;
-    SyscallRule second;
-    const auto m1 = SyscallMsg(&task, "t", "exit,always -S open -F success=1 -F pid=10", first);
-    const auto m2 = SyscallMsg(&task, "t", "exit,always -S open,openat -F success=0 -F ppid=20", second);
-    log.AddLogRoute(m1, first);
-    log.AddLogRoute(m2, second);
-    ASSERT_EQ(log.syscallRoutes64.count(2), 1U);
-    const auditSyscallDest& open = log.syscallRoutes64.find(2)->second;
-    EXPECT_EQ(open.success, "yes");
-    EXPECT_EQ(open.hasFilter, 1);
-    EXPECT_EQ(open.pids, std::set<std::string>{"10"});
-    EXPECT_EQ(open.ppids, std::set<std::string>{"20"});
-    ASSERT_EQ(log.syscallRoutes64.count(257), 1U);
-    EXPECT_EQ(log.syscallRoutes64.find(257)->second.success, "no");
-
-    // Another tag of the same task is a destination of its own, after the first.
-    SyscallRule other;
-    log.AddLogRoute(SyscallMsg(&task, "u", "exit,always -S open", other), other);
-    ASSERT_EQ(log.syscallRoutes64.count(2), 2U);
-    EXPECT_EQ(std::next(log.syscallRoutes64.find(2))->second.tag, "u");
-}
-
-TEST(RouteTable, ArchitecturesHaveTablesOfTheirOwn)
-{
-    NamedTask task("a_task");
-    AuditLog log(nullptr, nullptr);
-    SyscallRule rule;
-    const auto msg = SyscallMsg(&task, "t", "exit,always -F arch=b32 -S chmod", rule);
-    log.AddLogRoute(msg, rule);
-    EXPECT_EQ(log.syscallRoutes32.count(15), 1U);
-    EXPECT_TRUE(log.syscallRoutes64.empty());
-    EXPECT_EQ(&log.GetSyscallMap(rule), &log.syscallRoutes32);
-    SyscallRouteMap::iterator found;
-    EXPECT_FALSE(log.FindLogDest(15, log.syscallRoutes64, msg, found));
-    EXPECT_TRUE(log.FindLogDest(15, log.syscallRoutes32, msg, found));
-}
-
-TEST(RouteTable, DeletingRemovesFiltersThenTheDestination)
-{
-    TestSupport::LogCapture capture(Poco::Message::PRIO_TRACE);
-    NamedTask task("a_task");
-    AuditLog log(nullptr, nullptr);
-    SyscallRule rule;
-    log.AddLogRoute(SyscallMsg(&task, "t", "exit,always -S open -F ppid=20", rule), rule);
-    log.AddLogRoute(SyscallMsg(&task, "t", "exit,always -S open -F pid=11", rule), rule);
-
-    const auto stray = SyscallMsg(&task, "t", "exit,always -S open -F pid=10", rule);
-    log.DeleteLogRoute(stray, rule);
-    EXPECT_TRUE(capture.channel().Has("a_taskt delete a syscall with pid 10, but pid not found."));
-    ASSERT_EQ(log.syscallRoutes64.count(2), 1U);
-
-    const auto byPid = SyscallMsg(&task, "t", "exit,always -S open -F pid=11", rule);
-    log.DeleteLogRoute(byPid, rule);
-    ASSERT_EQ(log.syscallRoutes64.count(2), 1U);  // the ppid filter keeps it
-    const auto byPpid = SyscallMsg(&task, "t", "exit,always -S open -F ppid=20", rule);
-    log.DeleteLogRoute(byPpid, rule);
-    EXPECT_TRUE(capture.channel().Has("delete ppid 20, cmd exit,always -S open -F ppid=20"));
-    EXPECT_EQ(log.syscallRoutes64.count(2), 0U);
-
-    log.AddLogRoute(SyscallMsg(&task, "t", "exit,always -S open -F pid=11", rule), rule);
-    const auto plain = SyscallMsg(&task, "t", "exit,always -S open", rule);
-    log.DeleteLogRoute(plain, rule);  // no filter in the rule: the destination goes at once
-    EXPECT_TRUE(log.syscallRoutes64.empty());
-}
-
-TEST(RouteTable, PathDestinationsCarryPermissionsAndKeys)
-{
-    TestSupport::LogCapture capture(Poco::Message::PRIO_TRACE);
-    NamedTask task("fw_task");
-    AuditLog log(nullptr, nullptr);
-    FileSystemRule rule;
-    log.AddLogRoute(WatchMsg(&task, "t", "/etc/ -p wq -k k1", rule), rule);
-    ASSERT_EQ(log.pathRoutes.count("/etc"), 1U);
-    auditFileSystemDest& etc = log.pathRoutes.find("/etc")->second;
-    EXPECT_TRUE(etc.read && etc.write && etc.exec && etc.attr);  // q is unknown
-    EXPECT_EQ(etc.keys, std::set<std::string>{"k1"});
-    log.AddLogRoute(WatchMsg(&task, "t", "/etc -p r -F pid=5", rule), rule);  // flags stay
-    EXPECT_EQ(etc.pids, std::set<std::string>{"5"});
-    EXPECT_TRUE(etc.exec);
-
-    log.DeleteLogRoute(WatchMsg(&task, "t", "/etc -F ppid=9", rule), rule);
-    EXPECT_TRUE(capture.channel().Has("fw_taskt delete a pathrule with ppid 9, but ppid not found."));
-    log.DeleteLogRoute(WatchMsg(&task, "t", "/etc -k k1", rule), rule);
-    log.DeleteLogRoute(WatchMsg(&task, "t", "/etc -F pid=5", rule), rule);
-    EXPECT_TRUE(log.pathRoutes.empty());
-    log.AddLogRoute(WatchMsg(&task, "t", "/etc -p w -F pid=5", rule), rule);
-    log.DeleteLogRoute(WatchMsg(&task, "t", "/etc -p w", rule), rule);
-    EXPECT_TRUE(log.pathRoutes.empty()) << "a removal without filters takes the destination at once";
-
-    auditFileSystemDest none;
-    std::string empty = "  ";
-    EXPECT_TRUE(setPermission(none, empty));
-    EXPECT_FALSE(none.read || none.write || none.exec || none.attr);
-    EXPECT_EQ(empty, "");
-    auditFileSystemDest wa;
-    std::string perm = " wa ";
-    EXPECT_TRUE(setPermission(wa, perm));
-    EXPECT_TRUE(wa.write && wa.attr && !wa.read && !wa.exec);
+    struct Scenario {
+        const char* what;
+        std::vector<Step> steps;
+        std::vector<std::string> routes;
+        const char* logged = "";
+    };
+    const Scenario scenarios[] = {
+        {"the first subscription of a task and tag sets the filters; another tag is a destination of its own",
+         {{"+S", 0, "t", "exit,always -S open -F success=1 -F pid=10"},
+          {"+S", 0, "t", "exit,always -S open,openat -F success=0 -F ppid=20"},
+          {"+S", 0, "u", "exit,always -S open"}},
+         {"64 2 a_task/t pids=10 ppids=20 filter success=yes exit= a=,,,", "64 2 a_task/u pids= ppids=",
+          "64 257 a_task/t pids= ppids=20 filter success=no exit= a=,,,"}},
+        {"arguments alone set the filter", {{"+S", 0, "t", "exit,always -S open -F a1=0x1F -F exit=-2"}},
+         {"64 2 a_task/t pids= ppids= filter success= exit=-2 a=,1F,,"}},
+        {"each architecture has its table", {{"+S", 0, "t", "exit,always -F arch=b32 -S chmod"}},
+         {"32 15 a_task/t pids= ppids="}},
+        {"a removal takes its filter; the destination goes with the last one",
+         {{"+S", 0, "t", "exit,always -S open -F ppid=20"},
+          {"+S", 0, "t", "exit,always -S open -F pid=11"},
+          {"-S", 0, "t", "exit,always -S open -F pid=10"},
+          {"-S", 0, "t", "exit,always -S open -F pid=11"}},
+         {"64 2 a_task/t pids= ppids=20"}, "a_taskt delete a syscall with pid 10, but pid not found."},
+        {"the removal of the last filter",
+         {{"+S", 0, "t", "exit,always -S open -F ppid=20"}, {"-S", 0, "t", "exit,always -S open -F ppid=20"}},
+         {}, "delete ppid 20, cmd exit,always -S open -F ppid=20"},
+        {"a removal without filters takes the destination at once",
+         {{"+S", 0, "t", "exit,always -S open -F pid=11"}, {"-S", 0, "t", "exit,always -S open"}}, {}},
+        {"another task's removal leaves the destination",
+         {{"+S", 0, "t", "exit,always -S open"}, {"-S", 1, "t", "exit,always -S open"}}, {"64 2 a_task/t pids= ppids="}},
+        {"a path keeps the access kinds of its first subscription; q is no letter and sets all",
+         {{"+W", 0, "t", "/etc/ -p wq -k k1"}, {"+W", 0, "t", "/etc -p r -F pid=5"}},
+         {"/etc a_task/t rwxa pids=5 ppids= keys=k1"}},
+        {"the flags of a later subscription are not applied",
+         {{"+W", 0, "t", "/etc -p w"}, {"+W", 0, "t", "/etc -p rx -k k"}}, {"/etc a_task/t w pids= ppids= keys=k"}},
+        {"path removals take pids, ppids and keys, then the destination",
+         {{"+W", 0, "t", "/etc -p w -F pid=5 -k k1"},
+          {"-W", 0, "t", "/etc -F ppid=9"},
+          {"-W", 0, "t", "/etc -k k1"},
+          {"-W", 0, "t", "/etc -F pid=5"}},
+         {}, "a_taskt delete a pathrule with ppid 9, but ppid not found."},
+        {"a path removal without pid, ppid or key takes the destination at once",
+         {{"+W", 0, "t", "/etc -p w -F pid=5"}, {"-W", 0, "t", "/etc -p w"}}, {}},
+    };
+    NamedTask tasks[] = {NamedTask("a_task"), NamedTask("b_task")};
+    for (const Scenario& s : scenarios) {
+        TestSupport::LogCapture capture(Poco::Message::PRIO_TRACE);
+        AuditLog log(nullptr, nullptr);
+        for (const Step& step : s.steps) {
+            const bool add = step.op[0] == '+';
+            if (step.op[1] == 'S') {
+                TestSupport::SyscallSub sub(&tasks[step.task], step.tag, step.text);
+                add ? log.AddLogRoute(sub.msg, sub.rule) : log.DeleteLogRoute(sub.msg, sub.rule);
+            } else {
+                TestSupport::WatchSub sub(&tasks[step.task], step.tag, step.text);
+                add ? log.AddLogRoute(sub.msg, sub.rule) : log.DeleteLogRoute(sub.msg, sub.rule);
+            }
+        }
+        EXPECT_EQ(Routes(log), s.routes) << s.what;
+        if (*s.logged != '\0') {
+            EXPECT_TRUE(capture.channel().Has(s.logged)) << s.what;
+        }
+    }
 }
 
 TEST(RouteTable, UnregisteringATaskLeavesOtherTasksWithTheSameTag)
@@ -146,20 +125,23 @@ TEST(RouteTable, UnregisteringATaskLeavesOtherTasksWithTheSameTag)
     NamedTask a("a_task");
     NamedTask b("b_task");
     AuditLog log(nullptr, nullptr);
-    SyscallRule rule;
-    FileSystemRule fs;
     for (Framework::Task* task : {static_cast<Framework::Task*>(&a), static_cast<Framework::Task*>(&b)}) {
-        log.AddLogRoute(SyscallMsg(task, "same", "exit,always -S open", rule), rule);
-        log.AddLogRoute(SyscallMsg(task, "same", "exit,always -F arch=b32 -S open", rule), rule);
-        log.AddLogRoute(WatchMsg(task, "same", "/etc -p wa", fs), fs);
+        for (const char* text : {"exit,always -S open", "exit,always -F arch=b32 -S open"}) {
+            TestSupport::SyscallSub sub(task, "same", text);
+            log.AddLogRoute(sub.msg, sub.rule);
+        }
+        TestSupport::WatchSub watch(task, "same", "/etc -p wa");
+        log.AddLogRoute(watch.msg, watch.rule);
     }
     log.UnregisterTask(&a);
-    for (const auto* routes : {&log.syscallRoutes64, &log.syscallRoutes32}) {
-        ASSERT_EQ(routes->size(), 1U);
-        EXPECT_EQ(routes->begin()->second.task, &b);
-    }
-    ASSERT_EQ(log.pathRoutes.size(), 1U);
-    EXPECT_EQ(log.pathRoutes.begin()->second.task, &b);
+    EXPECT_EQ(Routes(log), (std::vector<std::string>{"64 2 b_task/same pids= ppids=", "32 5 b_task/same pids= ppids=",
+                                                     "/etc b_task/same wa pids= ppids= keys="}));
     log.CleanLogRoute();
-    EXPECT_TRUE(log.syscallRoutes64.empty() && log.syscallRoutes32.empty() && log.pathRoutes.empty());
+    EXPECT_TRUE(Routes(log).empty());
+
+    auditFileSystemDest none;
+    std::string empty = "  ";
+    EXPECT_TRUE(setPermission(none, empty));
+    EXPECT_EQ(empty, "") << "trimmed in place";
+    EXPECT_FALSE(none.read || none.write || none.exec || none.attr);
 }

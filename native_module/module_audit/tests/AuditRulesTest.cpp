@@ -1,3 +1,4 @@
+// The rule registry against a recording auditctl: the commands it runs and the keys it keeps.
 #include "AuditMessages.h"
 #include "AuditRules.h"
 #include "AuditUtil.h"
@@ -9,40 +10,16 @@
 #include <unistd.h>
 
 using namespace Engine;
-using TestSupport::NamedTask;
 using TestSupport::FakeInstallation;
+using TestSupport::NamedTask;
 
 namespace {
 
-struct SyscallSub {
-    AuditSyscallCtrlMessage msg;
-    SyscallRule rule;
-    std::string stripped;
-    SyscallSub(Framework::Task* sender, const std::string& tag, const std::string& text)
-    {
-        msg.sender = sender;
-        msg.tag = tag;
-        msg.operate = "-a";
-        msg.rule = text;
-        LinuxAuditUtil::auditDistractSyscallRule(msg, rule);
-        stripped = text.substr(0, text.find(" -k"));
-    }
-};
-
-struct WatchSub {
-    AuditFileSystemCtrlMessage msg{nullptr, "", {}, _FileNotifyOpt{}};
-    FileSystemRule rule;
-    std::string stripped;
-    WatchSub(Framework::Task* sender, const std::string& tag, const std::string& text)
-    {
-        msg.sender = sender;
-        msg.tag = tag;
-        msg.operate = "-w";
-        msg.rule = text;
-        LinuxAuditUtil::auditDistractFilesystemRule(msg, rule);
-        stripped = text;
-    }
-};
+template <typename Sub>
+bool Add(AuditRules& rules, Sub&& sub)
+{
+    return rules.AddAuditRule(sub.msg, sub.rule, sub.stripped);
+}
 
 }  // namespace
 
@@ -57,15 +34,14 @@ TEST(RuleKeys, BothLayoutsStartWithTheTaskName)
     fs.path = "/tmp/fx/watched";
     fs.perm = "wa";
     fs.key = "k";
-    EXPECT_EQ(getRuleKey("filewatch_audit_task", "submodule", fs),
-              "filewatch_audit_task***submodule***/tmp/fx/watched***wapidppidk");
+    EXPECT_EQ(getRuleKey("filewatch_audit_task", "submodule", fs), "filewatch_audit_task***submodule***/tmp/fx/watched***wapidppidk");
     EXPECT_EQ(getFilepathFromKey("filewatch_audit_task***submodule***/tmp/fx/watched***wapidppid"), "/tmp/fx/watched");
     EXPECT_EQ(getFilepathFromKey("net_task***netconnectpidppid"), "");
     EXPECT_EQ(getFilepathFromKey("t***a***b***c***d"), "b");
-    EXPECT_EQ(getDeleteRuleStr("-a exit,always -S open"), "-d exit,always -S open");
-    EXPECT_EQ(getDeleteRuleStr("-w /etc -p wa"), "-W /etc -p wa");
-    EXPECT_EQ(getDeleteRuleStr("-D"), "-D");
-    EXPECT_EQ(getDeleteRuleStr("-"), "-");
+    for (const auto& [add, del] : {std::pair<const char*, const char*>{"-a exit,always -S open", "-d exit,always -S open"},
+                                   {"-w /etc -p wa", "-W /etc -p wa"}, {"-D", "-D"}, {"-", "-"}}) {
+        EXPECT_EQ(getDeleteRuleStr(add), del);
+    }
 }
 
 TEST(AuditRules, InstallsSyscallRulesWithAnArchAndSharesOneKeyPerSubscription)
@@ -73,19 +49,16 @@ TEST(AuditRules, InstallsSyscallRulesWithAnArchAndSharesOneKeyPerSubscription)
     FakeInstallation install;
     NamedTask task("net_task");
     AuditRules rules;
-    SyscallSub open(&task, "t", "exit,always -S open");
-    EXPECT_TRUE(rules.AddAuditRule(open.msg, open.rule, open.stripped));
+    TestSupport::SyscallSub open(&task, "t", "exit,always -S open");
+    EXPECT_TRUE(Add(rules, open));
     EXPECT_EQ(open.stripped, "exit,always -F arch=b64  -S open");
     const std::string key = "net_task***topenpidppid";
     EXPECT_EQ(rules.ruleCommands.at(key), "-a exit,always -F arch=b64  -S open -k " + key);
-
-    SyscallSub same(&task, "t", "exit,always -S open,close -F success=1");  // same first syscall
-    EXPECT_FALSE(rules.AddAuditRule(same.msg, same.rule, same.stripped));
-    SyscallSub b32(&task, "t", "exit,always -F arch=b32 -S chmod");
-    EXPECT_TRUE(rules.AddAuditRule(b32.msg, b32.rule, b32.stripped));
-    EXPECT_EQ(install.Commands(), (std::vector<std::string>{
-                                      "[-a][exit,always][-F][arch=b64][-S][open][-k][" + key + "]",
-                                      "[-a][exit,always][-F][arch=b32][-S][chmod][-k][net_task***tchmodpidppid]"}));
+    TestSupport::SyscallSub same(&task, "t", "exit,always -S open,close -F success=1");  // same first syscall
+    EXPECT_FALSE(Add(rules, same));
+    EXPECT_TRUE(Add(rules, TestSupport::SyscallSub(&task, "t", "exit,always -F arch=b32 -S chmod")));
+    EXPECT_EQ(install.Commands(), (std::vector<std::string>{"[-a][exit,always][-F][arch=b64][-S][open][-k][" + key + "]",
+                                                            "[-a][exit,always][-F][arch=b32][-S][chmod][-k][net_task***tchmodpidppid]"}));
 
     EXPECT_TRUE(rules.DeleteAuditRule(same.msg, same.rule));  // removes the shared rule for both
     EXPECT_FALSE(rules.RuleExists(key));
@@ -99,37 +72,43 @@ TEST(AuditRules, InstallsWatchesAndTheDockerSocketForm)
     FakeInstallation install;
     NamedTask task("fw_task");
     AuditRules rules;
-    WatchSub watch(&task, "tag", "/tmp/fx/watched -p wa");
-    EXPECT_TRUE(rules.AddAuditRule(watch.msg, watch.rule, watch.stripped));
+    TestSupport::WatchSub watch(&task, "tag", "/tmp/fx/watched -p wa");
+    EXPECT_TRUE(Add(rules, watch));
     const std::string key = "fw_task***tag***/tmp/fx/watched***wapidppid";
     EXPECT_EQ(install.Commands().back(), "[-w][/tmp/fx/watched][-p][wa][-k][" + key + "]");
-
-    WatchSub docker(&task, "d", "/var/run/docker.sock -p rwa -F ppid=42");
-    EXPECT_TRUE(rules.AddAuditRule(docker.msg, docker.rule, docker.stripped));
-    const std::string dockerKey = "fw_task***d***/var/run/docker.sock***rwapidppid42";
-    EXPECT_EQ(install.Commands().back(),
-              "[-a][exit,always][-F][path=/var/run/docker.sock][-F][ppid=42][-k][" + dockerKey + "]");
+    TestSupport::WatchSub docker(&task, "d", "/var/run/docker.sock -p rwa -F ppid=42");
+    EXPECT_TRUE(Add(rules, docker));
+    const std::string dockerRule = "[exit,always][-F][path=/var/run/docker.sock][-F][ppid=42][-k][fw_task***d***/var/run/docker.sock***rwapidppid42]";
+    EXPECT_EQ(install.Commands().back(), "[-a]" + dockerRule);
     rules.DeleteAuditRule(docker.msg, docker.rule);
-    EXPECT_EQ(install.Commands().back(),
-              "[-d][exit,always][-F][path=/var/run/docker.sock][-F][ppid=42][-k][" + dockerKey + "]");
+    EXPECT_EQ(install.Commands().back(), "[-d]" + dockerRule);
     rules.DeleteAuditRule(watch.msg, watch.rule);
     EXPECT_EQ(install.Commands().back(), "[-W][/tmp/fx/watched][-p][wa][-k][" + key + "]");
 }
 
-TEST(AuditRules, AFailedAddKeepsItsCommandForALaterReAdd)
+TEST(AuditRules, AFailedAddKeepsItsCommandForALaterReAddAndKeysAreLookedUpInTheKernel)
 {
-    FakeInstallation failing(1);
-    NamedTask task("x_task");
-    AuditRules rules;
-    SyscallSub sub(&task, "t", "exit,always -S open");
-    EXPECT_FALSE(rules.AddAuditRule(sub.msg, sub.rule, sub.stripped));
-    ASSERT_TRUE(rules.RuleExists("x_task***topenpidppid"));
-    rules.ReAddRule("x_task***topenpidppid");
-    EXPECT_EQ(failing.Commands().size(), 2U);
-    EXPECT_EQ(failing.Commands()[0], failing.Commands()[1]);
-    EXPECT_THROW(rules.ReAddRule("unknown"), std::out_of_range);
-    rules.ReAddRule("");  // nothing
-    EXPECT_EQ(failing.Commands().size(), 2U);
+    {
+        FakeInstallation failing(1);
+        NamedTask task("x_task");
+        AuditRules rules;
+        EXPECT_FALSE(Add(rules, TestSupport::SyscallSub(&task, "t", "exit,always -S open")));
+        ASSERT_TRUE(rules.RuleExists("x_task***topenpidppid"));
+        rules.ReAddRule("x_task***topenpidppid");
+        ASSERT_EQ(failing.Commands().size(), 2U);
+        EXPECT_EQ(failing.Commands()[0], failing.Commands()[1]);
+        EXPECT_THROW(rules.ReAddRule("unknown"), std::out_of_range);
+        rules.ReAddRule("");  // nothing
+        EXPECT_EQ(failing.Commands().size(), 2U);
+    }
+    const std::string key = "fw_task***t***/x***wapidppid";
+    {
+        FakeInstallation listing(0, "-w /x -p wa -k " + key);
+        EXPECT_TRUE(AuditRules().AuditctlRuleExist(key));
+        EXPECT_EQ(listing.Commands().back(), "[-l][-k][" + key + "]");
+    }
+    FakeInstallation empty(0, "No rules");
+    EXPECT_FALSE(AuditRules().AuditctlRuleExist(key));
 }
 
 TEST(AuditRules, RemovesPerTaskByNamePrefixAndAllAtOnce)
@@ -139,10 +118,8 @@ TEST(AuditRules, RemovesPerTaskByNamePrefixAndAllAtOnce)
     NamedTask auditTask("audit_task");
     NamedTask other("net_task");
     AuditRules rules;
-    for (Framework::Task* task : {static_cast<Framework::Task*>(&audit), static_cast<Framework::Task*>(&auditTask),
-                                  static_cast<Framework::Task*>(&other)}) {
-        SyscallSub sub(task, "t", "exit,always -S open");
-        rules.AddAuditRule(sub.msg, sub.rule, sub.stripped);
+    for (NamedTask* task : {&audit, &auditTask, &other}) {
+        Add(rules, TestSupport::SyscallSub(task, "t", "exit,always -S open"));
     }
     rules.UnregisterTask("audit");
     EXPECT_EQ(install.Commands().back(), "[-D][-k][audit***]");
@@ -157,20 +134,6 @@ TEST(AuditRules, RemovesPerTaskByNamePrefixAndAllAtOnce)
     EXPECT_EQ(rules.scanPaths.size(), 1U);  // waiting paths stay
 }
 
-TEST(AuditRules, AsksTheKernelListForAKey)
-{
-    NamedTask task("fw_task");
-    {
-        FakeInstallation listing(0, "-w /x -p wa -k fw_task***t***/x***wapidppid");
-        AuditRules rules;
-        EXPECT_TRUE(rules.AuditctlRuleExist("fw_task***t***/x***wapidppid"));
-        EXPECT_EQ(listing.Commands().back(), "[-l][-k][fw_task***t***/x***wapidppid]");
-    }
-    FakeInstallation empty(0, "No rules");
-    AuditRules rules;
-    EXPECT_FALSE(rules.AuditctlRuleExist("fw_task***t***/x***wapidppid"));
-}
-
 TEST(AuditRules, WaitsForWatchedPathsAndInstallsThemWhenTheyAppear)
 {
     FakeInstallation install;
@@ -180,10 +143,10 @@ TEST(AuditRules, WaitsForWatchedPathsAndInstallsThemWhenTheyAppear)
     AuditRules rules;
     const std::string file = dir.path() + "/later";
     const std::string subdir = dir.path() + "/dirlater";
-    WatchSub fileWatch(&task, "t", file + " -p wa");
-    WatchSub dirWatch(&task, "t", subdir + " -p wa");
-    rules.AddAuditRule(fileWatch.msg, fileWatch.rule, fileWatch.stripped);
-    rules.AddAuditRule(dirWatch.msg, dirWatch.rule, dirWatch.stripped);
+    TestSupport::WatchSub fileWatch(&task, "t", file + " -p wa");
+    TestSupport::WatchSub dirWatch(&task, "t", subdir + " -p wa");
+    Add(rules, fileWatch);
+    Add(rules, dirWatch);
     const std::string fileKey = getRuleKey("fw_task", "t", fileWatch.rule);
     rules.AddToScanFilePath(fileKey);
     rules.AddToScanFilePath(fileKey);  // once only
@@ -194,7 +157,6 @@ TEST(AuditRules, WaitsForWatchedPathsAndInstallsThemWhenTheyAppear)
     const size_t before = install.Commands().size();
     rules.ScanCreatedFilepath();
     EXPECT_EQ(install.Commands().size(), before);  // nothing exists yet
-
     dir.Write("later", "x");
     mkdir(subdir.c_str(), 0755);  // a directory counts as existing
     rules.ScanCreatedFilepath();
@@ -213,11 +175,9 @@ TEST(AuditRules, ShellSyntaxInARuleTextReachesAuditctlAsPlainWords)
     NamedTask task("x_task");
     AuditRules rules;
     const std::string marker = "/tmp/hw_rule_injection_" + std::to_string(getpid());
-    SyscallSub sub(&task, "t", "exit,always -S open ; touch " + marker + " $(touch " + marker + ") `touch " + marker +
-                                   "` > " + marker);
-    rules.AddAuditRule(sub.msg, sub.rule, sub.stripped);
+    Add(rules, TestSupport::SyscallSub(&task, "t", "exit,always -S open ; touch " + marker + " $(touch " + marker +
+                                                      ") `touch " + marker + "` > " + marker));
     ASSERT_FALSE(install.Commands().empty());
-    EXPECT_NE(install.Commands().back().find("[;][touch][" + marker + "][$(touch]"), std::string::npos)
-        << install.Commands().back();
+    EXPECT_NE(install.Commands().back().find("[;][touch][" + marker + "][$(touch]"), std::string::npos) << install.Commands().back();
     EXPECT_NE(access(marker.c_str(), F_OK), 0) << "a rule text ran a command";
 }

@@ -44,18 +44,12 @@ protected:
 
 TEST(AuditTaskHelpers, StripKeyInCmdAndGetOperate)
 {
-    std::string out;
-    StripKeyInCmd("-a always,exit -S open -k mykey", out);
-    EXPECT_EQ(out, "-a always,exit -S open");
-    out.clear();
-    StripKeyInCmd("-w /etc -p wa", out);
-    EXPECT_EQ(out, "-w /etc -p wa");
-    out.clear();
-    StripKeyInCmd("-k x", out);
-    EXPECT_EQ(out, "");
-    out.clear();
-    StripKeyInCmd("exit,always  -S open ", out);
-    EXPECT_EQ(out, "exit,always  -S open");
+    for (const auto& [cmd, stripped] : {std::pair<const char*, const char*>{"-a always,exit -S open -k mykey", "-a always,exit -S open"},
+                                        {"-w /etc -p wa", "-w /etc -p wa"}, {"-k x", ""}, {"exit,always  -S open ", "exit,always  -S open"}}) {
+        std::string out;
+        StripKeyInCmd(cmd, out);
+        EXPECT_EQ(out, stripped) << cmd;
+    }
     EXPECT_TRUE(GetOperate("-a"));
     EXPECT_TRUE(GetOperate("-w"));
     for (const char* other : {"-d", "-W", "-A", "", "a"}) {
@@ -166,12 +160,8 @@ TEST_F(AuditTaskTest, TheLastUnsubscribeRemovesEverythingButTheReaderKeepsItsPla
     task_->Init();
     Subscriber a("a_task");
     Subscriber b("b_task");
-    AuditFileSystemCtrlMessage watch(&b, "", {}, _FileNotifyOpt{});
-    watch.tag = "fs";
-    watch.operate = "-w";
-    watch.rule = audit_.dir.path() + " -p wa";
     EXPECT_EQ(task_->Receive(Syscall(&a, "x", "exit,always -S open")), 0);
-    EXPECT_EQ(task_->Receive(watch), 0);
+    EXPECT_EQ(task_->Receive(TestSupport::WatchSub(&b, "fs", audit_.dir.path() + " -p wa").msg), 0);
     EXPECT_EQ(task_->Rules().ruleCommands.size(), 2U);
 
     // Without a sender the empty name would match every key ("-D -k ***"): refused.

@@ -1,51 +1,42 @@
+// The audit helpers: running auditctl, field and quote handling, hex forms, paths, and the
+// container provider lookup.
 #include "AuditUtil.h"
 
 #include "TestSupport.h"
+#include "TasksModule.h"
 
 #include "container/ContainerMetaInfo.h"
 #include "framework/Engine.h"
-#include "framework/Module.h"
-#include "framework/Task.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-
 using Engine::LinuxAuditUtil;
-
 using TestSupport::FakeInstallation;
 
 TEST(ExecAuditCmd, RunsTheInstallationsAuditctlWithItsLibraryPathAndNoShell)
 {
-    FakeInstallation install;
-    TestSupport::LogCapture log(Poco::Message::PRIO_INFORMATION);
-    std::string output;
-    EXPECT_TRUE(LinuxAuditUtil::ExecAuditCmd("-l -k 'key1***' ; touch /tmp/hw_x $(id)", output));
-    EXPECT_EQ(output, "printed-by-auditctl\n");
-    EXPECT_EQ(install.Calls(), install.dir.path() + "/lib\n[-l][-k][key1***][;][touch][/tmp/hw_x][$(id)]\n");
-    const std::string command = install.dir.path() + "/bin/auditctl -l -k 'key1***' ; touch /tmp/hw_x $(id)";
-    EXPECT_TRUE(log.channel().Has("Execute cmd audit(" + command + "), ret(0), result(printed-by-auditctl\n), library path(LD_LIBRARY_PATH=" +
-                                  install.dir.path() + "/lib)."));
-    EXPECT_NE(access("/tmp/hw_x", F_OK), 0);
-}
-
-TEST(ExecAuditCmd, ReportsFailureForANonZeroStatusOrAMissingProgram)
-{
+    {
+        FakeInstallation install;
+        TestSupport::LogCapture log(Poco::Message::PRIO_INFORMATION);
+        std::string output;
+        EXPECT_TRUE(LinuxAuditUtil::ExecAuditCmd("-l -k 'key1***' ; touch /tmp/hw_x $(id)", output));
+        EXPECT_EQ(output, "printed-by-auditctl\n");
+        EXPECT_EQ(install.Calls(), install.dir.path() + "/lib\n[-l][-k][key1***][;][touch][/tmp/hw_x][$(id)]\n");
+        EXPECT_TRUE(log.channel().Has("Execute cmd audit(" + install.dir.path() + "/bin/auditctl -l -k 'key1***' ; touch /tmp/hw_x $(id)), "
+                                      "ret(0), result(printed-by-auditctl\n), library path(LD_LIBRARY_PATH=" + install.dir.path() + "/lib)."));
+        EXPECT_NE(access("/tmp/hw_x", F_OK), 0);
+    }
     {
         FakeInstallation failing(1);
         EXPECT_FALSE(LinuxAuditUtil::ExecAuditCmd("-D -k x"));
         EXPECT_EQ(failing.Commands(), std::vector<std::string>{"[-D][-k][x]"});
     }
-    TestSupport::TempDir empty;
+    TestSupport::TempDir empty;  // an installation without auditctl
     setenv("HOSTWARDEN_HOME", empty.path().c_str(), 1);
     std::string output = "untouched";
     EXPECT_FALSE(LinuxAuditUtil::ExecAuditCmd("-l", output));
-    EXPECT_EQ(output, "untouched");  // nothing ran
-    unsetenv("HOSTWARDEN_HOME");
-}
+    EXPECT_EQ(output, "untouched");
 
-TEST(LibraryPathEnv, IsTheInstallationsLibDirectory)
-{
     setenv("HOSTWARDEN_HOME", "/usr/local/hostwarden", 1);
     char buffer[4096];
     ASSERT_TRUE(LinuxAuditUtil::getLibraryPathEnv(buffer, sizeof(buffer)));
@@ -57,48 +48,38 @@ TEST(LibraryPathEnv, IsTheInstallationsLibDirectory)
     unsetenv("HOSTWARDEN_HOME");
 }
 
-TEST(GetField, TakesTheFirstSubstringMatchUpToASpaceOrTheEnrichedTail)
+TEST(FieldHelpers, FieldsQuotesAndHexForms)
 {
-    EXPECT_EQ(LinuxAuditUtil::GetField("uid", "auid=1000 uid=0"), "1000");
-    EXPECT_EQ(LinuxAuditUtil::GetField("exe", "comm=\"ls\" exe=\"/usr/bin/ls\""), "/usr/bin/ls");
-    EXPECT_EQ(LinuxAuditUtil::GetField("key", "op=add_rule key=\"a***b\" list=4 res=1"), "a***b");
-    EXPECT_EQ(LinuxAuditUtil::GetField("res", "op=add_rule list=4 res=0\x1d" "AUID=\"unset\""), "0");
-    EXPECT_EQ(LinuxAuditUtil::GetField("type", "type=CONFIG_CHANGE msg=audit(1.2:3): op=x"), "CONFIG_CHANGE");
-    EXPECT_EQ(LinuxAuditUtil::GetField("missing", "a=1"), "");
-    EXPECT_EQ(LinuxAuditUtil::GetField("a", "a="), "");
-}
-
-TEST(TrimQuotation, RemovesAPairOrALeadingQuoteAndReportsOnlyTheLeadingOne)
-{
-    std::string text = " \"/usr/bin/cat\" ";
-    EXPECT_TRUE(LinuxAuditUtil::TrimQuotation(text));
-    EXPECT_EQ(text, "/usr/bin/cat");
-    text = "2F746D70";
-    EXPECT_FALSE(LinuxAuditUtil::TrimQuotation(text));
-    EXPECT_EQ(text, "2F746D70");
-    text = "abc\"";
-    EXPECT_FALSE(LinuxAuditUtil::TrimQuotation(text));
-    EXPECT_EQ(text, "abc ");  // the closing quote alone leaves its blank behind
-    text = "   ";
-    EXPECT_FALSE(LinuxAuditUtil::TrimQuotation(text));
-    EXPECT_EQ(text, "");
-    text = "\"";
-    EXPECT_TRUE(LinuxAuditUtil::TrimQuotation(text));
-    EXPECT_EQ(text, "");
-}
-
-TEST(HexHelpers, PrefixAndDecimalNormalisation)
-{
+    // The first substring match, up to a space or the enriched tail.
+    const std::tuple<const char*, const char*, const char*> fields[] = {
+        {"uid", "auid=1000 uid=0", "1000"},
+        {"exe", "comm=\"ls\" exe=\"/usr/bin/ls\"", "/usr/bin/ls"},
+        {"key", "op=add_rule key=\"a***b\" list=4 res=1", "a***b"},
+        {"res", "op=add_rule list=4 res=0\x1d" "AUID=\"unset\"", "0"},
+        {"type", "type=CONFIG_CHANGE msg=audit(1.2:3): op=x", "CONFIG_CHANGE"},
+        {"missing", "a=1", ""},
+        {"a", "a=", ""}};
+    for (const auto& [name, line, value] : fields) {
+        EXPECT_EQ(LinuxAuditUtil::GetField(name, line), value) << name << " in " << line;
+    }
+    // A pair of quotes or a leading one goes; only a leading one is reported.
+    const std::tuple<const char*, bool, const char*> quotes[] = {{" \"/usr/bin/cat\" ", true, "/usr/bin/cat"},
+                                                                 {"2F746D70", false, "2F746D70"},
+                                                                 {"abc\"", false, "abc "},  // its blank stays
+                                                                 {"   ", false, ""},
+                                                                 {"\"", true, ""}};
+    for (const auto& [before, reported, after] : quotes) {
+        std::string text = before;
+        EXPECT_EQ(LinuxAuditUtil::TrimQuotation(text), reported) << before;
+        EXPECT_EQ(text, after) << before;
+    }
     std::string text = "cid:abc";
     LinuxAuditUtil::TrimPrefix(text, "cid:");
-    EXPECT_EQ(text, "abc");
     LinuxAuditUtil::TrimPrefix(text, "cid:");
     EXPECT_EQ(text, "abc");
-
-    const std::pair<std::string, std::string> cases[] = {
-        {"255", "ff"}, {"0xFF", "FF"}, {"-1", "ffffffff"}, {"10", "a"}, {"0", "0"}, {"2147483647", "7fffffff"},
-        {"-2147483648", "80000000"}, {"0x", ""}};
-    for (const auto& [in, out] : cases) {
+    const std::pair<std::string, std::string> hex[] = {{"255", "ff"}, {"0xFF", "FF"}, {"-1", "ffffffff"}, {"10", "a"}, {"0", "0"},
+                                                       {"2147483647", "7fffffff"}, {"-2147483648", "80000000"}, {"0x", ""}};
+    for (const auto& [in, out] : hex) {
         std::string value = in;
         LinuxAuditUtil::toHexString(value);
         EXPECT_EQ(value, out) << in;
@@ -109,7 +90,7 @@ TEST(HexHelpers, PrefixAndDecimalNormalisation)
     EXPECT_THROW(LinuxAuditUtil::toHexString(big), std::out_of_range);
 }
 
-TEST(GetSyscallMsg, FindsTheSyscallRecordOrHandsAnEmptyMap)
+TEST(FieldHelpers, TheSyscallRecordOrAnEmptyMap)
 {
     TestSupport::LogCapture log;
     SDK::AuditParser parser;
@@ -120,28 +101,21 @@ TEST(GetSyscallMsg, FindsTheSyscallRecordOrHandsAnEmptyMap)
     EXPECT_EQ(fields.Get("syscall"), "2");
     fields.Set("exe", "/bin/x");  // callers write decoded values back
     EXPECT_EQ(event.FindRecord("SYSCALL")->Get("exe"), "/bin/x");
-
     SDK::AuditEvent none;
-    SDK::AuditFields& empty = LinuxAuditUtil::getSyscallMsg(none);
-    EXPECT_TRUE(empty.empty());
-    empty.Set("dirt", "x");
+    LinuxAuditUtil::getSyscallMsg(none).Set("dirt", "x");
     EXPECT_TRUE(LinuxAuditUtil::getSyscallMsg(none).empty()) << "emptied again before each return";
     EXPECT_TRUE(log.channel().Has("can not get syscall record"));
 }
 
-TEST(IsChildFileNoRecursive, AcceptsDirectChildrenOnly)
+TEST(PathHelpers, DirectChildrenAndRealPaths)
 {
-    EXPECT_TRUE(Engine::IsChildFileNoRecursive("/etc", "/etc/passwd"));
-    EXPECT_FALSE(Engine::IsChildFileNoRecursive("/etc", "/etc/ssh/sshd_config"));
-    EXPECT_FALSE(Engine::IsChildFileNoRecursive("/etc/", "/etc/passwd"));
-    EXPECT_FALSE(Engine::IsChildFileNoRecursive("/etc", "/etcx"));
-    EXPECT_FALSE(Engine::IsChildFileNoRecursive("/etc", "/etc"));
-    EXPECT_FALSE(Engine::IsChildFileNoRecursive("", "/etc"));
-    EXPECT_TRUE(Engine::IsChildFileNoRecursive("/etc", "/etc/"));  // an empty last component
-}
-
-TEST(RealPathOrEmpty, ResolvesOrKeepsWhatResolvedBeforeAMissingComponent)
-{
+    const std::tuple<const char*, const char*, bool> children[] = {
+        {"/etc", "/etc/passwd", true}, {"/etc", "/etc/ssh/sshd_config", false}, {"/etc/", "/etc/passwd", false},
+        {"/etc", "/etcx", false},      {"/etc", "/etc", false},                  {"", "/etc", false},
+        {"/etc", "/etc/", true}};  // an empty last component
+    for (const auto& [dir, path, child] : children) {
+        EXPECT_EQ(Engine::IsChildFileNoRecursive(dir, path), child) << dir << " " << path;
+    }
     TestSupport::TempDir dir;
     dir.Write("real/file", "x");
     symlink((dir.path() + "/real").c_str(), (dir.path() + "/link").c_str());
@@ -161,12 +135,6 @@ public:
     bool GetContainerInfoByPid(int, std::shared_ptr<Framework::ContainerInfo>&) override { return false; }
 };
 
-class ProviderModule : public Framework::Module {
-public:
-    ProviderModule() : Framework::Module("container_module") {}
-    int Init() override { return RegisterTask(new ProviderTask, true); }
-};
-
 }  // namespace
 
 TEST(GetContainerMeta, LooksTheProviderUpOnTheFirstNineCallsOnly)
@@ -177,9 +145,8 @@ TEST(GetContainerMeta, LooksTheProviderUpOnTheFirstNineCallsOnly)
         EXPECT_EQ(LinuxAuditUtil::GetContainerMeta(), nullptr);
     }
     // The provider appears now, but the nine look-ups are spent.
-    ASSERT_EQ(engine.AddModule(std::make_unique<ProviderModule>()), 0);
+    ASSERT_EQ(engine.AddModule(std::make_unique<TestSupport::TasksModule>(std::vector<Framework::Task*>{new ProviderTask})), 0);
     ASSERT_EQ(engine.StartTasks(), 0);
-    ASSERT_NE(engine.FindTask(Framework::kContainerCollectTaskName), nullptr);
     EXPECT_EQ(LinuxAuditUtil::GetContainerMeta(), nullptr);
 
     // A fresh start finds it at once and keeps it.

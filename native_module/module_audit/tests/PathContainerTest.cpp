@@ -5,10 +5,10 @@
 #include "AuditUtil.h"
 
 #include "TestSupport.h"
+#include "TasksModule.h"
 
 #include "container/ContainerMetaInfo.h"
 #include "framework/Engine.h"
-#include "framework/Module.h"
 
 #include <gtest/gtest.h>
 
@@ -18,90 +18,49 @@ using namespace Engine;
 
 namespace {
 
-// Containers by id and by process, recording every lookup.
+// Container "abc" by id and as the container of process 500, recording every lookup.
 class FakeContainers : public Framework::Task, public Framework::ContainerMetaInfo {
 public:
-    FakeContainers() : Framework::Task(Framework::kContainerCollectTaskName, "test", Framework::TaskCondition::kLoop, 8) {}
+    FakeContainers() : Framework::Task(Framework::kContainerCollectTaskName, "test", Framework::TaskCondition::kLoop, 8)
+    {
+        abc_->id = "abc";
+        abc_->rootPath = "/var/lib/docker/overlay2/abc/merged";
+        abc_->mounts = {{"/srv/data", "/data", "", true}, {"/srv/logs", "/var/log", "", true}, {"/srv/cache", "/cache/", "", true}};
+    }
     bool GetContainerInfoById(const std::string& id, std::shared_ptr<Framework::ContainerInfo>& info) override
     {
-        lookups.push_back("id:" + id);
-        const auto it = byId.find(id);
-        if (it == byId.end()) {
-            return false;
-        }
-        info = it->second;
-        return true;
+        lookups += " id:" + id;
+        return Found(id == "abc", info);
     }
     bool GetContainerInfoByPid(int pid, std::shared_ptr<Framework::ContainerInfo>& info) override
     {
-        lookups.push_back("pid:" + std::to_string(pid));
-        const auto it = byPid.find(pid);
-        if (it == byPid.end()) {
-            return false;
-        }
-        info = it->second;
-        return true;
+        lookups += " pid:" + std::to_string(pid);
+        return Found(pid == 500, info);
     }
-    std::map<std::string, std::shared_ptr<Framework::ContainerInfo>> byId;
-    std::map<int, std::shared_ptr<Framework::ContainerInfo>> byPid;
-    std::vector<std::string> lookups;
-};
-
-class ContainerModule : public Framework::Module {
-public:
-    explicit ContainerModule(FakeContainers* task) : Framework::Module("container_module"), task_(task) {}
-    int Init() override { return RegisterTask(task_, false); }
+    std::string lookups;
 
 private:
-    FakeContainers* task_;
+    bool Found(bool found, std::shared_ptr<Framework::ContainerInfo>& info)
+    {
+        info = found ? abc_ : info;
+        return found;
+    }
+    std::shared_ptr<Framework::ContainerInfo> abc_ = std::make_shared<Framework::ContainerInfo>();
 };
 
-// An engine whose container task is the double; the module caches the provider per process.
-class Containers : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        auto info = std::make_shared<Framework::ContainerInfo>();
-        info->id = "abc";
-        info->rootPath = "/var/lib/docker/overlay2/abc/merged";
-        info->mounts = {{"/srv/data", "/data", "", true}, {"/srv/logs", "/var/log", "", true},
-                        {"/srv/cache", "/cache/", "", true}};
-        fake_.byId["abc"] = info;
-        fake_.byPid[500] = info;
-        ASSERT_EQ(engine_.AddModule(std::make_unique<ContainerModule>(&fake_)), 0);
-        ASSERT_EQ(engine_.StartTasks(), 0);
-        LinuxAuditUtil::ResetContainerMetaCache();
-    }
-    void TearDown() override
-    {
-        engine_.StopAll();
-        LinuxAuditUtil::ResetContainerMetaCache();
-    }
-    std::shared_ptr<AuditEvent> Event(const std::string& pid, const std::string& ppid, const std::string& key = "")
-    {
-        auto event = std::make_shared<AuditEvent>();
-        event->pid = pid;
-        event->ppid = ppid;
-        event->key = key;
-        return event;
-    }
-    std::string HostPath(const std::shared_ptr<AuditEvent>& event, const std::string& path)
-    {
-        AuditLogPath record;
-        record.path = path;
-        record.hostPath = path;
-        EXPECT_EQ(log_.LogPathProcForContainer(event, record), 0);
-        return record.hostPath;
-    }
-    FakeContainers fake_;
-    Framework::Engine engine_;
-    AuditLog log_{nullptr, nullptr};
-};
+std::shared_ptr<AuditEvent> Event(const std::string& pid, const std::string& ppid, const std::string& key = "")
+{
+    auto event = std::make_shared<AuditEvent>();
+    event->pid = pid;
+    event->ppid = ppid;
+    event->key = key;
+    return event;
+}
 
 }  // namespace
 
 // A host path is the file as the host names it: relative parts and links resolved when it exists.
-TEST(PathHelpers, HostPathsAreResolved)
+TEST(PathHelpers, HostPathsAreResolvedAndNamesMadeAbsolute)
 {
     TestSupport::TempDir dir;
     dir.Write("real/x", "");
@@ -119,87 +78,78 @@ TEST(PathHelpers, HostPathsAreResolved)
     EXPECT_EQ(host("../real/x", dir.path() + "/link"), dir.path() + "/real/x");
     EXPECT_EQ(host("x", dir.path() + "/link"), dir.path() + "/real/x") << "through the symlinked directory";
     EXPECT_EQ(host("gone", dir.path() + "/link"), dir.path() + "/link/gone") << "a deleted file keeps its path";
+
+    const std::tuple<const char*, const char*, const char*> absolute[] = {
+        {"/home/u", "a.txt", "/home/u/a.txt"}, {"/home/u", "/etc/passwd", "/etc/passwd"}, {"/tmp", "./a", "/tmp/./a"},
+        {"", "a", "/a"}, {"/tmp", "", ""}};
+    for (const auto& [cwd, name, path] : absolute) {
+        EXPECT_EQ(getFilepath(cwd, name), path) << cwd << " " << name;
+    }
+    const std::tuple<const char*, const char*, bool> prefixes[] = {
+        {"/data/x/y", "/data", true}, {"/database/z", "/data", false}, {"/data", "/data", false},
+        {"/data/", "/data/", true},   {"/x", "", true},                 {"x", "", false}};
+    for (const auto& [path, prefix, starts] : prefixes) {
+        EXPECT_EQ(StartsWith(path, prefix), starts) << path << " " << prefix;
+    }
+    for (const auto& [key, id] : {std::pair<const char*, const char*>{"task***tag***rest", "kept"},
+                                  {"task***cid:abc***rest", "abc"}, {"task***cid:abc", "kept"}}) {
+        std::string found = "kept";
+        getContainerId(key, found);
+        EXPECT_EQ(found, id) << key;
+    }
 }
 
-TEST(PathHelpers, AbsolutePathsPrefixesAndContainerKeys)
+TEST(PathHelpers, PathsInContainersAreTranslatedToTheHostAndBadProcessIdsDropThem)
 {
-    EXPECT_EQ(getFilepath("/home/u", "a.txt"), "/home/u/a.txt");
-    EXPECT_EQ(getFilepath("/home/u", "/etc/passwd"), "/etc/passwd");
-    EXPECT_EQ(getFilepath("/tmp", "./a"), "/tmp/./a");
-    EXPECT_EQ(getFilepath("", "a"), "/a");
-    EXPECT_EQ(getFilepath("/tmp", ""), "");
-    EXPECT_TRUE(StartsWith("/data/x/y", "/data"));
-    EXPECT_FALSE(StartsWith("/database/z", "/data"));
-    EXPECT_FALSE(StartsWith("/data", "/data"));
-    EXPECT_TRUE(StartsWith("/data/", "/data/"));
-    EXPECT_TRUE(StartsWith("/x", ""));
-    EXPECT_FALSE(StartsWith("x", ""));
-    std::string id = "kept";
-    getContainerId("task***tag***rest", id);
-    EXPECT_EQ(id, "kept");
-    getContainerId("task***cid:abc***rest", id);
-    EXPECT_EQ(id, "abc");
-    std::string two = "kept";
-    getContainerId("task***cid:abc", two);
-    EXPECT_EQ(two, "kept") << "fewer than three pieces";
-}
+    auto* fake = new FakeContainers;
+    Framework::Engine engine;
+    ASSERT_EQ(engine.AddModule(std::make_unique<TestSupport::TasksModule>(std::vector<Framework::Task*>{fake})), 0);
+    ASSERT_EQ(engine.StartTasks(), 0);
+    LinuxAuditUtil::ResetContainerMetaCache();  // the module caches the provider per process
+    struct Case {
+        const char *pid, *ppid, *key, *path, *host, *lookups;
+    };
+    const Case cases[] = {
+        {"1", "2", "task***cid:abc***x", "/data/x/y", "/srv/data/x/y", " id:abc"},  // a key's id skips the processes
+        {"500", "400", "", "/data/file", "/srv/data/file", " pid:400 pid:500 id:abc"},  // the parent first
+        {"7", "500", "", "/var/log/syslog", "/srv/logs/syslog", " pid:500 id:abc"},
+        // The rest of the path follows the source as it is: a destination written with a
+        // trailing slash has taken the separator with it.
+        {"7", "500", "", "/cache/item", "/srv/cacheitem", " pid:500 id:abc"},
+        {"500", "1", "", "/database/z", "/var/lib/docker/overlay2/abc/merged/database/z", " pid:1 pid:500 id:abc"},
+        {"500", "1", "", "/data", "/var/lib/docker/overlay2/abc/merged/data", " pid:1 pid:500 id:abc"},
+        {"9", "8", "", "/data/x", "/data/x", " pid:8 pid:9"},  // a process outside containers
+        {"1", "2", "t***cid:gone***x", "/data/x", "/data/x", " id:gone"},
+    };
+    for (const Case& c : cases) {
+        fake->lookups.clear();
+        AuditLogPath record;
+        record.path = record.hostPath = c.path;
+        EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event(c.pid, c.ppid, c.key), record), 0);
+        EXPECT_EQ(record.hostPath, c.host) << c.path;
+        EXPECT_EQ(fake->lookups, c.lookups) << c.path;
+    }
 
-TEST_F(Containers, AKeyWithAContainerIdSkipsTheProcessLookups)
-{
-    EXPECT_EQ(HostPath(Event("1", "2", "task***cid:abc***x"), "/data/x/y"), "/srv/data/x/y");
-    EXPECT_EQ(fake_.lookups, std::vector<std::string>{"id:abc"});
-}
-
-TEST_F(Containers, TheParentProcessIsAskedFirstThenTheProcess)
-{
-    EXPECT_EQ(HostPath(Event("500", "400"), "/data/file"), "/srv/data/file");
-    EXPECT_EQ(fake_.lookups, (std::vector<std::string>{"pid:400", "pid:500", "id:abc"}));
-    fake_.lookups.clear();
-    EXPECT_EQ(HostPath(Event("7", "500"), "/var/log/syslog"), "/srv/logs/syslog");
-    EXPECT_EQ(fake_.lookups, (std::vector<std::string>{"pid:500", "id:abc"}));
-    // The rest of the path follows the source as it is: a destination written with a trailing
-    // slash has taken the separator with it.
-    EXPECT_EQ(HostPath(Event("7", "500"), "/cache/item"), "/srv/cacheitem");
-}
-
-TEST_F(Containers, WithoutAMatchingMountTheContainerRootIsPrefixed)
-{
-    EXPECT_EQ(HostPath(Event("500", "1"), "/database/z"), "/var/lib/docker/overlay2/abc/merged/database/z");
-    EXPECT_EQ(HostPath(Event("500", "1"), "/data"), "/var/lib/docker/overlay2/abc/merged/data");
-    EXPECT_EQ(HostPath(Event("9", "8"), "/data/x"), "/data/x") << "a process outside containers is left alone";
-    EXPECT_EQ(HostPath(Event("1", "2", "t***cid:gone***x"), "/data/x"), "/data/x") << "an unknown id too";
-}
-
-TEST_F(Containers, AnUnconvertibleProcessIdDropsTheRecordAndStopsThePaths)
-{
+    // A process id that does not convert drops the event's paths, but not the event.
     AuditLogPath record;
-    EXPECT_EQ(log_.LogPathProcForContainer(Event("x1", "2"), record), -1);
-    EXPECT_EQ(log_.LogPathProcForContainer(Event("1", ""), record), -1);
-
-    auto event = Event("abc", "1");
-    SDK::AuditParser parser;
-    parser.FeedLine("type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=2 items=2 pid=abc ppid=1");
-    parser.FeedLine("type=CWD msg=audit(1.000:1): cwd=\"/\"");
-    parser.FeedLine("type=PATH msg=audit(1.000:1): item=0 name=\"/a\"");
-    parser.FeedLine("type=PATH msg=audit(1.000:1): item=1 name=\"/b\"");
-    parser.Flush();
-    event->parsedEvent = parser.GetEvents()[0];
-    EXPECT_EQ(log_.setFileSystemInfo(event), -1);
-    EXPECT_TRUE(event->paths.empty());
-    EXPECT_FALSE(event->write) << "flags are skipped too";
-
-    // The event itself is still delivered.
+    EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event("x1", "2"), record), -1);
+    EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event("1", ""), record), -1);
     TestSupport::NamedTask owner("audit_task");
     TestSupport::Subscriber sub;
     AuditLog routed(&owner, nullptr);
     auditSyscallDest dest;
     dest.task = &sub;
     routed.syscallRoutes64.emplace(2, dest);
-    auto delivered = Event("abc", "1");
-    delivered->lines = {"type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=2 items=1 pid=abc ppid=1",
-                        "type=CWD msg=audit(1.000:1): cwd=\"/\"", "type=PATH msg=audit(1.000:1): item=0 name=\"/a\""};
-    EXPECT_EQ(routed.ParseAndDeliverLogs(delivered), 0);
+    auto event = Event("abc", "1");
+    event->lines = {"type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=2 items=2 pid=abc ppid=1",
+                    "type=CWD msg=audit(1.000:1): cwd=\"/\"", "type=PATH msg=audit(1.000:1): item=0 name=\"/a\"",
+                    "type=PATH msg=audit(1.000:1): item=1 name=\"/b\""};
+    EXPECT_EQ(routed.ParseAndDeliverLogs(event), 0);
     EXPECT_EQ(sub.Drain().size(), 1U);
+    EXPECT_TRUE(event->paths.empty());
+    EXPECT_FALSE(event->write) << "the access kinds are skipped too";
+    engine.StopAll();
+    LinuxAuditUtil::ResetContainerMetaCache();
 }
 
 TEST(CreatedPaths, ACreateOnAWaitedWatchPathInstallsTheWatchOnce)
@@ -211,33 +161,27 @@ TEST(CreatedPaths, ACreateOnAWaitedWatchPathInstallsTheWatchOnce)
     AuditRules rules;
     AuditLog log(&owner, &rules);
     const std::string file = dir.Write("appeared", "x");
-    AuditFileSystemCtrlMessage msg(&task, "", {}, _FileNotifyOpt{});
-    msg.tag = "t";
-    msg.operate = "-w";
-    msg.rule = file + " -p wa";
-    FileSystemRule rule;
-    LinuxAuditUtil::auditDistractFilesystemRule(msg, rule);
-    std::string stripped = msg.rule;
-    rules.AddAuditRule(msg, rule, stripped);
-    log.AddLogRoute(msg, rule);
+    TestSupport::WatchSub watch(&task, "t", file + " -p wa");
+    rules.AddAuditRule(watch.msg, watch.rule, watch.stripped);
+    log.AddLogRoute(watch.msg, watch.rule);
     const size_t before = install.Commands().size();
 
     auto event = std::make_shared<AuditEvent>();
-    SDK::AuditFields create;
-    create.Add("name", "\"" + file + "\"");
-    create.Add("nametype", "CREATE");
-    ASSERT_EQ(log.GenerateLogPathForOneRecord(event, create, "/"), 0);
-    const std::vector<std::string> commands = install.Commands();
-    ASSERT_EQ(commands.size(), before + 2);
-    EXPECT_EQ(commands[before], "[-W][" + file + "][-p][wa][-k][" + getRuleKey("fw_task", "t", rule) + "]");
-    EXPECT_EQ(commands[before + 1], "[-w][" + file + "][-p][wa][-k][" + getRuleKey("fw_task", "t", rule) + "]");
-
-    SDK::AuditFields normal;
-    normal.Add("name", "\"" + file + "\"");
-    normal.Add("objtype", "NORMAL");  // objtype wins over nametype
-    normal.Add("nametype", "CREATE");
-    ASSERT_EQ(log.GenerateLogPathForOneRecord(event, normal, "/"), 0);
-    EXPECT_EQ(install.Commands().size(), before + 2);
+    const auto record = [&](const char* objtype) {
+        SDK::AuditFields fields;
+        fields.Add("name", "\"" + file + "\"");
+        if (*objtype != '\0') {
+            fields.Add("objtype", objtype);  // objtype wins over nametype
+        }
+        fields.Add("nametype", "CREATE");
+        EXPECT_EQ(log.GenerateLogPathForOneRecord(event, fields, "/"), 0);
+        return install.Commands().size() - before;
+    };
+    EXPECT_EQ(record(""), 2U);
+    const std::string key = getRuleKey("fw_task", "t", watch.rule);
+    EXPECT_EQ(install.Commands()[before], "[-W][" + file + "][-p][wa][-k][" + key + "]");
+    EXPECT_EQ(install.Commands()[before + 1], "[-w][" + file + "][-p][wa][-k][" + key + "]");
+    EXPECT_EQ(record("NORMAL"), 2U);
     EXPECT_EQ(event->paths.back().nametype, "NORMAL");
     EXPECT_EQ(event->paths.back().item, -1) << "no item field";
 }

@@ -5,10 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <deque>
 
@@ -46,24 +42,6 @@ public:
     audit_status status{};
     int gets = 0;
     int closes = 0;
-};
-
-// A process whose executable is named auditd (a copy of sleep), for the process check.
-class FakeAuditd {
-public:
-    explicit FakeAuditd(const TestSupport::TempDir& dir, const std::string& name = "auditd")
-    {
-        const std::string exe = dir.path() + "/" + name;
-        std::system(("cp /bin/sleep " + exe).c_str());
-        char* argv[] = {const_cast<char*>(exe.c_str()), const_cast<char*>("60"), nullptr};
-        posix_spawn(&pid, exe.c_str(), nullptr, nullptr, argv, nullptr);
-    }
-    ~FakeAuditd()
-    {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-    }
-    pid_t pid = -1;
 };
 
 std::string Conf(const TestSupport::TempDir& dir, const std::string& text)
@@ -145,8 +123,8 @@ TEST(ProbeEnabled, NeedsEnabledExactlyOneARealAuditdAndAUsableConfiguration)
 {
     TestSupport::TempDir dir;
     TestSupport::LogCapture capture;
-    FakeAuditd auditd(dir);
-    FakeAuditd impostor(dir, "sleepy");
+    TestSupport::NamedProcess auditd(dir, "auditd");
+    TestSupport::NamedProcess impostor(dir, "sleepy");
     const std::string conf = Conf(dir, "log_file = /var/log/audit/audit.log\nlog_format = RAW\n");
     FakeReplies replies;
     GetAuditConfAndStatus probe(conf, &replies);

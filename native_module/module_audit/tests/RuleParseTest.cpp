@@ -1,3 +1,4 @@
+// The rule parsers: result codes and what a parsed rule holds, one row per rule text.
 #include "AuditMessages.h"
 #include "AuditUtil.h"
 #include "SyscallTables.h"
@@ -7,139 +8,115 @@
 #include <gtest/gtest.h>
 
 using namespace Engine;
+using TestSupport::SyscallSub;
+using TestSupport::WatchSub;
 
 namespace {
 
-int ParseSyscall(const std::string& text, SyscallRule& rule)
+// Every field the parser may set, empty ones left out.
+std::string Describe(const SyscallRule& r)
 {
-    AuditSyscallCtrlMessage msg;
-    msg.rule = text;
-    return LinuxAuditUtil::auditDistractSyscallRule(msg, rule);
+    std::string out = "arch=" + r.arch + " S=";
+    for (size_t i = 0; i < r.syscalls.size(); ++i) {
+        out += (i == 0 ? "" : ",") + r.syscalls[i];
+    }
+    out += " filter=" + std::to_string(r.hasFilter);
+    const std::pair<const char*, const std::string*> fields[] = {{"pid", &r.pid},   {"ppid", &r.ppid}, {"key", &r.key},
+                                                                 {"success", &r.success}, {"exit", &r.exit},
+                                                                 {"a0", &r.a0}, {"a1", &r.a1}, {"a2", &r.a2}, {"a3", &r.a3}};
+    for (const auto& [name, value] : fields) {
+        out += value->empty() ? "" : std::string(" ") + name + "=" + *value;
+    }
+    return out;
 }
 
-int ParseSyscall(const std::string& text)
+std::string Describe(const FileSystemRule& r)
 {
-    SyscallRule rule;
-    return ParseSyscall(text, rule);
-}
-
-int ParseFs(const std::string& text, FileSystemRule& rule)
-{
-    AuditFileSystemCtrlMessage msg(nullptr, "", {}, _FileNotifyOpt{});
-    msg.rule = text;
-    return LinuxAuditUtil::auditDistractFilesystemRule(msg, rule);
+    return "path=" + r.path + " perm=" + r.perm + " pid=" + r.pid + " ppid=" + r.ppid + " key=" + r.key;
 }
 
 }  // namespace
 
-TEST(SyscallRuleParse, ReadsArchSyscallsKeyAndFilters)
+TEST(SyscallRuleParse, ResultCodesAndParsedRules)
 {
-    SyscallRule rule;
-    EXPECT_EQ(ParseSyscall("exit,always -F arch=b64 -S open,openat -k k1", rule), 0);
-    EXPECT_EQ(rule.arch, "b64");
-    EXPECT_EQ(rule.syscalls, (std::vector<std::string>{"open", "openat"}));
-    EXPECT_EQ(rule.key, "k1");
-    EXPECT_EQ(rule.hasFilter, 0);
-
-    SyscallRule filtered;
-    EXPECT_EQ(ParseSyscall("exit,always  -S execve -S connect -F success=0 -F exit=-13 -F a1=0x1F -F a2=31 -F a3=-1 "
-                           "-F ppid=7 -F key=k2 -k k3",
-                           filtered),
-              0);
-    EXPECT_EQ(filtered.syscalls, (std::vector<std::string>{"execve", "connect"}));
-    EXPECT_EQ(filtered.hasFilter, 1);
-    EXPECT_EQ(filtered.success, "no");
-    EXPECT_EQ(filtered.exit, "-13");
-    EXPECT_EQ(filtered.a1, "1F");
-    EXPECT_EQ(filtered.a2, "1f");
-    EXPECT_EQ(filtered.a3, "ffffffff");
-    EXPECT_EQ(filtered.ppid, "7");
-    EXPECT_EQ(filtered.key, "k3");  // -k overwrites key= without a check
-    for (const char* alone : {"exit=-2", "a0=1", "a3=0x10", "success=1"}) {
-        SyscallRule one;
-        EXPECT_EQ(ParseSyscall(std::string("exit,always -S open -F ") + alone, one), 0);
-        EXPECT_EQ(one.hasFilter, 1) << alone << " alone sets it";
+    struct Case {
+        const char* text;
+        int code;
+        const char* parsed;  // checked when the code is 0
+    };
+    const Case cases[] = {
+        {"exit,always -F arch=b64 -S open,openat -k k1", 0, "arch=b64 S=open,openat filter=0 key=k1"},
+        // -k overwrites key= without a check; numbers become lower-case hexadecimal, 0x values keep their case.
+        {"exit,always  -S execve -S connect -F success=0 -F exit=-13 -F a1=0x1F -F a2=31 -F a3=-1 -F ppid=7 -F key=k2 -k k3", 0,
+         "arch= S=execve,connect filter=1 ppid=7 key=k3 success=no exit=-13 a1=1F a2=1f a3=ffffffff"},
+        // Each filter alone sets hasFilter; pid, ppid and keys do not.
+        {"exit,always -S open -F exit=-2", 0, "arch= S=open filter=1 exit=-2"},
+        {"exit,always -S open -F a0=1", 0, "arch= S=open filter=1 a0=1"},
+        {"exit,always -S open -F a3=0x10", 0, "arch= S=open filter=1 a3=10"},
+        {"exit,always -S open -F success=1", 0, "arch= S=open filter=1 success=yes"},
+        {"exit,always -S open -F pid=4 -k k", 0, "arch= S=open filter=0 pid=4 key=k"},
+        {"exit,always -S open,,chmod", 0, "arch= S=open,,chmod filter=0"},  // empty pieces are kept
+        {"exit,always -S open -F path=/x -F perm=wa", 0, "arch= S=open filter=0"},  // fields it ignores
+        {"exit,always -S nosuchcall", 0, "arch= S=nosuchcall filter=0"},
+        {"exit,always -S open -X", 0, "arch= S=open filter=0"},  // a trailing unknown option passes
+        {"exit,never -S open", 1, ""},
+        {"exclude,always", 1, ""},  // never and exclude need no system call
+        {"exit,never", 1, ""},
+        {"exit,never -S open -X -k k", 2, ""},  // a token after an unknown option rejects even these
+        {"exit,always -S open -X -k k", 2, ""},
+        {"exit,always -F arch=b64", 2, ""},
+        {"", 2, ""},
+        {"   ", 2, ""},
+        {"exit,always -S open -F pid=1 -F pid=2", 2, ""},
+        {"exit,always -S open -F arch=b64 -F arch=b32", 2, ""},
+        {"exit,always -S open -F success=2", 2, ""},
+        {"exit,always -S open -F success", 2, ""},
+        {"exit,always -S open -F a=b=c", 2, ""},
+        {"exit,always -S open -F exit=1 -F exit=2", 2, ""},
+        {"exit,always -S open -F a0=1 -F a0=2", 2, ""},
+    };
+    for (const Case& c : cases) {
+        const SyscallSub sub(nullptr, "t", c.text);
+        EXPECT_EQ(sub.parsed, c.code) << c.text;
+        if (c.code == 0) {
+            EXPECT_EQ(Describe(sub.rule), c.parsed) << c.text;
+        }
     }
-}
+    EXPECT_THROW(SyscallSub(nullptr, "t", "exit,always -S open -F a0=zz"), std::invalid_argument);
+    EXPECT_THROW(SyscallSub(nullptr, "t", "exit,always -S open -F a0=99999999999"), std::out_of_range);
 
-TEST(SyscallRuleParse, ResultCodesForNeverRejectedAndDeadTokens)
-{
-    EXPECT_EQ(ParseSyscall("exit,never -S open"), 1);
-    EXPECT_EQ(ParseSyscall("exclude,always"), 1);  // no syscall needed for never/exclude
-    EXPECT_EQ(ParseSyscall("exit,never"), 1);
-    EXPECT_EQ(ParseSyscall("exit,always -F arch=b64"), 2);
-    EXPECT_EQ(ParseSyscall(""), 2);
-    EXPECT_EQ(ParseSyscall("   "), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F pid=1 -F pid=2"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F arch=b64 -F arch=b32"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F success=2"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F success"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F a=b=c"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F exit=1 -F exit=2"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F a0=1 -F a0=2"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -X"), 0);  // a trailing unknown option passes
-    EXPECT_EQ(ParseSyscall("exit,always -S open -X -k k"), 2);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F path=/x -F perm=wa"), 0);  // ignored fields
-    EXPECT_EQ(ParseSyscall("exit,always -S nosuchcall"), 0);
-    EXPECT_THROW(ParseSyscall("exit,always -S open -F a0=zz"), std::invalid_argument);
-    EXPECT_THROW(ParseSyscall("exit,always -S open -F a0=99999999999"), std::out_of_range);
-}
-
-TEST(SyscallRuleParse, UnknownFieldNamesCountAsPidAndJoinTheTable)
-{
+    // An unknown field name counts as pid, and joins the table as such.
     parameterNumberMap.erase("uid");
-    SyscallRule rule;
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F uid=5", rule), 0);
-    EXPECT_EQ(rule.pid, "5");
-    ASSERT_EQ(parameterNumberMap.count("uid"), 1U);
+    EXPECT_EQ(Describe(SyscallSub(nullptr, "t", "exit,always -S open -F uid=5").rule), "arch= S=open filter=0 pid=5");
     EXPECT_EQ(parameterNumberMap["uid"], kParamPid);
-    EXPECT_EQ(ParseSyscall("exit,always -S open -F uid=5 -F pid=6"), 2);  // both land on pid
+    EXPECT_EQ(SyscallSub(nullptr, "t", "exit,always -S open -F uid=5 -F pid=6").parsed, 2) << "both land on pid";
     parameterNumberMap.erase("uid");
 }
 
-TEST(SyscallRuleParse, EmptyPiecesOfASyscallListAreKept)
+TEST(FileSystemRuleParse, ResultCodesAndParsedRules)
 {
-    SyscallRule rule;
-    EXPECT_EQ(ParseSyscall("exit,always -S open,,chmod", rule), 0);
-    EXPECT_EQ(rule.syscalls, (std::vector<std::string>{"open", "", "chmod"}));
-}
-
-TEST(FileSystemRuleParse, ReadsPathPermKeyAndFields)
-{
-    FileSystemRule rule;
-    EXPECT_EQ(ParseFs("/etc/ -p wa -k k2", rule), 0);
-    EXPECT_EQ(rule.path, "/etc");
-    EXPECT_EQ(rule.perm, "wa");
-    EXPECT_EQ(rule.key, "k2");
-
-    FileSystemRule fields;
-    EXPECT_EQ(ParseFs("/var/log -F pid=3 -F ppid=4 -F perm=r -F path=/opt/ -F arch=b64", fields), 0);
-    EXPECT_EQ(fields.pid, "3");
-    EXPECT_EQ(fields.ppid, "4");
-    EXPECT_EQ(fields.perm, "r");
-    EXPECT_EQ(fields.path, "/opt");
-
-    FileSystemRule quirk;
-    EXPECT_EQ(ParseFs("/etc -F key=abc", quirk), 0);
-    EXPECT_EQ(quirk.key, "e");  // the second character of the whole parameter, as stored by the agent
-    FileSystemRule twice;
-    EXPECT_EQ(ParseFs("/etc -F pid=1 -F pid=2", twice), 0) << "no repeat check for watches";
-    EXPECT_EQ(twice.pid, "2");
-}
-
-TEST(FileSystemRuleParse, ResultCodes)
-{
-    FileSystemRule rule;
-    EXPECT_EQ(ParseFs("etc -p wa", rule), 2);
-    EXPECT_EQ(ParseFs("/ -p wa", rule), 2);
-    EXPECT_EQ(ParseFs("", rule), 2);
-    EXPECT_EQ(ParseFs("exit,never", rule), 1);
-    EXPECT_EQ(ParseFs("/etc -F novalue", rule), 2);
-    EXPECT_EQ(ParseFs("/etc -p wa -Z", rule), 0);
-    EXPECT_EQ(ParseFs("/etc -Z -p wa", rule), 2);
-    FileSystemRule viaField;
-    EXPECT_EQ(ParseFs("exit,always -F path=/srv", viaField), 0);  // a path from a field counts
-    EXPECT_EQ(viaField.path, "/srv");
+    const std::tuple<const char*, int, const char*> cases[] = {
+        {"/etc/ -p wa -k k2", 0, "path=/etc perm=wa pid= ppid= key=k2"},
+        {"/var/log -F pid=3 -F ppid=4 -F perm=r -F path=/opt/ -F arch=b64", 0, "path=/opt perm=r pid=3 ppid=4 key="},
+        {"/etc -F key=abc", 0, "path=/etc perm= pid= ppid= key=e"},  // the second character of the whole parameter
+        {"/etc -F pid=1 -F pid=2", 0, "path=/etc perm= pid=2 ppid= key="},  // no repeat check for watches
+        {"/etc -F ppid=1 -F ppid=2", 0, "path=/etc perm= pid= ppid=2 key="},
+        {"exit,always -F path=/srv", 0, "path=/srv perm= pid= ppid= key="},  // a path from a field counts
+        {"/etc -p wa -Z", 0, "path=/etc perm=wa pid= ppid= key="},
+        {"/etc -Z -p wa", 2, ""},
+        {"etc -p wa", 2, ""},
+        {"/ -p wa", 2, ""},
+        {"", 2, ""},
+        {"/etc -F novalue", 2, ""},
+        {"exit,never", 1, ""},
+    };
+    for (const auto& [text, code, parsed] : cases) {
+        const WatchSub sub(nullptr, "t", text);
+        EXPECT_EQ(sub.parsed, code) << text;
+        if (code == 0) {
+            EXPECT_EQ(Describe(sub.rule), parsed) << text;
+        }
+    }
 }
 
 TEST(SyscallTables, HoldTheKernelNumberingWithinTheirBounds)
@@ -149,14 +126,12 @@ TEST(SyscallTables, HoldTheKernelNumberingWithinTheirBounds)
     const std::map<int32_t, std::string> byNumber64 = syscallNumberToName64.Snapshot();
     const std::map<int32_t, std::string> byNumber32 = syscallNumberToName32.Snapshot();
     EXPECT_EQ(byNumber64.begin()->second, "read");
-    EXPECT_EQ(byNumber64.rbegin()->first, 323);
-    EXPECT_EQ(byNumber64.rbegin()->second, "userfaultfd");
+    EXPECT_EQ(*byNumber64.rbegin(), (std::pair<const int32_t, std::string>{323, "userfaultfd"}));
     for (const int32_t gap : {317, 318, 321, 322}) {
         EXPECT_EQ(byNumber64.count(gap), 0U) << gap;
     }
     EXPECT_EQ(byNumber32.begin()->second, "restart_syscall");
-    EXPECT_EQ(byNumber32.rbegin()->first, 374);
-    EXPECT_EQ(byNumber32.at(374), "userfaultfd");
+    EXPECT_EQ(*byNumber32.rbegin(), (std::pair<const int32_t, std::string>{374, "userfaultfd"}));
     for (const char* legacy : {"oldstat", "umount", "oldfstat", "ftime", "oldolduname", "oldlstat", "olduname",
                                "llseek", "newselect", "ugetrlimit", "ftruncate64", "fstat64", "fchown32", "fstatfs64"}) {
         EXPECT_EQ(syscallNameToNumber32.count(legacy), 1U) << legacy;
@@ -174,10 +149,8 @@ TEST(SyscallTables, HoldTheKernelNumberingWithinTheirBounds)
     }
     EXPECT_EQ(syscallNameToNumber64["kexec_file_load"], 320);
     EXPECT_EQ(syscallNameToNumber64["sysctl"], 156);  // "_sysctl" loses its underscore
-}
 
-TEST(SyscallTables, UnknownNamesAreAddedWithNumberZero)
-{
+    // Unknown names are added with number zero.
     EXPECT_EQ(LinuxAuditUtil::auditGetSyscallNumber("nosuchcall", "b64"), 0);
     EXPECT_EQ(syscallNameToNumber64.count("nosuchcall"), 1U);
     EXPECT_EQ(LinuxAuditUtil::auditGetSyscallNumber("chmod", "b32"), 15);
@@ -196,16 +169,13 @@ TEST(RuleParse, SurvivesRandomRuleTexts)
     int results[3] = {0, 0, 0};
     for (int round = 0; round < 20000; ++round) {
         std::string text;
-        const int count = static_cast<int>(next() % 8);
-        for (int i = 0; i < count; ++i) {
+        for (int i = static_cast<int>(next() % 8); i > 0; --i) {
             text += tokens[next() % std::size(tokens)];
             text += next() % 5 == 0 ? "  " : " ";
         }
         try {
-            SyscallRule syscall;
-            FileSystemRule fs;
-            const int a = ParseSyscall(text, syscall);
-            const int b = ParseFs(text, fs);
+            const int a = SyscallSub(nullptr, "t", text).parsed;
+            const int b = WatchSub(nullptr, "t", text).parsed;
             ASSERT_TRUE(a >= 0 && a <= 2 && b >= 0 && b <= 2) << text;
             ++results[a];
         } catch (const std::invalid_argument&) {

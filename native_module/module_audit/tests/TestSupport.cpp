@@ -2,17 +2,16 @@
 
 #include "AuditLog.h"
 #include "AuditLogging.h"
-
-#include "sdk/DirUtils.h"
+#include "AuditTask.h"
+#include "AuditUtil.h"
 
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <stdexcept>
 
 namespace TestSupport {
 
@@ -39,12 +38,8 @@ std::vector<std::string> CapturingChannel::Texts()
 
 bool CapturingChannel::Has(const std::string& text)
 {
-    for (const std::string& logged : Texts()) {
-        if (logged == text) {
-            return true;
-        }
-    }
-    return false;
+    const std::vector<std::string> texts = Texts();
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
 
 void CapturingChannel::Clear()
@@ -65,29 +60,6 @@ LogCapture::~LogCapture()
     Poco::Logger* logger = Engine::Audit::GetLoggerPtr();
     logger->setChannel(nullptr);
     logger->setLevel(Poco::Message::PRIO_FATAL);
-}
-
-TempDir::TempDir()
-{
-    char pattern[] = "/tmp/hw_test_XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir()
-{
-    std::system(("rm -rf '" + path_ + "'").c_str());
-}
-
-std::string TempDir::Write(const std::string& relative, const std::string& content, unsigned mode) const
-{
-    const std::string file = path_ + "/" + relative;
-    SDK::DirUtils::CreateDirs(file.substr(0, file.rfind('/')));
-    std::ofstream(file, std::ios::trunc) << content;
-    chmod(file.c_str(), mode);
-    return file;
 }
 
 FakeInstallation::FakeInstallation(int exitCode, const std::string& printed)
@@ -111,18 +83,14 @@ FakeInstallation::~FakeInstallation()
 
 std::string FakeInstallation::Calls() const
 {
-    std::ifstream in(dir.path() + "/calls");
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return ReadFile(dir.path() + "/calls");
 }
 
 std::vector<std::string> FakeInstallation::Commands() const
 {
-    std::vector<std::string> commands;
-    std::ifstream in(dir.path() + "/calls");
-    std::string line;
-    std::getline(in, line);  // the library path
-    while (std::getline(in, line)) {
-        commands.push_back(line);
+    std::vector<std::string> commands = ReadLines(dir.path() + "/calls");
+    if (!commands.empty()) {
+        commands.erase(commands.begin());  // the library path
     }
     return commands;
 }
@@ -135,22 +103,27 @@ int StatusReplies::GetReply(int, audit_reply& reply)
     return 1;
 }
 
-FakeAuditSystem::FakeAuditSystem()
+NamedProcess::NamedProcess(const TempDir& dir, const std::string& name)
 {
-    const std::string exe = dir.path() + "/auditd";
-    std::system(("cp /bin/sleep " + exe).c_str());
+    const std::string exe = dir.path() + "/" + name;
+    std::filesystem::copy_file("/bin/sleep", exe);
+    std::filesystem::permissions(exe, std::filesystem::perms::owner_all);
     char* argv[] = {const_cast<char*>(exe.c_str()), const_cast<char*>("600"), nullptr};
-    posix_spawn(&auditd_, exe.c_str(), nullptr, nullptr, argv, nullptr);
-    replies.status.enabled = 1;
-    replies.status.pid = static_cast<__u32>(auditd_);
-    logFile = dir.Write("audit.log", "type=DAEMON_START msg=audit(1.000:1): op=start ver=3.0.9 format=raw res=success\n");
-    conf = dir.Write("auditd.conf", "log_file = " + logFile + "\nlog_format = RAW\n");
+    posix_spawn(&pid, exe.c_str(), nullptr, nullptr, argv, nullptr);
 }
 
-FakeAuditSystem::~FakeAuditSystem()
+NamedProcess::~NamedProcess()
 {
-    kill(auditd_, SIGKILL);
-    waitpid(auditd_, nullptr, 0);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+FakeAuditSystem::FakeAuditSystem()
+{
+    replies.status.enabled = 1;
+    replies.status.pid = static_cast<__u32>(auditd.pid);
+    logFile = dir.Write("audit.log", "type=DAEMON_START msg=audit(1.000:1): op=start ver=3.0.9 format=raw res=success\n");
+    conf = dir.Write("auditd.conf", "log_file = " + logFile + "\nlog_format = RAW\n");
 }
 
 Subscriber::Subscriber(const std::string& name, size_t capacity)
@@ -161,6 +134,9 @@ Subscriber::Subscriber(const std::string& name, size_t capacity)
 int Subscriber::Receive(const Engine::AuditEventMessage& msg)
 {
     received.emplace_back(msg.tag, msg.event);
+    if (msg.result.event != -1) {
+        notifications.push_back(msg.result);
+    }
     return 0;
 }
 
@@ -169,6 +145,26 @@ const std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>>& 
     while (BulkConsumeMsg(1024) > 0) {
     }
     return received;
+}
+
+SyscallSub::SyscallSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate)
+    : msg(sender)
+{
+    msg.tag = tag;
+    msg.operate = operate;
+    msg.rule = text;
+    Engine::StripKeyInCmd(text, stripped);
+    parsed = Engine::LinuxAuditUtil::auditDistractSyscallRule(msg, rule);
+}
+
+WatchSub::WatchSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate)
+{
+    msg.sender = sender;
+    msg.tag = tag;
+    msg.operate = operate;
+    msg.rule = text;
+    Engine::StripKeyInCmd(text, stripped);
+    parsed = Engine::LinuxAuditUtil::auditDistractFilesystemRule(msg, rule);
 }
 
 std::shared_ptr<Engine::AuditEvent> DecodeEvent(const std::vector<std::string>& lines, int* result)
@@ -185,21 +181,6 @@ std::shared_ptr<Engine::AuditEvent> DecodeEvent(const std::vector<std::string>& 
         *result = rc;
     }
     return event;
-}
-
-std::vector<std::string> ReadLines(const std::string& path)
-{
-    std::ifstream in(path);
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-std::string FixturesDir()
-{
-    return std::string(HW_SOURCE_DIR) + "/tests/fixtures/";
 }
 
 std::vector<std::string> EventLines(const std::string& capture, unsigned long serial)

@@ -5,11 +5,13 @@
 #include <Poco/Message.h>
 
 #include "AuditMessages.h"
+#include "AuditRule.h"
 #include "GetAuditConfAndStatus.h"
+
+#include "TestCommon.h"
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -44,19 +46,6 @@ private:
     Poco::AutoPtr<CapturingChannel> channel_;
 };
 
-/// A scratch directory removed with everything in it at the end of the scope.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    const std::string& path() const { return path_; }
-    /// Writes a file (creating parent directories) and returns its path.
-    std::string Write(const std::string& relative, const std::string& content, unsigned mode = 0644) const;
-
-private:
-    std::string path_;
-};
-
 /// An installation directory (HOSTWARDEN_HOME, for the life of the object) whose bin/auditctl
 /// records every call: its LD_LIBRARY_PATH once, then each call's arguments as [a][b]... lines.
 class FakeInstallation {
@@ -82,19 +71,24 @@ public:
     int asked = 0;  ///< status replies given
 };
 
+/// A running process whose executable has the given name (a copy of sleep), killed at the end.
+class NamedProcess {
+public:
+    NamedProcess(const TempDir& dir, const std::string& name);
+    ~NamedProcess();
+    pid_t pid = -1;
+};
+
 /// A usable audit system without the kernel: a process whose executable is called auditd, a
 /// status that names it with audit enabled, and an auditd configuration whose log is a file here.
 class FakeAuditSystem {
 public:
     FakeAuditSystem();
-    ~FakeAuditSystem();
     TempDir dir;
+    NamedProcess auditd{dir, "auditd"};
     StatusReplies replies;
     std::string logFile;  ///< holds one line at the start
     std::string conf;     ///< the configuration naming logFile
-
-private:
-    pid_t auditd_ = -1;
 };
 
 /// A subscriber task that keeps every AuditEventMessage it receives (call Drain to dispatch).
@@ -105,6 +99,7 @@ public:
     /// Dispatches everything queued; returns the messages received so far.
     const std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>>& Drain();
     std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>> received;  ///< (tag, event)
+    std::vector<Engine::AuditEventResult> notifications;  ///< the file notifications among them
 };
 
 /// A plain task, for senders and owners.
@@ -113,30 +108,28 @@ public:
     explicit NamedTask(const std::string& name) : Framework::Task(name, "test", Framework::TaskCondition::kLoop, 64) {}
 };
 
-/// A small deterministic generator (xorshift64) for mutation tests.
-class Random {
-public:
-    explicit Random(uint64_t seed) : state_(seed) {}
-    uint64_t operator()()
-    {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 7;
-        state_ ^= state_ << 17;
-        return state_;
-    }
+/// A system-call subscription as a subscriber sends it, parsed as the audit task parses it.
+struct SyscallSub {
+    SyscallSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate = "-a");
+    Engine::AuditSyscallCtrlMessage msg;
+    Engine::SyscallRule rule;
+    std::string stripped;  ///< the text without its key, as the rule registry takes it
+    int parsed;            ///< the parser's result code
+};
 
-private:
-    uint64_t state_;
+/// A watch subscription as a subscriber sends it, parsed as the audit task parses it.
+struct WatchSub {
+    WatchSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate = "-w");
+    Engine::AuditFileSystemCtrlMessage msg{nullptr, "", {}, _FileNotifyOpt{}};
+    Engine::FileSystemRule rule;
+    std::string stripped;
+    int parsed;
 };
 
 /// Decodes the lines of one event as record assembly would, delivering nowhere; result gets
 /// ParseAndDeliverLogs' code.
 std::shared_ptr<Engine::AuditEvent> DecodeEvent(const std::vector<std::string>& lines, int* result = nullptr);
 
-/// The lines of a file, without newlines.
-std::vector<std::string> ReadLines(const std::string& path);
-/// The project's capture fixtures directory, ending in "/".
-std::string FixturesDir();
 /// The lines of the capture whose stamp has this serial, in file order.
 std::vector<std::string> EventLines(const std::string& capture, unsigned long serial);
 

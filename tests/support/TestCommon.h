@@ -1,0 +1,141 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace TestSupport {
+
+/// A scratch directory removed with everything in it at the end of the scope.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return path_; }
+    /// Writes a file (creating parent directories) and returns its path.
+    std::string Write(const std::string& relative, const std::string& content, unsigned mode = 0644) const;
+
+private:
+    std::string path_;
+};
+
+/// The lines of a file, without newlines.
+std::vector<std::string> ReadLines(const std::string& path);
+/// The whole content of a file ("" when it cannot be read).
+std::string ReadFile(const std::string& path);
+/// The project's capture fixtures directory, ending in "/".
+std::string FixturesDir();
+/// Compares text with a golden file (a path inside the source tree). With HW_UPDATE_GOLDEN=1 in
+/// the environment the file is rewritten instead; review the difference before committing it.
+void ExpectGolden(const std::string& relative, const std::string& text);
+/// Checks condition every 20 ms until it holds or the deadline passes; returns its last value.
+bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
+
+/// A small deterministic generator (xorshift64) for randomised tests.
+class Random {
+public:
+    explicit Random(uint64_t seed) : state_(seed) {}
+    uint64_t operator()()
+    {
+        state_ ^= state_ << 13;
+        state_ ^= state_ >> 7;
+        state_ ^= state_ << 17;
+        return state_;
+    }
+
+private:
+    uint64_t state_;
+};
+
+/// Real lines changed at random, as a fuzzer would: bytes replaced by the characters audit
+/// parsing treats specially or by any byte, lines cut short, characters inserted. One line each.
+std::string MutatedLines(const std::vector<std::string>& lines, Random& next);
+
+/// Items handed over by other threads, and a wait for one that matches.
+template <typename T>
+class Inbox {
+public:
+    void Push(T item)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        items_.push_back(std::move(item));
+        changed_.notify_all();
+    }
+    /// Waits (at most seconds) until an item matches; true with it copied to found.
+    bool WaitFor(const std::function<bool(const T&)>& match, T* found = nullptr, int seconds = 20)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] {
+            for (const T& item : items_) {
+                if (match(item)) {
+                    if (found != nullptr) {
+                        *found = item;
+                    }
+                    return true;
+                }
+            }
+            return false;
+        });
+    }
+    /// Waits for an item that matches, then returns and forgets everything before it (and it).
+    std::vector<T> TakeUntil(const std::function<bool(const T&)>& match, int seconds = 20)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        std::vector<T> taken;
+        changed_.wait_for(lock, std::chrono::seconds(seconds), [&] {
+            for (size_t i = 0; i < items_.size(); ++i) {
+                if (match(items_[i])) {
+                    taken.assign(items_.begin(), items_.begin() + static_cast<long>(i));
+                    items_.erase(items_.begin(), items_.begin() + static_cast<long>(i) + 1);
+                    return true;
+                }
+            }
+            return false;
+        });
+        return taken;
+    }
+    std::vector<T> Snapshot()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return items_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<T> items_;
+};
+
+/// A program started by a test, with its standard output and error captured.
+class Program {
+public:
+    /// Starts args[0] with args, and assignments (NAME=value) added to the environment.
+    explicit Program(const std::vector<std::string>& args, const std::vector<std::string>& assignments = {});
+    ~Program();  ///< kills it if it still runs
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    /// Reads output until text appears in standard output (out) or error (!out), within seconds.
+    bool WaitFor(const std::string& text, bool out, int seconds = 20);
+    /// Sends a signal.
+    void Signal(int signal);
+    /// Waits (at most seconds) for the exit and reads what is left; the exit status, 128 + the
+    /// signal that ended it, or -1 when it still runs.
+    int Wait(int seconds = 30);
+    int Pid() const { return pid_; }
+    std::string out;  ///< standard output read so far
+    std::string err;  ///< standard error read so far
+
+private:
+    void Read(int timeoutMs);
+    int pid_ = -1;
+    int outFd_ = -1;
+    int errFd_ = -1;
+};
+
+}  // namespace TestSupport
