@@ -1,108 +1,37 @@
+// The main job as a program: its configuration refused before anything loads, and a clean run
+// that reopens its output on SIGHUP and stops on SIGTERM or SIGINT.
+#include "TestCommon.h"
+
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
-#include <sys/stat.h>
-#include <cstdlib>
+#include <filesystem>
 #include <string>
-
-extern char** environ;
 
 namespace {
 
-// A running hostwarden whose standard error we read.
-class Agent {
-public:
-    explicit Agent(const std::string& home)
-    {
-        int fds[2];
-        EXPECT_EQ(pipe(fds), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, fds[1], STDERR_FILENO);
-        posix_spawn_file_actions_addclose(&actions, fds[0]);
-        setenv("HOSTWARDEN_HOME", home.c_str(), 1);
-        char* argv[] = {const_cast<char*>(HW_HOSTWARDEN), const_cast<char*>("run"), nullptr};
-        EXPECT_EQ(posix_spawn(&pid_, HW_HOSTWARDEN, &actions, nullptr, argv, environ), 0);
-        unsetenv("HOSTWARDEN_HOME");
-        posix_spawn_file_actions_destroy(&actions);
-        close(fds[1]);
-        fd_ = fds[0];
-    }
-    ~Agent()
-    {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        close(fd_);
-    }
-    // Reads standard error until text appears or the deadline passes.
-    bool WaitForText(const std::string& text, int seconds = 30)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        while (output.find(text) == std::string::npos) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-            pollfd pfd{fd_, POLLIN, 0};
-            if (left.count() <= 0 || poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
-                return false;
-            }
-            char buffer[4096];
-            const ssize_t got = read(fd_, buffer, sizeof(buffer));
-            if (got <= 0) {
-                return output.find(text) != std::string::npos;
-            }
-            output.append(buffer, static_cast<size_t>(got));
-        }
-        return true;
-    }
-    // Sends signal (0: none, the agent ends by itself), and waits for the exit status.
-    int Stop(int signal)
-    {
-        if (signal != 0) {
-            kill(pid_, signal);
-        }
-        WaitForText("\x04never", 30);  // drain until the pipe closes
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    pid_t Pid() const { return pid_; }
-    std::string output;
-
-private:
-    pid_t pid_ = -1;
-    int fd_ = -1;
-};
-
-
+// A running hostwarden; stop status and standard error at the end.
+std::unique_ptr<TestSupport::Program> Agent(const std::string& home)
+{
+    return std::make_unique<TestSupport::Program>(std::vector<std::string>{HW_HOSTWARDEN, "run"},
+                                                  std::vector<std::string>{"HOSTWARDEN_HOME=" + home});
+}
 
 // An installation of the built agent: both modules, an auditctl that only records its calls (so
 // no test here changes the kernel's rules), and a configuration.
-class Installation {
-public:
+struct Installation {
     explicit Installation(const std::string& config)
     {
-        char dirTemplate[] = "/tmp/hw_agent_XXXXXX";
-        home = mkdtemp(dirTemplate);
-        const std::string script = home + "/bin/auditctl";
-        EXPECT_EQ(std::system(("mkdir -p " + home + "/bin " + home + "/etc " + home + "/lib/modules && ln -s " HW_AUDIT_MODULE
-                               " " HW_EXPORT_MODULE " " + home + "/lib/modules/").c_str()),
-                  0);
-        std::ofstream(script) << "#!/bin/sh\necho \"$@\" >> \"$(dirname \"$0\")/../auditctl.calls\"\n";
-        chmod(script.c_str(), 0755);
-        std::ofstream(home + "/etc/hostwarden.json") << config;
+        dir.Write("bin/auditctl", "#!/bin/sh\necho \"$@\" >> \"$(dirname \"$0\")/../auditctl.calls\"\n", 0755);
+        dir.Write("etc/hostwarden.json", config);
+        std::filesystem::create_directories(home + "/lib/modules");
+        std::filesystem::create_symlink(HW_AUDIT_MODULE, home + "/lib/modules/libaudit_module.so");
+        std::filesystem::create_symlink(HW_EXPORT_MODULE, home + "/lib/modules/libexport_module.so");
     }
-    ~Installation() { std::system(("rm -rf " + home).c_str()); }
-    std::string home;
+    TestSupport::TempDir dir;
+    const std::string home = dir.path();
 };
 
 }  // namespace
@@ -110,13 +39,13 @@ public:
 TEST(AgentRun, ABadConfigurationIsNamedAndNothingIsLoaded)
 {
     Installation install(R"({"subscriptions": [{"tag": "x", "syscall": "exit,always -S open -F dir=/tmp"}]})");
-    Agent agent(install.home);
-    EXPECT_EQ(agent.Stop(0), 78) << agent.output;
-    EXPECT_NE(agent.output.find("hostwarden: bad configuration " + install.home + "/etc/hostwarden.json: "
-                                "subscriptions[0].syscall: field 'dir' is not one the module filters on"),
+    auto agent = Agent(install.home);
+    EXPECT_EQ(agent->Wait(), 78) << agent->err;
+    EXPECT_NE(agent->err.find("hostwarden: bad configuration " + install.home + "/etc/hostwarden.json: "
+                              "subscriptions[0].syscall: field 'dir' is not one the module filters on"),
               std::string::npos)
-        << agent.output;
-    EXPECT_EQ(agent.output.find("Loaded module"), std::string::npos);
+        << agent->err;
+    EXPECT_EQ(agent->err.find("Loaded module"), std::string::npos);
 }
 
 class AgentRunSignals : public testing::TestWithParam<int> {};
@@ -126,20 +55,21 @@ class AgentRunSignals : public testing::TestWithParam<int> {};
 TEST_P(AgentRunSignals, LoadsTheInstalledModulesAndStopsCleanlyOnSignal)
 {
     Installation install(R"({"output": {"file": "events.jsonl"}})");
-    Agent agent(install.home);
-    ASSERT_TRUE(agent.WaitForText("Every subscription is installed in the kernel.")) << agent.output;
-    EXPECT_NE(agent.output.find("Agent started with 2 module(s)"), std::string::npos);
-    EXPECT_NE(agent.output.find("Loaded module audit_module."), std::string::npos);
-    EXPECT_NE(agent.output.find("Loaded module export_module."), std::string::npos);
+    auto agent = Agent(install.home);
+    ASSERT_TRUE(agent->WaitFor("Every subscription is installed in the kernel.", false)) << agent->err;
+    for (const char* text : {"Agent started with 2 module(s)", "Loaded module audit_module.", "Loaded module export_module."}) {
+        EXPECT_NE(agent->err.find(text), std::string::npos) << text;
+    }
     // logrotate's way: move the file away, then SIGHUP; the agent opens the path anew.
     const std::string events = install.home + "/events.jsonl";
     ASSERT_EQ(std::rename(events.c_str(), (events + ".1").c_str()), 0);
-    kill(agent.Pid(), SIGHUP);
-    ASSERT_TRUE(agent.WaitForText("Reopened the event output.")) << agent.output;
+    agent->Signal(SIGHUP);
+    ASSERT_TRUE(agent->WaitFor("Reopened the event output.", false)) << agent->err;
     EXPECT_EQ(access(events.c_str(), F_OK), 0);
-    EXPECT_EQ(agent.Stop(GetParam()), 0) << agent.output;
-    EXPECT_NE(agent.output.find("Unloaded module export_module."), std::string::npos) << agent.output;
-    EXPECT_NE(agent.output.find("Agent stopped."), std::string::npos) << agent.output;
+    agent->Signal(GetParam());
+    EXPECT_EQ(agent->Wait(), 0) << agent->err;
+    EXPECT_NE(agent->err.find("Unloaded module export_module."), std::string::npos) << agent->err;
+    EXPECT_NE(agent->err.find("Agent stopped."), std::string::npos) << agent->err;
 }
 
 INSTANTIATE_TEST_SUITE_P(Signals, AgentRunSignals, testing::Values(SIGTERM, SIGINT),

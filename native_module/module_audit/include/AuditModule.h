@@ -2,6 +2,8 @@
 
 #include "framework/Module.h"
 
+#include <functional>
+
 namespace Engine {
 
 class AuditTask;
@@ -11,7 +13,14 @@ class FileWatchAuditTask;
 /// framework runs them.
 class AuditModule : public Framework::Module {
 public:
-    AuditModule();
+    /// Makes the module's tasks; each gives null when it cannot allocate one.
+    struct TaskFactory {
+        std::function<AuditTask*()> audit;
+        std::function<FileWatchAuditTask*()> fileWatch;
+    };
+    /// A module whose tasks come from factory (by default: new, without throwing).
+    explicit AuditModule(TaskFactory factory = DefaultFactory());
+    static TaskFactory DefaultFactory();
     /// Destroys the audit task, then the file-watch task.
     ~AuditModule() override;
 
@@ -21,6 +30,7 @@ public:
     void UnInit() override;
 
 private:
+    TaskFactory factory_;
     AuditTask* auditTask_ = nullptr;
     FileWatchAuditTask* fileWatchTask_ = nullptr;
 };

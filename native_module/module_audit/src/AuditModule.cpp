@@ -9,7 +9,12 @@
 
 namespace Engine {
 
-AuditModule::AuditModule() : Framework::Module(kAuditModuleName) {}
+AuditModule::AuditModule(TaskFactory factory) : Framework::Module(kAuditModuleName), factory_(std::move(factory)) {}
+
+AuditModule::TaskFactory AuditModule::DefaultFactory()
+{
+    return {[] { return new (std::nothrow) AuditTask(); }, [] { return new (std::nothrow) FileWatchAuditTask(); }};
+}
 
 AuditModule::~AuditModule()
 {
@@ -22,13 +27,13 @@ AuditModule::~AuditModule()
 int AuditModule::Init()
 {
     AUDIT_LOG_INFO("Init audit module.");
-    auditTask_ = new (std::nothrow) AuditTask();
+    auditTask_ = factory_.audit();
     if (auditTask_ == nullptr) {
         AUDIT_LOG_ERROR("New task(%s) failed.", kAuditTaskName);
         return -1;
     }
     RegisterTask(auditTask_, false);
-    fileWatchTask_ = new (std::nothrow) FileWatchAuditTask();
+    fileWatchTask_ = factory_.fileWatch();
     if (fileWatchTask_ == nullptr) {
         AUDIT_LOG_ERROR("New task(%s) failed.", kFileWatchTaskName);
         UnRegisterTask(kAuditTaskName);

@@ -1,4 +1,6 @@
 #include "TestMessages.h"
+#include "TasksModule.h"
+#include "TestCommon.h"
 
 #include "framework/Engine.h"
 #include "framework/Module.h"
@@ -11,12 +13,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <stdexcept>
 #include <cstdio>
-#include <fstream>
-#include <mutex>
 #include <unistd.h>
 
 namespace {
@@ -27,30 +25,18 @@ public:
     ClientTask() : Framework::Task("client_task", "test_feature", Framework::TaskCondition::kLoop, 64) {}
     int OnPing(const PingMessage& msg) override
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        answers.push_back(msg.seq);
-        changed.notify_all();
+        answers.Push(msg.seq);
         return 0;
     }
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<int> answers;
+    TestSupport::Inbox<int> answers;
 };
 
-class ClientModule : public Framework::Module {
-public:
-    explicit ClientModule(ClientTask* task) : Framework::Module("client_module"), task_(task) {}
-    int Init() override { return RegisterTask(task_, true); }
-
-private:
-    ClientTask* task_;
-};
-
-std::string ReadAll(const std::string& path)
+std::unique_ptr<Framework::Module> Tasks(std::vector<Framework::Task*> tasks, const std::string& name = "client_module")
 {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    return std::make_unique<TestSupport::TasksModule>(std::move(tasks), true, name);
 }
+
+using TestSupport::ReadFile;
 
 }  // namespace
 
@@ -63,7 +49,7 @@ TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
         EXPECT_EQ(Framework::Engine::Current(), &engine);
         ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
         auto* client = new ClientTask;
-        ASSERT_EQ(engine.AddModule(std::make_unique<ClientModule>(client)), 0);
+        ASSERT_EQ(engine.AddModule(Tasks({client})), 0);
         ASSERT_EQ(engine.StartTasks(), 0);
         EXPECT_EQ(engine.ModuleNames(), (std::vector<std::string>{"echo_module", "client_module"}));
 
@@ -74,17 +60,14 @@ TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
         for (int i = 0; i < 3; ++i) {
             ASSERT_TRUE(client->SendDirectMsg("echo_task", new PingMessage("client_task", i)));
         }
-        {
-            std::unique_lock<std::mutex> lock(client->mutex);
-            ASSERT_TRUE(client->changed.wait_for(lock, std::chrono::seconds(20), [&] { return client->answers.size() == 3; }));
-            EXPECT_EQ(client->answers, (std::vector<int>{1000, 1001, 1002}));
-        }
+        ASSERT_TRUE(client->answers.WaitFor([](int seq) { return seq == 1002; }));
+        EXPECT_EQ(client->answers.Snapshot(), (std::vector<int>{1000, 1001, 1002}));
         engine.StopAll();
         EXPECT_EQ(engine.FindTask("echo_task"), nullptr);
         EXPECT_TRUE(engine.ModuleNames().empty());
     }
     EXPECT_EQ(Framework::Engine::Current(), nullptr);
-    EXPECT_EQ(ReadAll(log), "init task\nuninit task\nuninit module\ndestroy task\ndestroy module\n");
+    EXPECT_EQ(ReadFile(log), "init task\nuninit task\nuninit module\ndestroy task\ndestroy module\n");
     std::remove(log.c_str());
     unsetenv("HW_TEST_MODULE_LOG");
 }
@@ -93,7 +76,7 @@ namespace {
 
 bool Mapped(const std::string& library)
 {
-    return ReadAll("/proc/self/maps").find(library) != std::string::npos;
+    return ReadFile("/proc/self/maps").find(library) != std::string::npos;
 }
 
 }  // namespace
@@ -123,7 +106,7 @@ TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
     {
         Framework::Engine engine;
         auto* client = new ClientTask;
-        ASSERT_EQ(engine.AddModule(std::make_unique<ClientModule>(client)), 0);
+        ASSERT_EQ(engine.AddModule(Tasks({client})), 0);
         setenv("HW_TEST_MODULE_UNINIT_PING", "client_task", 1);
         ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
         ASSERT_EQ(engine.StartTasks(), 0);
@@ -132,7 +115,7 @@ TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
     }
     unsetenv("HW_TEST_MODULE_LOG");
     EXPECT_FALSE(Mapped(HW_TEST_MODULE));
-    EXPECT_NE(ReadAll(log).find("destroy module"), std::string::npos) << "the module was destroyed, not leaked";
+    EXPECT_NE(ReadFile(log).find("destroy module"), std::string::npos) << "the module was destroyed, not leaked";
     std::remove(log.c_str());
 }
 
@@ -151,35 +134,13 @@ public:
     }
 };
 
-class TwoTasks : public Framework::Module {
-public:
-    TwoTasks(Framework::Task* a, Framework::Task* b) : Framework::Module("two_tasks"), a_(a), b_(b) {}
-    int Init() override { return RegisterTask(a_, true) == 0 && RegisterTask(b_, true) == 0 ? 0 : -1; }
-
-private:
-    Framework::Task* a_;
-    Framework::Task* b_;
-};
-
 }  // namespace
 
-// Keeps the engine's log lines and wakes a waiter on each.
+// Keeps the engine's log lines.
 class EngineLog : public Poco::Channel {
 public:
-    void log(const Poco::Message& msg) override
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        text += msg.getText() + "\n";
-        changed.notify_all();
-    }
-    bool WaitFor(const std::string& wanted)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(20), [&] { return text.find(wanted) != std::string::npos; });
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::string text;
+    void log(const Poco::Message& msg) override { lines.Push(msg.getText()); }
+    TestSupport::Inbox<std::string> lines;
 };
 
 TEST(Engine, AnExceptionStopsItsTaskButNotTheAgent)
@@ -192,17 +153,15 @@ TEST(Engine, AnExceptionStopsItsTaskButNotTheAgent)
     ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
     auto* throwing = new ThrowingTask;
     auto* client = new ClientTask;
-    ASSERT_EQ(engine.AddModule(std::make_unique<TwoTasks>(throwing, client)), 0);
+    ASSERT_EQ(engine.AddModule(Tasks({throwing, client}, "two_tasks")), 0);
     ASSERT_EQ(engine.StartTasks(), 0);
     ASSERT_TRUE(client->SendDirectMsg("throwing_task", new PingMessage("client_task", -1)));
-    EXPECT_TRUE(log->WaitFor("Task throwing_task stopped by an exception: bad ping")) << log->text;
+    EXPECT_TRUE(log->lines.WaitFor([](const std::string& line) { return line == "Task throwing_task stopped by an exception: bad ping"; }));
     EXPECT_EQ(throwing->GetState(), Framework::kTaskStop);
     EXPECT_EQ(engine.FindTask("throwing_task"), nullptr) << "its name route is withdrawn";
     // The rest of the agent goes on.
     ASSERT_TRUE(client->SendDirectMsg("echo_task", new PingMessage("client_task", 7)));
-    std::unique_lock<std::mutex> lock(client->mutex);
-    EXPECT_TRUE(client->changed.wait_for(lock, std::chrono::seconds(20), [&] { return !client->answers.empty(); }));
-    lock.unlock();
+    EXPECT_TRUE(client->answers.WaitFor([](int seq) { return seq == 1007; }));
     engine.StopAll();
     framework.setChannel(previous);
 }
