@@ -139,7 +139,8 @@ std::map<unsigned long, std::map<std::string, std::string>> InterpretWithLibaupa
 // command, working directory, system call and socket address.
 TEST(Decode, AgreesWithLibauparseInterpretationOnRealCaptures)
 {
-    for (const char* capture : {"kernel-6.18-raw.log", "kernel-6.18-enriched.log", "kernel-6.18-raw-own.log"}) {
+    size_t sockets = 0;
+    for (const char* capture : {"kernel-6.18-raw.log", "kernel-6.18-enriched.log", "kernel-6.18-raw-own.log", "kernel-6.18-filewatch.log"}) {
         const auto oracle = InterpretWithLibauparse(TestSupport::FixturesDir() + capture);
         TestSupport::NamedTask owner("owner_task");
         TestSupport::Subscriber subscriber;
@@ -155,7 +156,6 @@ TEST(Decode, AgreesWithLibauparseInterpretationOnRealCaptures)
             subscriber.Drain();
         }
         log.HandleNoEofScenarios();
-        size_t sockets = 0;
         for (const auto& [tag, event] : subscriber.Drain()) {
             auto expected = oracle.at(event->parsedEvent.header[1]);
             std::string name;
@@ -177,6 +177,6 @@ TEST(Decode, AgreesWithLibauparseInterpretationOnRealCaptures)
             }
         }
         EXPECT_GT(subscriber.received.size(), 10U) << capture;
-        EXPECT_GT(sockets, 0U) << capture;
     }
+    EXPECT_GT(sockets, 5U);
 }

@@ -138,39 +138,6 @@ TEST(FileWatchPaths, CoverageFollowsTheRecursiveFlagAndWholeNames)
     }
 }
 
-TEST(FileWatchIndex, RecordsATreeOnceAndErasesDirectoriesWithEverythingBelow)
-{
-    TestSupport::TempDir dir;
-    const std::string root = dir.path();
-    dir.Write("d/f", "x");
-    dir.Write("d/sub/g", "x");
-    dir.Write("d2/h", "x");
-    ASSERT_EQ(link((root + "/d/f").c_str(), (root + "/d/f2").c_str()), 0);
-    ASSERT_EQ(symlink((root + "/d").c_str(), (root + "/link").c_str()), 0);
-
-    FileAuditWatch watch;
-    ASSERT_TRUE(watch.InitFileWatchLock());
-    watch.RecordInodeInfo(root);
-    EXPECT_EQ(watch.Index().size(), 9U);
-    EXPECT_TRUE(watch.IsDirFile(root + "/d/sub"));
-    EXPECT_FALSE(watch.IsDirFile(root + "/link")) << "links are recorded, not followed";
-    EXPECT_FALSE(watch.IsDirFile(root + "/unknown"));
-    struct stat st {};
-    ASSERT_EQ(stat((root + "/d/f").c_str(), &st), 0);
-    EXPECT_EQ(watch.GetFilePathByInode(st.st_ino, st.st_dev), root + "/d/f") << "the first hard link in path order";
-    EXPECT_EQ(watch.GetFilePathByInode(st.st_ino, st.st_dev + 1), "");
-
-    dir.Write("d2/new", "x");
-    watch.RecordInodeInfo(root);
-    EXPECT_EQ(watch.Index().size(), 9U) << "a directory known with the same inode is not scanned again";
-    watch.EraseInodeInfo(root + "/d");
-    EXPECT_EQ(watch.Index().size(), 4U);
-    EXPECT_NE(watch.Index().Find(root + "/d2/h"), nullptr) << "d2 only shares the prefix";
-    watch.EraseInodeInfo(root + "/d2/h");
-    EXPECT_EQ(watch.Index().size(), 3U);
-    EXPECT_NE(watch.Index().Find(root + "/d2"), nullptr);
-}
-
 // The index holds what the rules say it holds, and the second index names exactly what the scan
 // in path order names, whatever happened.
 TEST(FileWatchIndex, ChangesKeepToTheRulesAndTheInodeLookupAgreesWithTheScan)
@@ -204,186 +171,6 @@ TEST(FileWatchIndex, ChangesKeepToTheRulesAndTheInodeLookupAgreesWithTheScan)
             ASSERT_EQ(index.PathOf(inode / 2, inode % 2), index.PathOfByScan(inode / 2, inode % 2)) << "round " << round;
         }
     }
-}
-
-namespace {
-
-// Replays a real capture, moved into a scratch directory, through the file-watch engine. The
-// directories entries are created in are made for real, and their inode numbers in the capture are
-// replaced by the real ones, so the paths resolve and recording them keeps the index consistent;
-// every other captured inode number is moved above any real one. The index starts out knowing
-// every entry the capture names, with its captured inode, as it would had it recorded them, so
-// lookups by inode find them.
-class Replay {
-public:
-    Replay(const std::string& capture, const std::string& capturedRoot, const std::vector<std::string>& dirs)
-    {
-        std::string text = TestSupport::ReadFile(TestSupport::FixturesDir() + capture);
-        std::string moved;
-        const std::regex inodeNumber("inode=([0-9]+)");
-        std::sregex_iterator it(text.begin(), text.end(), inodeNumber);
-        size_t copied = 0;
-        for (; it != std::sregex_iterator(); ++it) {
-            moved += text.substr(copied, static_cast<size_t>(it->position()) - copied) + "inode=" +
-                     std::to_string(std::stoull((*it)[1]) + (1ULL << 40));
-            copied = static_cast<size_t>(it->position() + it->length());
-        }
-        text = moved + text.substr(copied);
-        std::vector<std::pair<std::string, std::string>> moves{{capturedRoot, dir_.path()}};
-        for (const std::string& d : dirs) {
-            std::filesystem::create_directories(dir_.path() + "/" + d);
-            struct stat st {};
-            EXPECT_EQ(stat((dir_.path() + "/" + d).c_str(), &st), 0);
-            std::smatch found;
-            if (std::regex_search(text, found, std::regex("name=\"" + capturedRoot + "/" + d + "/?\" (inode=[0-9]+ dev=[0-9a-f:]+)"))) {
-                char real[64];
-                std::snprintf(real, sizeof(real), "inode=%lu dev=%02x:%02x", static_cast<unsigned long>(st.st_ino),
-                              major(st.st_dev), minor(st.st_dev));
-                moves.emplace_back(found[1], real);
-            }
-        }
-        for (const auto& [from, to] : moves) {
-            for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
-                text.replace(at, from.size(), to);
-            }
-        }
-        std::map<std::string, std::vector<std::string>> byEvent;
-        for (std::istringstream lines(text); std::getline(lines, text);) {
-            const size_t stamp = text.find("msg=audit(");
-            const size_t colon = text.find(':', stamp);
-            const std::string serial = text.substr(colon + 1, text.find(')', stamp) - colon - 1);
-            if (byEvent.count(serial) == 0) {
-                order_.push_back(serial);
-            }
-            byEvent[serial].push_back(text);
-        }
-        EXPECT_TRUE(watch.InitFileWatchLock());
-        watch.SetTask(&owner);
-        for (const std::string& serial : order_) {
-            events_.push_back(TestSupport::DecodeEvent(byEvent[serial]));
-            for (const AuditLogPath& path : events_.back()->paths) {
-                if (!path.inode.empty() && path.nametype != "PARENT") {
-                    const bool isDir = (std::stoul(path.mode, nullptr, 8) & S_IFMT) == S_IFDIR;
-                    watch.Index().Set(getFilepath(events_.back()->cwd, path.name),
-                                      InodeInfo{std::stoul(path.inode), isDir, FileAuditWatch::GetDevFromStr(path.dev)});
-                }
-            }
-        }
-    }
-
-    /// Subscribes sink to a directory of the scratch tree.
-    void Subscribe(Subscriber& sink, const std::string& relative, uint32_t mask, bool recursive)
-    {
-        watch.AddFileNotifyRule(Rule(dir_.path() + "/" + relative, recursive, mask, &sink));
-    }
-
-    /// Every event in log order, and the notifications each sink received, one line each.
-    Notes Run(const std::vector<Subscriber*>& sinks)
-    {
-        Notes out;
-        for (const std::shared_ptr<AuditEvent>& event : events_) {
-            AuditEventMessage msg;
-            msg.event = event;
-            watch.CheckMessageInfo(msg);
-            for (Subscriber* sink : sinks) {
-                sink->Drain();
-                results.insert(results.end(), sink->notifications.begin(), sink->notifications.end());
-                const Notes notes = Take(*sink, dir_.path(), true);
-                out.insert(out.end(), notes.begin(), notes.end());
-            }
-        }
-        return out;
-    }
-
-    const std::string& Root() const { return dir_.path(); }
-    NamedTask owner{"filewatch_audit_task"};
-    FileAuditWatch watch;
-    std::vector<AuditEventResult> results;  ///< every notification of Run, in order
-
-private:
-    TestSupport::TempDir dir_;
-    std::vector<std::string> order_;
-    std::vector<std::shared_ptr<AuditEvent>> events_;
-};
-
-}  // namespace
-
-// The capture of the file actions listed in tests/fixtures/kernel-6.18-raw.steps.txt.
-TEST(FileWatchEvents, RealFileActionsGiveTheirNotifications)
-{
-    Replay replay("kernel-6.18-raw.log", "/tmp/fx", {"watched/sub", "watched/dir1", "other", "outside"});
-    Subscriber all("all");
-    Subscriber created("created");
-    replay.Subscribe(all, "watched", kAllKinds, true);
-    replay.Subscribe(all, "other", kAllKinds, false);
-    // Not recursive, yet it hears of deeper paths once some rule lets them through.
-    replay.Subscribe(created, "watched", kNotifyCreate, false);
-    const Notes expected = {
-        "all 256 W/watched/new1", "created 256 W/watched/new1",         // touch new file
-        "all 2 W/watched/existing",                                      // append from bash
-        "all 4 W/watched/existing",                                      // touch of an existing file
-        "all 256 W/watched/rel1", "created 256 W/watched/rel1",         // relative create
-        "all 256 W/watched/viaopen", "created 256 W/watched/viaopen",   // open(O_CREAT)
-        "all 2 W/watched/existing",                                      // open for writing
-        "all 4 W/watched/new1",                                          // chmod to a new mode (not the same one)
-        "all 4 W/watched/new1",                                          // chown 1000:1000 (not -1 -1)
-        "all 256 W/watched/dir1 dir", "created 256 W/watched/dir1 dir", // mkdir
-        "all 256 W/watched/dir1/inner", "created 256 W/watched/dir1/inner",
-        "all 192 W/watched/new1 -> W/watched/new1.renamed",              // rename within a directory
-        "all 64 W/watched/rel1 -> W/other/rel1.moved", "all 128 W/other/rel1.moved",  // across watches
-        "all 64 W/watched/viaopen -> W/outside/viaopen",                 // out of view
-        "all 128 W/watched/incoming",                                    // into view
-        "all 192 W/watched/incoming -> W/watched/incoming2",             // renameat
-        "all 192 W/watched/incoming2 -> W/watched/incoming3",            // mv (renameat2)
-        "all 256 W/watched/hardlink", "created 256 W/watched/hardlink",
-        "all 256 W/watched/symlink", "created 256 W/watched/symlink",
-        "all 512 W/watched/existing",  // unlink of the hard link: the first path of its inode
-        "all 512 W/watched/symlink",
-        // A name the kernel wrote in hex stays hex.
-        "all 256 W/watched/2F746D702F66782F776174636865642F77697468207370616365",
-        "created 256 W/watched/2F746D702F66782F776174636865642F77697468207370616365",
-        "all 512 W/watched/dir1/inner", "all 512 W/watched/dir1 dir",    // rm -r
-        "all 2 W/watched/sub/deep",
-        "all 256 W/watched/i386file", "created 256 W/watched/i386file",
-        "all 4 W/watched/i386file",  // chmod through int 0x80 (i386 numbering)
-    };
-    TestSupport::LogCapture capture(Poco::Message::PRIO_DEBUG);
-    EXPECT_EQ(replay.Run({&all, &created}), expected);
-    for (const std::string& text : Notes{"old attr is 33152, new attr is 33188",  // chmod 600 of a 0644 file: the new mode first
-                                         "new dir  " + replay.Root() + "/watched/dir1", "new file " + replay.Root() + "/watched/new1",
-                                         "type=fchmodat", "a1=56498ea95c20", "a2=180", "type=chown", "a3=7ff9798e55e8", "type=openat"}) {
-        EXPECT_TRUE(capture.channel().Has(text)) << text;
-    }
-    const AuditEventResult& chmod = replay.results[9];
-    EXPECT_EQ(chmod.path, replay.Root() + "/watched/new1");
-    EXPECT_EQ(chmod.extra.at("access") + " " + chmod.extra.at("oaccess"), std::to_string(0100600) + " " + std::to_string(0100644));
-    EXPECT_EQ(chmod.extra.at("syscall"), "268") << "the SYSCALL record travels along";
-    const AuditEventResult& chown = replay.results[10];
-    EXPECT_EQ(chown.extra.at("ouid") + " " + chown.extra.at("cuid") + " " + chown.extra.at("cgid"), "0 1000 1000");
-}
-
-// tests/fixtures/capture.sh's filewatch scenario: ln, ln -s, mkdir, mv of a directory, rmdir,
-// open and creat with O_CREAT, a failed unlink, chmod, and a chown of the group alone.
-TEST(FileWatchEvents, TheNewerCallsOfTodaysToolsGoToTheHandlersTheyGeneralise)
-{
-    Replay replay("kernel-6.18-filewatch.log", "/tmp/hwcap.yDCuKw", {"watched"});
-    Subscriber sink("sink");
-    replay.Subscribe(sink, "watched", kAllKinds, false);
-    const Notes expected = {
-        "sink 256 W/watched/hard",                        // linkat
-        "sink 256 W/watched/soft",                        // symlinkat
-        "sink 256 W/watched/d dir",                       // mkdir
-        "sink 192 W/watched/d -> W/watched/d2 dir",       // renameat2
-        "sink 512 W/watched/d2 dir",                      // rmdir
-        "sink 256 W/watched/viacreat",                    // openat(O_CREAT)
-        "sink 256 W/watched/creat2",                      // creat
-        "sink 4 W/watched/existing",                      // chmod 640
-        "sink 4 W/watched/existing",                      // chown 0:1
-    };
-    EXPECT_EQ(replay.Run({&sink}), expected);
-    const AuditEventResult& chown = replay.results.back();
-    EXPECT_EQ(chown.extra.count("cuid"), 0U) << "the owner stayed";
-    EXPECT_EQ(chown.extra.at("ogid") + " " + chown.extra.at("cgid"), "0 1");
 }
 
 namespace {
@@ -433,7 +220,10 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
     ASSERT_TRUE(watch.InitFileWatchLock());
     Subscriber sink("sink");
     watch.AddFileNotifyRule(Rule(w, true, kAllKinds, &sink));
-    watch.Index().Set(w + "/a", InodeInfo{100, false, 0xfe00});  // the index knows the file as a
+    Subscriber flat("flat");  // not recursive, yet it hears of deeper paths once some rule lets them through
+    watch.AddFileNotifyRule(Rule(w, false, kNotifyCreate, &flat));
+    watch.Index().Set(w + "/a", InodeInfo{100, false, 0xfe00});  // the index knows the file as a, and c
+    watch.Index().Set(w + "/c", InodeInfo{100, false, 0xfe00});
     watch.Index().Set(w + "/d", InodeInfo{200, true, 0xfe00});
     const std::string b = Record(w + "/b", "100", "NORMAL");  // its second name
     const std::string parent = Record(w, "1", "PARENT", "040755");
@@ -445,6 +235,8 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
         {Synthetic(257, "a1=0 a2=0 a3=0", "cat", {b}), {}},                  // openat read-only
         {Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, b, b}), {}},      // O_CREAT with three items
         {Synthetic(90, "a1=1ed a2=0 a3=0", "chmod", {b}), {"4 W/a"}},       // chmod: named by inode
+        {Synthetic(90, "a1=1a4 a2=0 a3=0", "chmod", {b}), {}},               // to the mode it has
+        {Synthetic(94, "a1=ffffffff a2=ffffffff a3=0", "chown", {b}), {}},   // chown -1 -1
         {Synthetic(94, "a1=3e8 a2=ffffffff a3=0", "chown", {b}), {"4 W/a"}},  // lchown of the owner
         {Synthetic(260, "a1=0 a2=3e8 a3=3e8", "chown", {parent, b}), {}},     // fchownat with two items
         {Synthetic(258, "a1=0 a2=1ff a3=0", "mkdir", {parent, Record(w + "/n", "7", "CREATE", "040755")}), {"256 W/n"}},
@@ -457,10 +249,35 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
         {Synthetic(280, "a1=0 a2=0 a3=0", "touch", {b}), {}},                        // utimensat: not a call of the table
         {Synthetic(15, "a1=1ed a2=0 a3=0", "chmod", {b}, "40000003"), {"4 W/a"}},   // chmod numbered for i386
         {Synthetic(15, "a1=1ed a2=0 a3=0", "chmod", {b}), {}},                       // the same number on x86_64
+        {Synthetic(87, "a1=0 a2=0 a3=0", "rm", {parent, Record(w + "/c", "100", "DELETE")}), {"512 W/a"}},  // the first path of the inode
+        {Synthetic(82, "a1=0 a2=0 a3=0", "mv", {parent, Record("/tmp", "5", "PARENT", "041777"), Record(w + "/c", "100", "DELETE"),
+                                                 Record("/tmp/z", "100", "CREATE")}),
+         {"64 W/c -> /tmp/z"}},  // out of view, with the new path
     };
+    TestSupport::LogCapture capture(Poco::Message::PRIO_DEBUG);
     for (size_t i = 0; i < std::size(cases); ++i) {
         EXPECT_EQ(Notify(watch, sink, cases[i].first, w), cases[i].second) << "case " << i << ": " << cases[i].first->lines[0];
     }
+    EXPECT_EQ(Take(flat, w), (Notes{"256 W/n", "256 W/s"}));
+    for (const char* text : {"old attr is 33261, new attr is 33188", "type=chmod", "a1=1ed"}) {  // the new mode first
+        EXPECT_TRUE(capture.channel().Has(text)) << text;
+    }
+    EXPECT_TRUE(capture.channel().Has("new dir  " + w + "/n"));
+
+    // What a change of mode or owner says besides.
+    AuditEventMessage msg;
+    watch.Index().Set(w + "/a", InodeInfo{100, false, 0xfe00});
+    msg.event = Synthetic(268, "a1=0 a2=180 a3=0", "chmod", {b});
+    watch.CheckMessageInfo(msg);
+    msg.event = Synthetic(92, "a1=ffffffff a2=1 a3=0", "chown", {b});
+    watch.CheckMessageInfo(msg);
+    sink.Drain();
+    ASSERT_EQ(sink.notifications.size(), 2U);
+    const auto& chmod = sink.notifications[0].extra;
+    EXPECT_EQ(chmod.at("access") + " " + chmod.at("oaccess") + " " + chmod.at("syscall"), std::to_string(0100600) + " " + std::to_string(0100644) + " 268");
+    const auto& chown = sink.notifications[1].extra;
+    EXPECT_EQ(chown.count("cuid"), 0U) << "the owner stayed";
+    EXPECT_EQ(chown.at("ogid") + " " + chown.at("cgid"), "0 1");
 }
 
 // The index follows what the notifications say happened, on a real tree.

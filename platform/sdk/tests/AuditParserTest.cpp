@@ -66,7 +66,7 @@ Events WithLibauparse(const std::string& path)
 // Stamps, record types, and every field's raw value (quotes and hex kept) agree record by record.
 TEST(AuditParser, AgreesWithLibauparseOnRealRawAndEnrichedCaptures)
 {
-    for (const char* capture : {"kernel-6.18-raw.log", "kernel-6.18-raw-own.log", "kernel-6.18-enriched.log"}) {
+    for (const char* capture : {"kernel-6.18-raw.log", "kernel-6.18-raw-own.log", "kernel-6.18-enriched.log", "kernel-6.18-filewatch.log"}) {
         const Events ours = WithOurParser(FixturesDir() + capture);
         const Events oracle = WithLibauparse(FixturesDir() + capture);
         EXPECT_EQ(ours, oracle) << capture;

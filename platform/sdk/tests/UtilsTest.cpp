@@ -58,37 +58,6 @@ TEST(PathUtils, InstallationPathComesFromTheEnvironmentOrTheProgramAndEndsInSlas
     EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");
 }
 
-TEST(FileUtils, QueriesReportFilesDirectoriesSizesAndProcesses)
-{
-    char dirTemplate[] = "/tmp/hw_utils_XXXXXX";
-    const std::string dir = mkdtemp(dirTemplate);
-    const std::string file = dir + "/f";
-    std::ofstream(file) << "12345";
-    long size = -1;
-    EXPECT_EQ(SDK::FileUtils::GetFileSize(file, size), 0);
-    EXPECT_EQ(size, 5);
-    EXPECT_EQ(SDK::FileUtils::GetFileSize(dir + "/missing", size), -1);
-    EXPECT_TRUE(SDK::FileUtils::IsFile(file));
-    EXPECT_FALSE(SDK::FileUtils::IsFile(dir));
-    EXPECT_TRUE(SDK::DirUtils::IsDir(dir));
-    EXPECT_FALSE(SDK::DirUtils::IsDir(file));
-    EXPECT_EQ(SDK::DirUtils::CreateDirs(dir + "/x/y/z"), 0);
-    EXPECT_TRUE(SDK::DirUtils::IsDir(dir + "/x/y/z"));
-    std::vector<std::string> names;
-    EXPECT_EQ(SDK::DirUtils::ListEntries(dir, names), 0);
-    std::sort(names.begin(), names.end());
-    EXPECT_EQ(names, (std::vector<std::string>{"f", "x"}));
-    std::string content;
-    EXPECT_EQ(SDK::FileUtils::ReadFile(file, content, 3), 0);
-    EXPECT_EQ(content, "123");
-
-    std::string exe;
-    ASSERT_EQ(SDK::ProcessUtils::GetProcessExePath(static_cast<unsigned>(getpid()), exe), 0);
-    EXPECT_NE(exe.find("sdk_tests"), std::string::npos);
-    EXPECT_EQ(SDK::ProcessUtils::GetProcessExePath(0x7ffffff0U, exe), -1);
-    std::system(("rm -rf " + dir).c_str());
-}
-
 // The agent configures logging at start and again from its configuration file.
 TEST(LoggerUtils, ReconfiguringKeepsEveryChannelAliveAndMakesTheLogDirectory)
 {
