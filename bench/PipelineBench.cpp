@@ -8,7 +8,11 @@
 #include "AuditMessages.h"
 #include "AuditUtil.h"
 
+#include "sdk/InnerCpuCtrlUtils.h"
+
+#include <chrono>
 #include <climits>
+#include <ctime>
 #include <cstdlib>
 
 #include <Poco/AutoPtr.h>
@@ -152,8 +156,50 @@ void BM_RealpathOfPathRecords(benchmark::State& state)
     state.counters["paths_per_pass"] = static_cast<double>(paths.size());
 }
 
+double ThreadCpuSeconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+// The processor share the limiter holds the line path to, at the module's own check points: the
+// whole path runs over and over for 10 s on this thread, under a share of range(0) percent as
+// the agent configures it (10 ms windows).
+void BM_LinePathUnderShare(benchmark::State& state)
+{
+    const double share = static_cast<double>(state.range(0)) / 100.0;
+    Framework::Task owner("audit_task", "bench", Framework::TaskCondition::kLoop, 1);
+    CountingTask subscriber;
+    Engine::AuditLog log(&owner, nullptr);
+    for (int32_t number = 0; number < 1024; ++number) {
+        Engine::auditSyscallDest dest;
+        dest.task = &subscriber;
+        log.syscallRoutes64.emplace(number, dest);
+    }
+    Engine::Audit::GetLoggerPtr()->setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));
+    double measured = 0;
+    for (auto _ : state) {
+        SDK::InnerCpuCtrlUtils::Configure(share, 10);
+        const double cpu0 = ThreadCpuSeconds();
+        const auto start = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - start < std::chrono::seconds(10)) {
+            for (const std::string& line : Lines()) {
+                log.HandleOneLineLog(line);
+            }
+            subscriber.BulkConsumeMsg(1 << 20);
+        }
+        measured = (ThreadCpuSeconds() - cpu0) / std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        SDK::InnerCpuCtrlUtils::Disable();
+    }
+    state.counters["share"] = share;
+    state.counters["measured"] = measured;
+    state.counters["off_by_pct"] = 100.0 * (measured - share) / share;
+}
+
 }  // namespace
 
+BENCHMARK(BM_LinePathUnderShare)->Arg(5)->Arg(10)->Arg(25)->Arg(50)->Iterations(1)->Unit(benchmark::kSecond);
 BENCHMARK(BM_ModuleWholePath)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RealpathOfPathRecords)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_LibauparseStreaming)->Unit(benchmark::kMillisecond);

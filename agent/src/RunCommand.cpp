@@ -27,8 +27,9 @@ namespace Agent {
 
 namespace {
 
-// How often a thread under the processor-share limit is measured, in milliseconds.
-constexpr uint64_t kCpuCheckTicks = 100;
+// How often a thread under the processor-share limit is measured, in milliseconds. Short windows
+// keep each pause short: at a share of 0.05 a 10 ms window owes 190 ms, well within one pause.
+constexpr uint64_t kCpuCheckTicks = 10;
 
 // The problem with one rule text, or empty.
 std::string RuleProblem(const std::string& text)

@@ -7,6 +7,7 @@
 #include "ReadAuditLog.h"
 
 #include "framework/Task.h"
+#include "sdk/FileChangeNotifier.h"
 
 #include <Poco/Mutex.h>
 
@@ -59,14 +60,18 @@ public:
     const std::set<std::string>& Subscribers() const { return subscribers_; }
     const ReadAuditLog& Reader() const { return reader_; }
     /// One turn of Run after its wait: nothing while audit is unusable or no task subscribes;
-    /// otherwise PollOnce.
+    /// otherwise PollOnce. Then makes growth of the log end the next wait while the log is read.
     void Turn(uint64_t now, uint64_t& lastScan);
+    /// How long the next wait may last: 100 ms, or none while the reader has unread lines.
+    int NextWaitMs() const;
     /// Polls the log, and rescans waited-for paths when lastScan is 300 ms or more behind now.
     void PollOnce(uint64_t now, uint64_t& lastScan);
 
 private:
     template <typename Message, typename Rule>
     int HandleRule(const Message& msg);
+    // Adds or removes the log's changes as a wake source: there while the log is read.
+    void FollowLogChanges(bool reading);
 
     AuditRules rules_;
     bool enabledKnown_ = false;
@@ -76,6 +81,8 @@ private:
     std::string logPath_;
     ReadAuditLog reader_;
     bool readerStarted_ = false;
+    SDK::FileChangeNotifier logChanges_;  // started with the reader
+    bool logWakes_ = false;               // logChanges_ ends the waiter's waits
     AuditLog auditLog_;
     std::set<std::string> subscribers_;
 };

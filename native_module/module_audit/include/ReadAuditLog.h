@@ -20,6 +20,9 @@ public:
     void ReadOnceLog(AuditLog& auditLog);
     /// Forgets everything: no path, position -1, no head.
     void Clear();
+    /// True when the last poll stopped at its line bound, or just after a rotation: lines are
+    /// waiting, so the next poll should come at once.
+    bool HasUnread() const { return unread_; }
 
     /// Reads lines from position in path, handing each to auditLog (at most maxLines + 1).
     void ReadLog(std::string path, int maxLines, AuditLog& auditLog);
@@ -40,10 +43,12 @@ public:
     bool headRead = false;      ///< logHead belongs to the current file
     std::string logPath;        ///< the followed log
     int32_t sizeErrorCount = 0; ///< failed size queries since the last report (one in 1,000)
+    uint64_t rotationLosses = 0; ///< rotations whose remainder was longer than a poll reads
 
 private:
     // Counts a failed size query; reports one in a thousand.
     void CountSizeError();
+    bool unread_ = false;
 };
 
 }  // namespace Engine

@@ -7,6 +7,7 @@
 #include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
 
+#include <cerrno>
 #include <type_traits>
 
 namespace Engine {
@@ -98,17 +99,36 @@ void AuditTask::PollOnce(uint64_t now, uint64_t& lastScan)
 
 void AuditTask::Turn(uint64_t now, uint64_t& lastScan)
 {
-    if (!AuditEnabled() || subscribers_.empty()) {
-        return;  // without subscribers the log is not read
+    const bool reading = AuditEnabled() && !subscribers_.empty();
+    if (reading) {
+        PollOnce(now, lastScan);
+    }  // without subscribers the log is not read
+    FollowLogChanges(reading);
+}
+
+int AuditTask::NextWaitMs() const
+{
+    return logWakes_ && reader_.HasUnread() ? 0 : kWaitMs;
+}
+
+void AuditTask::FollowLogChanges(bool reading)
+{
+    if (reading == logWakes_ || logChanges_.Fd() < 0) {
+        return;
     }
-    PollOnce(now, lastScan);
+    if (reading) {
+        logWakes_ = GetEventWaiter().AddWakeSource(logChanges_.Fd(), [this] { logChanges_.Drain(); });
+    } else {
+        GetEventWaiter().RemoveWakeSource(logChanges_.Fd());
+        logWakes_ = false;
+    }
 }
 
 int AuditTask::Run()
 {
     uint64_t lastScan = 0;
     while (GetState() != Framework::kTaskStop) {
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) == -1) {
+        if (GetEventWaiter().WaitAndHandleEvent(NextWaitMs(), kMessagesPerTurn) == -1) {
             BulkConsumeMsg(kMessagesPerTurn);
         }
         Turn(SDK::TimeUtils::GetCurrentTimestampMS(), lastScan);
@@ -156,6 +176,10 @@ int AuditTask::HandleRule(const Message& msg)
         if (!readerStarted_) {
             reader_.SetAuditLogPath(logPath_);  // follow the log from the first accepted add on
             readerStarted_ = true;
+            if (!logChanges_.Start(logPath_)) {
+                AUDIT_LOG_WARN("Follow changes of audit log(%s) failed, errno(%d); it is read every %d ms.", logPath_,
+                               errno, kWaitMs);
+            }
         }
     } else {
         try {
@@ -211,6 +235,8 @@ void AuditTask::UnInit()
     logPath_.clear();
     reader_.Clear();
     subscribers_.clear();
+    FollowLogChanges(false);
+    logChanges_.Stop();
     Framework::Task::UnInit();
 }
 

@@ -86,6 +86,7 @@ void ReadAuditLog::CountSizeError()
 
 void ReadAuditLog::ReadOnceLog(AuditLog& auditLog)
 {
+    unread_ = false;
     if (position < 0) {
         HandleInvalidPositionScenarios();
         return;
@@ -120,7 +121,8 @@ void ReadAuditLog::ReadLog(std::string path, int maxLines, AuditLog& auditLog)
             break;
         }
         if (maxLines < count) {
-            break;  // this line is read again by the next call
+            unread_ = true;  // this line is read again by the next call
+            break;
         }
         // After a last line without newline the stream is at end of file and reports -1: the
         // next poll then resynchronises at the end of the file.
@@ -197,9 +199,15 @@ void ReadAuditLog::HandleRotatedLog(long size, AuditLog& auditLog)
     if (oldHead == logHead) {
         // The predecessor is the file we were reading: finish it, then the new one from its start.
         ReadLog(predecessor, kPredecessorLines, auditLog);
+        if (unread_) {
+            ++rotationLosses;
+            AUDIT_LOG_WARN("Audit log(%s) rotated with more than %d lines unread; the rest of it is lost.", logPath,
+                           kPredecessorLines + 1);
+        }
         headRead = false;
         GetLogHead();
         position = 0;
+        unread_ = true;  // the new file is read at the next poll
         return;
     }
     AUDIT_LOG_ERROR("Get audit log(%s) head failed.", predecessor);

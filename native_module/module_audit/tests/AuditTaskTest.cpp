@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <future>
+#include <thread>
 
 using namespace Engine;
 using TestSupport::StatusReplies;
@@ -103,6 +105,47 @@ TEST_F(AuditTaskTest, InitClearsEarlierRulesProbesOnceAndFollowsTheLogFromTheFir
     EXPECT_EQ(replies_.asked, 2);
     EXPECT_EQ(task_->Receive(Syscall(&sub, "net", "exit,always -S connect")), 0);
     EXPECT_TRUE(task_->Reader().logPath.empty());
+}
+
+// While the log is read, its growth ends the task's wait (which would otherwise last its turn),
+// and unread lines leave no wait at all; without subscribers it waits its full turn.
+TEST_F(AuditTaskTest, LogGrowthEndsTheWaitAndUnreadLinesSkipIt)
+{
+    ASSERT_EQ(task_->Init(), 0);
+    uint64_t lastScan = 0;
+    Subscriber sub("net_task");
+    task_->Receive(Syscall(&sub, "net", "exit,always -S getpgid"));
+    task_->Turn(1000, lastScan);
+    EXPECT_EQ(task_->NextWaitMs(), 100);
+    const auto waitEndsEarly = [&] {
+        auto wait = std::async(std::launch::async, [&] { return task_->GetEventWaiter().WaitAndHandleEvent(60000, 128); });
+        return wait.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    };
+    std::thread writer([&] { AppendLog("type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=121 items=0 pid=1 ppid=1\n"); });
+    EXPECT_TRUE(waitEndsEarly()) << "a wait of a minute did not end when the log grew";
+    writer.join();
+    task_->Turn(1001, lastScan);
+    task_->Turn(1002, lastScan);  // an idle poll ends the event
+    EXPECT_EQ(sub.Drain().size(), 1U);
+
+    std::string many;
+    for (int i = 2; i < 600; ++i) {
+        many += "type=SYSCALL msg=audit(1.000:" + std::to_string(i) + "): arch=c000003e syscall=121 items=0 pid=1 ppid=1\n";
+    }
+    AppendLog(many);
+    task_->Turn(1003, lastScan);
+    EXPECT_EQ(task_->NextWaitMs(), 0) << "201 of 598 lines read: the next turn comes at once";
+    for (int turn = 0; turn < 3; ++turn) {
+        task_->Turn(1004, lastScan);
+    }
+    EXPECT_EQ(task_->NextWaitMs(), 100);
+    EXPECT_EQ(task_->Receive(AuditUnsubscribeMessage(&sub)), 0);
+    task_->Turn(1005, lastScan);
+    AppendLog(many);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(task_->GetEventWaiter().WaitAndHandleEvent(150, 128), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150)) << "without subscribers the log wakes nothing";
+    EXPECT_EQ(task_->NextWaitMs(), 100);
 }
 
 TEST_F(AuditTaskTest, DisabledAuditRefusesRulesAndStoresNothing)

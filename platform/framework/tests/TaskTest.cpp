@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -130,7 +132,7 @@ TEST(Task, StopsAndJoinsUnderLoadKeepingPerSenderOrderAndLosingNoMemory)
                 }
             });
         }
-        ASSERT_TRUE(task.WaitFor(100));
+        ASSERT_TRUE(task.WaitFor(64));  // at least what fits in the queue arrives
         task.Stop();
         runner.join();
         for (std::thread& t : senders) {
@@ -145,14 +147,35 @@ TEST(Task, StopsAndJoinsUnderLoadKeepingPerSenderOrderAndLosingNoMemory)
     EXPECT_EQ(alive.load(), 0) << "queued messages are destroyed with their task";
 }
 
-TEST(EventWaiter, ReturnsAtOnceForWaitingMessagesAndForAStop)
+TEST(EventWaiter, ReturnsAtOnceForWaitingMessagesAReadableWakeSourceAndAStop)
 {
     RecordingTask task("waiter");
     Framework::EventWaiter& waiter = task.GetEventWaiter();
     EXPECT_EQ(waiter.WaitAndHandleEvent(1, 128), 0);  // nothing: time-out
-    task.PostMsg(new PingMessage("x", 1));
-    EXPECT_EQ(waiter.WaitAndHandleEvent(60000, 128), -1);  // would hang a minute if it waited
+    std::thread poster([&task] { task.PostMsg(new PingMessage("x", 1)); });
+    EXPECT_EQ(waiter.WaitAndHandleEvent(60000, 128), -1);  // would hang a minute if it missed the message
+    poster.join();
     task.BulkConsumeMsg(128);
+
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    std::string heard;
+    ASSERT_TRUE(waiter.AddWakeSource(fds[0], [&] {
+        char c = 0;
+        heard += read(fds[0], &c, 1) == 1 ? c : '?';
+    }));
+    EXPECT_FALSE(waiter.AddWakeSource(fds[0], [] {})) << "once";
+    std::thread writer([&] { EXPECT_EQ(write(fds[1], "w", 1), 1); });
+    EXPECT_EQ(waiter.WaitAndHandleEvent(60000, 128), 0);
+    writer.join();
+    EXPECT_EQ(heard, "w") << "the handler ran on the waiting thread before the wait returned";
+    waiter.RemoveWakeSource(fds[0]);
+    EXPECT_EQ(write(fds[1], "x", 1), 1);
+    EXPECT_EQ(waiter.WaitAndHandleEvent(1, 128), 0);
+    EXPECT_EQ(heard, "w") << "removed: no longer heard";
+    close(fds[0]);
+    close(fds[1]);
+
     std::thread stopper([&task] { task.Stop(); });
     EXPECT_EQ(waiter.WaitAndHandleEvent(60000, 128), 0);
     stopper.join();

@@ -11,7 +11,8 @@ namespace SDK {
 
 namespace {
 
-// Longest single pause, so a stop request is never held up for long.
+// Longest single pause, so a stop request is never held up for long. What a pause leaves unpaid
+// is carried into the thread's next window, not forgiven.
 constexpr uint64_t kMaxSleepNs = 500ULL * 1000 * 1000;
 
 std::atomic<uint64_t> g_shareMillionths{0};  // 0 = disabled
@@ -24,6 +25,8 @@ uint64_t ReadNs(clockid_t clock)
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
 }
 
+// The calling thread's window: its processor and wall clocks at the window's start. A wall start
+// set in the future carries a debt: wall time the thread still owes.
 struct ThreadBudget {
     bool started = false;
     uint64_t cpuNs = 0;
@@ -76,13 +79,12 @@ uint64_t InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const st
         return 0;
     }
     const uint64_t cpuUsed = cpuNow - budget.cpuNs;
-    const uint64_t wallUsed = wallNow - budget.wallNs;
+    // Negative while a carried debt is still larger than the time since the window began.
+    const int64_t wallUsed = static_cast<int64_t>(wallNow - budget.wallNs);
     // The wall time in which cpuUsed would have been exactly the share.
     const uint64_t wallNeeded = cpuUsed / millionths * 1000000ULL + cpuUsed % millionths * 1000000ULL / millionths;
-    uint64_t sleepNs = wallNeeded > wallUsed ? wallNeeded - wallUsed : 0;
-    if (sleepNs > kMaxSleepNs) {
-        sleepNs = kMaxSleepNs;
-    }
+    const uint64_t owed = static_cast<int64_t>(wallNeeded) > wallUsed ? static_cast<uint64_t>(static_cast<int64_t>(wallNeeded) - wallUsed) : 0;
+    const uint64_t sleepNs = owed > kMaxSleepNs ? kMaxSleepNs : owed;
     if (sleepNs > 0) {
         std::this_thread::sleep_for(std::chrono::nanoseconds(sleepNs));
         Poco::Logger& logger = Poco::Logger::get("cpu_ctrl");
@@ -96,7 +98,8 @@ uint64_t InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const st
             }
         }
     }
-    budget = ThreadBudget{true, ReadNs(CLOCK_THREAD_CPUTIME_ID), ReadNs(CLOCK_MONOTONIC)};
+    // The next window starts now, owing what this pause did not pay.
+    budget = ThreadBudget{true, ReadNs(CLOCK_THREAD_CPUTIME_ID), ReadNs(CLOCK_MONOTONIC) + (owed - sleepNs)};
     return sleepNs / 1000000;
 }
 
