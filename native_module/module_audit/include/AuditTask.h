@@ -83,6 +83,7 @@ private:
     bool readerStarted_ = false;
     SDK::FileChangeNotifier logChanges_;  // started with the reader
     bool logWakes_ = false;               // logChanges_ ends the waiter's waits
+    bool logChanged_ = false;             // the log changed during this turn's wait
     AuditLog auditLog_;
     std::set<std::string> subscribers_;
 };

@@ -16,13 +16,18 @@ public:
     /// Starts following path at its current end (lines already there are never read).
     void SetAuditLogPath(const std::string& path);
     /// One poll: reads up to 201 new lines into auditLog, or handles end of data, a shrink or a
-    /// rotation, or resynchronises.
-    void ReadOnceLog(AuditLog& auditLog);
+    /// rotation, or resynchronises. End of data completes the pending event only after a quiet
+    /// turn: a poll that a growing log woke early may come while auditd is still writing the
+    /// event's records.
+    void ReadOnceLog(AuditLog& auditLog, bool quietTurn = true);
     /// Forgets everything: no path, position -1, no head.
     void Clear();
     /// True when the last poll stopped at its line bound, or just after a rotation: lines are
     /// waiting, so the next poll should come at once.
     bool HasUnread() const { return unread_; }
+    /// True when the log is now shorter than the position and than a head: just replaced by a
+    /// rotation, before the new file holds its first line.
+    bool WaitsForNewHead() const;
 
     /// Reads lines from position in path, handing each to auditLog (at most maxLines + 1).
     void ReadLog(std::string path, int maxLines, AuditLog& auditLog);

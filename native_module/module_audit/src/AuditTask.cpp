@@ -85,9 +85,11 @@ int AuditTask::Init()
 void AuditTask::PollOnce(uint64_t now, uint64_t& lastScan)
 {
     // The timestamp is compared with the constant 9, not with an earlier one: the log is read on
-    // every turn.
-    if (now > 9) {
-        reader_.ReadOnceLog(auditLog_);
+    // every turn. A turn its growth woke early is no quiet one; and it does not read a log that
+    // auditd has just replaced before the new file holds its first line, so the rotation is seen
+    // as one and the rest of the old file is read.
+    if (now > 9 && !(logChanged_ && reader_.WaitsForNewHead())) {
+        reader_.ReadOnceLog(auditLog_, !logChanged_);
     }
     AUDIT_CPU_CHECK_AT(kAuditTaskName, 54);
     if (now >= lastScan + kScanIntervalMs) {
@@ -103,6 +105,7 @@ void AuditTask::Turn(uint64_t now, uint64_t& lastScan)
     if (reading) {
         PollOnce(now, lastScan);
     }  // without subscribers the log is not read
+    logChanged_ = false;
     FollowLogChanges(reading);
 }
 
@@ -117,7 +120,7 @@ void AuditTask::FollowLogChanges(bool reading)
         return;
     }
     if (reading) {
-        logWakes_ = GetEventWaiter().AddWakeSource(logChanges_.Fd(), [this] { logChanges_.Drain(); });
+        logWakes_ = GetEventWaiter().AddWakeSource(logChanges_.Fd(), [this] { logChanged_ = logChanges_.Drain() || logChanged_; });
     } else {
         GetEventWaiter().RemoveWakeSource(logChanges_.Fd());
         logWakes_ = false;

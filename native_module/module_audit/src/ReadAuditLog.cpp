@@ -64,6 +64,13 @@ void ReadAuditLog::SetAuditLogPath(const std::string& path)
     GetLogHead();
 }
 
+bool ReadAuditLog::WaitsForNewHead() const
+{
+    long size = 0;
+    return position >= 0 && SDK::FileUtils::GetFileSize(logPath, size) == 0 && size < position &&
+           size < static_cast<long>(kHeadSize);
+}
+
 void ReadAuditLog::Clear()
 {
     logPath.clear();
@@ -84,7 +91,7 @@ void ReadAuditLog::CountSizeError()
     }
 }
 
-void ReadAuditLog::ReadOnceLog(AuditLog& auditLog)
+void ReadAuditLog::ReadOnceLog(AuditLog& auditLog, bool quietTurn)
 {
     unread_ = false;
     if (position < 0) {
@@ -99,7 +106,9 @@ void ReadAuditLog::ReadOnceLog(AuditLog& auditLog)
     if (position < size) {
         ReadLog(logPath, kPollLines, auditLog);
     } else if (position == size) {
-        auditLog.HandleNoEofScenarios();
+        if (quietTurn) {
+            auditLog.HandleNoEofScenarios();
+        }
     } else {
         HandleRotatedScenarios(size, auditLog);
     }
@@ -124,8 +133,12 @@ void ReadAuditLog::ReadLog(std::string path, int maxLines, AuditLog& auditLog)
             unread_ = true;  // this line is read again by the next call
             break;
         }
-        // After a last line without newline the stream is at end of file and reports -1: the
-        // next poll then resynchronises at the end of the file.
+        if (in.eof()) {
+            // No newline yet: auditd's write of this line is still going on (a reader can see a
+            // write cut at a page boundary). It is read whole by a later poll; reading it now
+            // would lose it, and the stream gives no offset after it.
+            break;
+        }
         position = static_cast<int64_t>(in.tellg());
         AUDIT_LOG_DEBUG("Read audit log(%s).", line);
         auditLog.HandleOneLineLog(line);

@@ -19,6 +19,7 @@ namespace {
 const std::string kExportTaskName = "export_task";
 constexpr int kWaitMs = 100;
 constexpr int kMessagesPerTurn = 1024;
+constexpr size_t kKeptBuffer = 256 * 1024;
 
 Poco::Logger& Log()
 {
@@ -271,7 +272,12 @@ void ExportTask::Write()
             poco_error(Log(), "Cannot write the event output: " + e.displayText());
         }
     }
-    pending_.clear();
+    // A burst's turn leaves a large buffer behind; keep an ordinary turn's worth only.
+    if (pending_.capacity() > kKeptBuffer) {
+        std::string().swap(pending_);
+    } else {
+        pending_.clear();
+    }
 }
 
 }  // namespace Export

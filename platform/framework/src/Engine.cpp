@@ -10,21 +10,28 @@
 #include <Poco/Logger.h>
 #include <Poco/SharedLibrary.h>
 
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 namespace Framework {
 
 std::atomic<Engine*> Engine::current_{nullptr};
 
 namespace {
+
+// How often the waiting main thread hands freed memory back to the system.
+constexpr time_t kMemoryTrimSeconds = 5;
+
 Poco::Logger& Log()
 {
     return Poco::Logger::get("framework");
 }
+
 }  // namespace
 
 Engine::Engine()
@@ -279,9 +286,17 @@ void Engine::WaitForStop()
 {
     const sigset_t set = AgentSignals();
     for (;;) {
-        int signal = 0;
-        if (sigwait(&set, &signal) != 0) {
-            return;
+        // Every few seconds without a signal, freed memory goes back to the system: the tasks'
+        // threads each allocate from an arena of their own, and after a burst of events those
+        // would otherwise keep their peak size for good.
+        const timespec period{kMemoryTrimSeconds, 0};
+        const int signal = sigtimedwait(&set, nullptr, &period);
+        if (signal < 0) {
+            if (errno != EAGAIN && errno != EINTR) {
+                return;
+            }
+            malloc_trim(0);
+            continue;
         }
         if (signal != SIGHUP) {
             return;
