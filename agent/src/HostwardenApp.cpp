@@ -1,6 +1,7 @@
 #include "HostwardenApp.h"
 
 #include "AuditCommand.h"
+#include "ContainersCommand.h"
 #include "DecodeCommand.h"
 #include "ParseCommand.h"
 #include "RunCommand.h"
@@ -79,7 +80,7 @@ void HostwardenApp::ShowHelp() const
     help.setCommand(commandName());
     help.setWidth(100);
     help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE] | audit RULE... [--tag TAG] [--watch PATH]... |\n"
-                  "       watch PATH... [--recursive] [--events LIST] [--tag TAG]]");
+                  "       watch PATH... [--recursive] [--events LIST] [--tag TAG] | containers]");
     help.setHeader("hostwarden: host-security agent.\n"
                    "  run (default)   load the modules of the installation and run until SIGINT or SIGTERM\n"
                    "  parse [FILE]    print each audit event of FILE (or standard input) as one JSON line\n"
@@ -90,7 +91,9 @@ void HostwardenApp::ShowHelp() const
                    "                  interrupted; the rules are removed on exit\n"
                    "  watch PATH...   watch files and directories through the file-watch task and print each\n"
                    "                  notification (create, delete, modify, attrib, moves) as one JSON line\n"
-                   "                  until interrupted; the watches are removed on exit");
+                   "                  until interrupted; the watches are removed on exit\n"
+                   "  containers      print each container the container module sees now (id, runtime, root\n"
+                   "                  path on the host, mounts) as one JSON line");
     help.format(std::cout);
 }
 
@@ -133,6 +136,13 @@ int HostwardenApp::main(const std::vector<std::string>& args)
         request.events = events_;
         request.tag = tag_;
         return RunWatchCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
+    }
+    if (command == "containers") {
+        if (!rest.empty()) {
+            std::cerr << "hostwarden containers: takes no arguments (see --help)\n";
+            return EXIT_USAGE;
+        }
+        return RunContainersCommand(*this, std::cout, std::cerr);
     }
     std::cerr << "hostwarden: unknown command '" << command << "' (see --help)\n";
     return EXIT_USAGE;

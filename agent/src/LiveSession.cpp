@@ -1,5 +1,7 @@
 #include "LiveSession.h"
 
+#include <unistd.h>
+
 #include "framework/Engine.h"
 #include "framework/Module.h"
 #include "sdk/ExecuteCmdUtils.h"
@@ -98,6 +100,12 @@ bool LiveSession::Start(const std::string& subscriberName, Handler handler)
     if (engine_.LoadModule(library) != 0) {
         err_ << command_ << ": cannot load the audit module " << library << "; see the log\n";
         return false;
+    }
+    // The container module, when installed, names the files of containerised processes as the
+    // host sees them; without it they keep the paths the containers see.
+    const std::string containers = home + "lib/modules/libcontainer_module.so";
+    if (access(containers.c_str(), F_OK) == 0 && engine_.LoadModule(containers) != 0) {
+        err_ << command_ << ": cannot load the container module " << containers << "; paths in containers stay as they see them\n";
     }
     auto subscriber = std::make_unique<SubscriberTask>(subscriberName, std::move(handler));
     subscriber_ = subscriber.get();

@@ -78,6 +78,7 @@ void KernelTest::SetUp()
     std::filesystem::create_symlink(HW_AUDITCTL, home_ + "/bin/auditctl");
     std::filesystem::create_symlink(HW_AUDIT_MODULE, home_ + "/lib/modules/libaudit_module.so");
     std::filesystem::create_symlink(HW_EXPORT_MODULE, home_ + "/lib/modules/libexport_module.so");
+    std::filesystem::create_symlink(HW_CONTAINER_MODULE, home_ + "/lib/modules/libcontainer_module.so");
     setenv("HOSTWARDEN_HOME", home_.c_str(), 1);
 }
 

@@ -17,8 +17,9 @@ struct MountPoint {
 /// What the agent knows of one container.
 struct ContainerInfo {
     std::string id;                   ///< the runtime's container id
-    std::vector<MountPoint> mounts;   ///< the container's mounts, in the runtime's order
+    std::vector<MountPoint> mounts;   ///< the container's mounts, the first that holds a path wins
     std::string rootPath;             ///< the container's root file system on the host
+    std::string runtime;              ///< the runtime that made it ("docker", "podman", ...), if known
 };
 
 /// The container collection task's query interface ("container_collect_task").
@@ -29,6 +30,13 @@ public:
     virtual bool GetContainerInfoById(const std::string& containerId, std::shared_ptr<ContainerInfo>& info) = 0;
     /// Finds the container a process runs in. Returns true and fills info when it runs in one.
     virtual bool GetContainerInfoByPid(int pid, std::shared_ptr<ContainerInfo>& info) = 0;
+    /// Every container running now, for people checking what the agent knows. False when the
+    /// provider cannot list them.
+    virtual bool ListContainers(std::vector<std::shared_ptr<ContainerInfo>>& containers)
+    {
+        (void)containers;
+        return false;
+    }
 };
 
 /// The name of the task that implements ContainerMetaInfo.
