@@ -14,6 +14,11 @@ for variant in normal address thread; do
   echo "== $variant tests"
   ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" || status=1
 done
+# The Debian package, from the normal build: lintian, systemd's checks, install, run, purge.
+if [ "$(id -u)" = 0 ]; then
+  echo "== package"
+  bash scripts/package-test.sh build-test-normal || status=1
+fi
 # Nothing of ours may stay in the kernel after the suite.
 if command -v auditctl >/dev/null && auditctl -l 2>/dev/null | grep -q '\*\*\*'; then
   echo "run-tests: audit rules with module keys were left behind:" >&2

@@ -105,8 +105,13 @@ std::string ContainerCollectTask::Learn(int pid, unsigned long inode)
         auto info = std::make_shared<Framework::ContainerInfo>();
         info->id = owner.id;
         info->runtime = owner.runtime;
-        DescribeMounts(ParseMountInfo(proc_->Read(prefix + "mountinfo")), ParseMountInfo(proc_->Read("self/mountinfo")),
-                       proc_->root + "/" + prefix + "root", *info);
+        // The host's view is process 1's (the agent itself may run in a mount namespace of its own,
+        // as a hardened service does); failing that, the agent's.
+        std::string host = proc_->Read("1/mountinfo");
+        if (host.empty()) {
+            host = proc_->Read("self/mountinfo");
+        }
+        DescribeMounts(ParseMountInfo(proc_->Read(prefix + "mountinfo")), ParseMountInfo(host), proc_->root + "/" + prefix + "root", *info);
         containers_[owner.id] = Known{info, pid, startTime};
     }
     return owner.id;
