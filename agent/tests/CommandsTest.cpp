@@ -7,6 +7,8 @@
 
 #include "framework/Engine.h"
 
+#include "TestCommon.h"
+
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -14,28 +16,16 @@
 
 namespace {
 
-const std::string kFixtures = std::string(HW_SOURCE_DIR) + "/tests/fixtures/";
-const std::string kGolden = std::string(HW_SOURCE_DIR) + "/agent/tests/golden/";
-
-std::string ReadFile(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 using Command = int (*)(const std::vector<std::string>&, std::ostream&, std::ostream&);
 
-// Compares a command's output for a capture with its golden file. HW_UPDATE_GOLDEN=1 rewrites it.
+// A command's output for a capture, against its golden file (HW_UPDATE_GOLDEN=1 rewrites it).
 void ExpectGolden(const std::string& capture, const std::string& golden, Command command = Agent::RunParseCommand)
 {
     std::ostringstream out;
     std::ostringstream err;
-    EXPECT_EQ(command({kFixtures + capture}, out, err), 0) << err.str();
+    EXPECT_EQ(command({TestSupport::FixturesDir() + capture}, out, err), 0) << err.str();
     EXPECT_EQ(err.str(), "");
-    if (std::getenv("HW_UPDATE_GOLDEN") != nullptr) {
-        std::ofstream(kGolden + golden) << out.str();
-    }
-    EXPECT_EQ(out.str(), ReadFile(kGolden + golden)) << "golden " << golden;
+    TestSupport::ExpectGolden("agent/tests/golden/" + golden, out.str());
 }
 
 }  // namespace
