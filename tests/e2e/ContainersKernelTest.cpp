@@ -29,6 +29,11 @@ int Command(const std::string& command, std::string* output = nullptr)
     return SDK::ExecuteCmdUtils::ExecuteCmd(command, output ? *output : scratch, 1 << 16);
 }
 
+Json Parse(const std::string& text)
+{
+    return Poco::JSON::Parser().parse(text).extract<Json>();
+}
+
 class ContainersKernel : public E2E::KernelTest {
 protected:
     void SetUp() override
@@ -68,27 +73,14 @@ protected:
         const std::string bundle = dir_ + "/" + name;
         std::filesystem::create_directories(bundle);
         EXPECT_EQ(Command("runc spec --bundle " + bundle), 0);
-        Json config = Poco::JSON::Parser().parse(TestSupport::ReadFile(bundle + "/config.json")).extract<Json>();
+        Json config = Parse(TestSupport::ReadFile(bundle + "/config.json"));
         Json process = config->getObject("process");
         process->remove("rlimits");  // setting them needs CAP_SYS_RESOURCE, which this machine lacks
         process->set("terminal", false);
-        Poco::JSON::Array::Ptr args = new Poco::JSON::Array;
-        args->add("sleep");
-        args->add("600");
-        process->set("args", args);
-        Json root = new Poco::JSON::Object;
-        root->set("path", rootfs);
-        root->set("readonly", false);
-        config->set("root", root);
-        Json volume = new Poco::JSON::Object;
-        volume->set("destination", "/data");
-        volume->set("type", "bind");
-        volume->set("source", dir_ + "/vol");
-        Poco::JSON::Array::Ptr options = new Poco::JSON::Array;
-        options->add("rbind");
-        options->add("rw");
-        volume->set("options", options);
-        config->getArray("mounts")->add(volume);
+        process->set("args", Parse(R"({"a": ["sleep", "600"]})")->getArray("a"));
+        config->set("root", Parse(R"({"path": ")" + rootfs + R"(", "readonly": false})"));
+        config->getArray("mounts")->add(
+            Parse(R"({"destination": "/data", "type": "bind", "source": ")" + dir_ + R"(/vol", "options": ["rbind", "rw"]})"));
         config->getObject("linux")->set("cgroupsPath", cgroupsPath);
         std::ostringstream text;
         config->stringify(text);
@@ -115,24 +107,11 @@ protected:
     // its parent runs.
     void ExpectHostPaths(const std::string& container, const std::string& rootOnHost)
     {
-        auto audit = Hostwarden({"audit", "--watch", dir_ + "/vol", "--watch", rootOnHost + "/work", "--tag", "c"});
-        ASSERT_TRUE(audit->WaitFor("printing events", false)) << audit->err;
-        std::string output;
-        ASSERT_EQ(Command("runc exec " + container + " sh -c \"echo a > /data/f; echo b >> /data/f; mv /data/f /data/g; rm /data/g; "
-                      "echo c > /work/h; mv /work/h /work/i; rm /work/i; sleep 1\"", &output), 0) << output;
-        std::ofstream(dir_ + "/vol/end").flush();  // the log keeps the order: once this is out, so is the rest
-        ASSERT_TRUE(audit->WaitFor("\"hostPath\":\"" + dir_ + "/vol/end\"", true)) << audit->out;
-        audit->Signal(SIGINT);
-        EXPECT_EQ(audit->Wait(), 0) << audit->err;
-        std::string seen;
-        for (const Json& event : E2E::JsonLines(audit->out)) {
-            const Poco::JSON::Array::Ptr paths = event->getArray("paths");
-            for (size_t i = 0; i < paths->size(); ++i) {
-                const Json path = paths->getObject(static_cast<unsigned>(i));
-                seen += path->getValue<std::string>("nametype") + " " + path->getValue<std::string>("path") + " -> " +
-                        path->getValue<std::string>("hostPath") + "\n";
-            }
-        }
+        const std::string seen = PathLines(AuditWhile({"--watch", dir_ + "/vol", "--watch", rootOnHost + "/work", "--tag", "c"}, [&] {
+            std::string output;
+            ASSERT_EQ(Command("runc exec " + container + " sh -c \"echo a > /data/f; echo b >> /data/f; mv /data/f /data/g; rm /data/g; "
+                              "echo c > /work/h; mv /work/h /work/i; rm /work/i; sleep 1\"", &output), 0) << output;
+        }, dir_ + "/vol/end"));
         for (const std::string& expected : {"CREATE /data/f -> " + dir_ + "/vol/f", "NORMAL /data/f -> " + dir_ + "/vol/f",
                                              "CREATE /data/g -> " + dir_ + "/vol/g", "DELETE /data/g -> " + dir_ + "/vol/g",
                                              "CREATE /work/h -> " + rootOnHost + "/work/h", "DELETE /work/i -> " + rootOnHost + "/work/i"}) {

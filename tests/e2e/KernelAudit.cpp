@@ -4,6 +4,7 @@
 
 #include <Poco/JSON/Parser.h>
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -109,6 +110,45 @@ int KernelTest::Auditctl(const std::string& args, std::string* output) const
 {
     std::string scratch;
     return SDK::ExecuteCmdUtils::ExecuteCmd(home_ + "/bin/auditctl " + args, output ? *output : scratch, 1 << 20);
+}
+
+std::vector<Poco::JSON::Object::Ptr> KernelTest::AuditWhile(std::vector<std::string> args, const std::function<void()>& act,
+                                                              const std::string& marker)
+{
+    args.insert(args.begin(), "audit");
+    auto audit = Hostwarden(args);
+    EXPECT_TRUE(audit->WaitFor("printing events", false)) << audit->err;
+    act();
+    std::filesystem::create_directory(marker);
+    EXPECT_TRUE(audit->WaitFor("\"hostPath\":\"" + marker + "\"", true)) << audit->out;
+    audit->Signal(SIGINT);
+    EXPECT_EQ(audit->Wait(), 0) << audit->err;
+    return JsonLines(audit->out);  // every line parses
+}
+
+std::string KernelTest::PathLines(const std::vector<Poco::JSON::Object::Ptr>& events)
+{
+    std::string lines;
+    for (const Poco::JSON::Object::Ptr& event : events) {
+        const Poco::JSON::Array::Ptr paths = event->getArray("paths");
+        for (size_t i = 0; i < paths->size(); ++i) {
+            const Poco::JSON::Object::Ptr path = paths->getObject(static_cast<unsigned>(i));
+            lines += path->getValue<std::string>("nametype") + " " + path->getValue<std::string>("path") + " -> " +
+                     path->getValue<std::string>("hostPath") + "\n";
+        }
+    }
+    return lines;
+}
+
+Poco::JSON::Object::Ptr KernelTest::Find(const std::vector<Poco::JSON::Object::Ptr>& events,
+                                         const std::function<bool(const Poco::JSON::Object::Ptr&)>& match)
+{
+    for (const Poco::JSON::Object::Ptr& event : events) {
+        if (match(event)) {
+            return event;
+        }
+    }
+    return nullptr;
 }
 
 bool KernelTest::KernelLists(const std::string& text, bool present)

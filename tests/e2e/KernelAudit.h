@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -39,6 +40,16 @@ protected:
     int Auditctl(const std::string& args, std::string* output = nullptr) const;
     /// Waits until the kernel's rule list holds text (or, with present false, no longer does).
     static bool KernelLists(const std::string& text, bool present = true);
+    /// Runs hostwarden audit with args while act runs, then makes the directory marker (in a
+    /// watched directory) and returns every event printed up to it: the log keeps the order, so
+    /// once the marker is out so is everything act did.
+    std::vector<Poco::JSON::Object::Ptr> AuditWhile(std::vector<std::string> args, const std::function<void()>& act,
+                                                    const std::string& marker);
+    /// Every PATH record of the events, one line each: "NAMETYPE path -> hostPath".
+    static std::string PathLines(const std::vector<Poco::JSON::Object::Ptr>& events);
+    /// The first event for which match holds, or null.
+    static Poco::JSON::Object::Ptr Find(const std::vector<Poco::JSON::Object::Ptr>& events,
+                                        const std::function<bool(const Poco::JSON::Object::Ptr&)>& match);
 
     std::string home_;  ///< the installation
     std::string dir_;   ///< the scratch directory
