@@ -133,15 +133,24 @@ TEST_F(CommandsKernel, WatchLosesNothingWhileAuditdRotatesItsLog)
     }
 }
 
-// The main job with a configuration of the test's own: what it subscribes reaches the output
+// The main job with a configuration of the test's own: a run killed outright leaves its rules,
+// and the next start removes them before it subscribes; what it subscribes reaches the output
 // file as JSON lines with the subscription's tag; SIGTERM ends it with status 0 and no rule left.
 TEST_F(CommandsKernel, RunExportsWhatItsConfigurationSubscribesAndStopsCleanly)
 {
+    Configure(Getpgid("killed"));
+    auto killed = Hostwarden({"run"});
+    ASSERT_TRUE(killed->WaitFor("Every subscription is installed in the kernel.", false)) << killed->err;
+    killed->Signal(SIGKILL);
+    killed->Wait();
+    ASSERT_TRUE(KernelLists("export_task***killed")) << "left by the killed run";
+
     const std::string events = dir_ + "/out/events.jsonl";
     Configure(Getpgid("marker") + R"(, {"tag": "files", "watch": ")" + dir_ + R"(", "recursive": true})",
               R"({"file": ")" + events + R"(", "stdout": false})");
     auto run = Hostwarden({"run"});
     ASSERT_TRUE(run->WaitFor("Every subscription is installed in the kernel.", false)) << run->err;
+    EXPECT_EQ(E2E::ListKernelRules().find("export_task***killed"), std::string::npos);
     syscall(SYS_getpgid, 424242);
     mkdir((dir_ + "/made").c_str(), 0755);
     const auto exported = [&](const std::string& text) { return TestSupport::WaitUntil([&] { return ReadFile(events).find(text) != std::string::npos; }); };
@@ -152,24 +161,4 @@ TEST_F(CommandsKernel, RunExportsWhatItsConfigurationSubscribesAndStopsCleanly)
     const Json marker = Find(E2E::JsonLines(ReadFile(events)), [](const Json& e) { return e->getValue<std::string>("tag") == "marker"; });
     EXPECT_EQ(marker->getValue<int>("syscall"), SYS_getpgid);
     EXPECT_EQ(marker->getValue<std::string>("a0"), "67932") << "424242 in hexadecimal";
-}
-
-// A run killed outright leaves its rules; the next start removes them before it subscribes.
-TEST_F(CommandsKernel, TheNextStartRemovesWhatAKilledRunLeft)
-{
-    Configure(Getpgid("killed"));
-    auto first = Hostwarden({"run"});
-    ASSERT_TRUE(first->WaitFor("Every subscription is installed in the kernel.", false)) << first->err;
-    first->Signal(SIGKILL);
-    first->Wait();
-    ASSERT_NE(E2E::ListKernelRules().find("export_task***killed"), std::string::npos) << "left by the killed run";
-
-    Configure(Getpgid("next"));
-    auto second = Hostwarden({"run"});
-    ASSERT_TRUE(second->WaitFor("Every subscription is installed in the kernel.", false)) << second->err;
-    const std::string rules = E2E::ListKernelRules();
-    EXPECT_EQ(rules.find("export_task***killed"), std::string::npos) << rules;
-    EXPECT_NE(rules.find("export_task***next"), std::string::npos) << rules;
-    second->Signal(SIGTERM);
-    EXPECT_EQ(second->Wait(), 0) << second->err;
 }

@@ -6,13 +6,10 @@
 
 #include "ContainerCollectTask.h"
 
-#include "sdk/ExecuteCmdUtils.h"
-
 #include <Poco/JSON/Parser.h>
 
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -22,12 +19,6 @@
 using Json = Poco::JSON::Object::Ptr;
 
 namespace {
-
-int Command(const std::string& command, std::string* output = nullptr)
-{
-    std::string scratch;
-    return SDK::ExecuteCmdUtils::ExecuteCmd(command, output ? *output : scratch, 1 << 16);
-}
 
 Json Parse(const std::string& text)
 {
@@ -58,8 +49,8 @@ protected:
     void TearDown() override
     {
         for (const std::string& id : started_) {
-            Command("runc kill " + id + " KILL");
-            Command("runc delete -f " + id);
+            E2E::Command("runc kill " + id + " KILL");
+            E2E::Command("runc delete -f " + id);
         }
         if (!overlay_.empty()) {
             umount2(overlay_.c_str(), MNT_DETACH);
@@ -72,7 +63,7 @@ protected:
     {
         const std::string bundle = dir_ + "/" + name;
         std::filesystem::create_directories(bundle);
-        EXPECT_EQ(Command("runc spec --bundle " + bundle), 0);
+        EXPECT_EQ(E2E::Command("runc spec --bundle " + bundle), 0);
         Json config = Parse(TestSupport::ReadFile(bundle + "/config.json"));
         Json process = config->getObject("process");
         process->remove("rlimits");  // setting them needs CAP_SYS_RESOURCE, which this machine lacks
@@ -109,7 +100,7 @@ protected:
     {
         const std::string seen = PathLines(AuditWhile({"--watch", dir_ + "/vol", "--watch", rootOnHost + "/work", "--tag", "c"}, [&] {
             std::string output;
-            ASSERT_EQ(Command("runc exec " + container + " sh -c \"echo a > /data/f; echo b >> /data/f; mv /data/f /data/g; rm /data/g; "
+            ASSERT_EQ(E2E::Command("runc exec " + container + " sh -c \"echo a > /data/f; echo b >> /data/f; mv /data/f /data/g; rm /data/g; "
                               "echo c > /work/h; mv /work/h /work/i; rm /work/i; sleep 1\"", &output), 0) << output;
         }, dir_ + "/vol/end"));
         for (const std::string& expected : {"CREATE /data/f -> " + dir_ + "/vol/f", "NORMAL /data/f -> " + dir_ + "/vol/f",
@@ -165,7 +156,7 @@ TEST_F(ContainersKernel, AStoppedContainerAndAReusedProcessIdGiveNoStaleAnswer)
 
     kill(pid, SIGKILL);
     exec->Wait();  // runc exec reaps it: the id is free
-    Command("runc kill " + id + " KILL");
+    E2E::Command("runc kill " + id + " KILL");
     ASSERT_TRUE(TestSupport::WaitUntil([&] { return !provider.GetContainerInfoById(std::string(64, 'c'), info); }))
         << "the container has stopped";
     EXPECT_FALSE(provider.GetContainerInfoByPid(pid, info));
@@ -175,17 +166,9 @@ TEST_F(ContainersKernel, AStoppedContainerAndAReusedProcessIdGiveNoStaleAnswer)
         GTEST_SKIP() << "cannot choose the next process id here (/proc/sys/kernel/ns_last_pid)";
     }
     lastPid.close();
-    const pid_t child = fork();
-    if (child == 0) {
-        pause();
-        _exit(0);
-    }
-    if (child != pid) {
-        kill(child, SIGKILL);
-        waitpid(child, nullptr, 0);
+    const TestSupport::Program host({"/bin/sleep", "600"});
+    if (host.Pid() != pid) {
         GTEST_SKIP() << "another process took id " << pid << " first";
     }
     EXPECT_FALSE(provider.GetContainerInfoByPid(pid, info)) << "a host process now has the container's old process id";
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
 }

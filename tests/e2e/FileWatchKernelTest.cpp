@@ -4,8 +4,6 @@
 // what inotify(7) reports.
 #include "KernelAudit.h"
 
-#include "sdk/ExecuteCmdUtils.h"
-
 #include <signal.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -68,11 +66,7 @@ private:
 
 class FileWatchKernel : public E2E::KernelTest {
 protected:
-    int Run(const std::string& command)
-    {
-        std::string output;
-        return SDK::ExecuteCmdUtils::ExecuteCmd("sh -c '" + command + "'", output, 4096);
-    }
+    static int Run(const std::string& command) { return E2E::Command("sh -c '" + command + "'"); }
     // The notifications exported for everything done since the last call, as
     // "kind path [-> dest] [dir]" with the scratch directory written as T.
     std::vector<std::string> Notified()

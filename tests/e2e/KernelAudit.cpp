@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 
@@ -32,7 +33,10 @@ std::string WhyKernelAuditIsUnusable()
     if (status.find("enabled 1") == std::string::npos) {
         return "kernel audit is not enabled";
     }
-    if (status.find("\npid 0\n") != std::string::npos) {
+    // The kernel forgets a killed daemon only when it next fails to reach it, so ask the process too.
+    const size_t at = status.find("\npid ");
+    const long pid = at == std::string::npos ? 0 : std::strtol(status.c_str() + at + 5, nullptr, 10);
+    if (pid <= 0 || kill(static_cast<pid_t>(pid), 0) != 0) {
         return "auditd is not running";
     }
     return {};
@@ -40,10 +44,15 @@ std::string WhyKernelAuditIsUnusable()
 
 }  // namespace
 
-int SystemAuditctl(const std::string& args, std::string* output)
+int Command(const std::string& line, std::string* output)
 {
     std::string scratch;
-    return SDK::ExecuteCmdUtils::ExecuteCmd("/usr/sbin/auditctl " + args, output ? *output : scratch, 1 << 20);
+    return SDK::ExecuteCmdUtils::ExecuteCmd(line, output ? *output : scratch, 1 << 20);
+}
+
+int SystemAuditctl(const std::string& args, std::string* output)
+{
+    return Command("/usr/sbin/auditctl " + args, output);
 }
 
 std::string ListKernelRules()
@@ -108,8 +117,7 @@ std::unique_ptr<TestSupport::Program> KernelTest::Hostwarden(const std::vector<s
 
 int KernelTest::Auditctl(const std::string& args, std::string* output) const
 {
-    std::string scratch;
-    return SDK::ExecuteCmdUtils::ExecuteCmd(home_ + "/bin/auditctl " + args, output ? *output : scratch, 1 << 20);
+    return Command(home_ + "/bin/auditctl " + args, output);
 }
 
 std::vector<Poco::JSON::Object::Ptr> KernelTest::AuditWhile(std::vector<std::string> args, const std::function<void()>& act,

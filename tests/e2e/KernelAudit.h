@@ -16,6 +16,9 @@ namespace E2E {
 /// The kernel's rule list as the system auditctl prints it.
 std::string ListKernelRules();
 
+/// Runs a command line (split into words, no shell); returns its exit status.
+int Command(const std::string& line, std::string* output = nullptr);
+
 /// Runs the system auditctl with args (no shell); returns its exit status.
 int SystemAuditctl(const std::string& args, std::string* output = nullptr);
 

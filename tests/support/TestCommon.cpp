@@ -2,21 +2,17 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <thread>
-
-extern char** environ;
 
 namespace TestSupport {
 
@@ -71,23 +67,7 @@ void ExpectGolden(const std::string& relative, const std::string& text)
     if (std::getenv("HW_UPDATE_GOLDEN") != nullptr) {
         std::ofstream(path, std::ios::trunc) << text;
     }
-    const std::string golden = ReadFile(path);
-    if (golden == text) {
-        return;
-    }
-    // Name the first line that differs rather than printing both files whole.
-    size_t line = 1;
-    size_t at = 0;
-    while (at < golden.size() && at < text.size() && golden[at] == text[at]) {
-        line += golden[at++] == '\n' ? 1 : 0;
-    }
-    const auto lineAt = [&](const std::string& s) {
-        const size_t start = s.rfind('\n', at == 0 ? 0 : at - 1);
-        const size_t from = start == std::string::npos || at == 0 ? 0 : start + 1;
-        return s.substr(from, s.find('\n', from) - from);
-    };
-    ADD_FAILURE() << relative << " differs at line " << line << "\n  golden: " << lineAt(golden)
-                  << "\n  actual: " << lineAt(text) << "\n(HW_UPDATE_GOLDEN=1 rewrites it)";
+    EXPECT_EQ(ReadFile(path), text) << relative << " differs (HW_UPDATE_GOLDEN=1 rewrites it)";
 }
 
 std::string MutatedLines(const std::vector<std::string>& lines, Random& next)
@@ -121,67 +101,43 @@ bool WaitUntil(const std::function<bool()>& condition, int seconds)
     return true;
 }
 
-Program::Program(const std::vector<std::string>& args, const std::vector<std::string>& assignments)
+namespace {
+
+Poco::Process::Env Assignments(const std::vector<std::string>& assignments)
 {
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
+    Poco::Process::Env env;
+    for (const std::string& assignment : assignments) {
+        env[assignment.substr(0, assignment.find('='))] = assignment.substr(assignment.find('=') + 1);
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
-    std::vector<std::string> env;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        env.emplace_back(*entry);
-    }
-    env.insert(env.end(), assignments.begin(), assignments.end());
-    std::vector<char*> argv;
-    std::vector<char*> envp;
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    }
-    for (const std::string& entry : env) {
-        envp.push_back(const_cast<char*>(entry.c_str()));
-    }
-    argv.push_back(nullptr);
-    envp.push_back(nullptr);
-    const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    close(outPipe[1]);
-    close(errPipe[1]);
-    outFd_ = outPipe[0];
-    errFd_ = errPipe[0];
-    if (rc != 0) {
-        pid_ = -1;
-        throw std::runtime_error("cannot start " + args[0]);
-    }
+    return env;
+}
+
+}  // namespace
+
+Program::Program(const std::vector<std::string>& args, const std::vector<std::string>& assignments)
+    : process_(Poco::Process::launch(args[0], {args.begin() + 1, args.end()}, nullptr, &outPipe_, &errPipe_, Assignments(assignments)))
+{
 }
 
 Program::~Program()
 {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+    if (running_) {
+        kill(process_.id(), SIGKILL);
+        process_.wait();
     }
-    close(outFd_);
-    close(errFd_);
 }
 
 void Program::Read(int timeoutMs)
 {
-    pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
+    pollfd fds[2] = {{outPipe_.readHandle(), POLLIN, 0}, {errPipe_.readHandle(), POLLIN, 0}};
     if (poll(fds, 2, timeoutMs) <= 0) {
         return;
     }
     char buffer[4096];
     for (int i = 0; i < 2; ++i) {
         if ((fds[i].revents & (POLLIN | POLLHUP)) != 0) {
-            const ssize_t got = read(fds[i].fd, buffer, sizeof(buffer));
-            if (got > 0) {
-                (i == 0 ? out : err).append(buffer, static_cast<size_t>(got));
-            }
+            const int got = (i == 0 ? outPipe_ : errPipe_).readBytes(buffer, sizeof(buffer));
+            (i == 0 ? out : err).append(buffer, static_cast<size_t>(std::max(got, 0)));
         }
     }
 }
@@ -200,24 +156,24 @@ bool Program::WaitFor(const std::string& text, bool inOut, int seconds)
 
 void Program::Signal(int signal)
 {
-    kill(pid_, signal);
+    kill(process_.id(), signal);
 }
 
 int Program::Wait(int seconds)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    int status = 0;
-    while (waitpid(pid_, &status, WNOHANG) == 0) {
+    int status = -1;
+    while ((status = process_.tryWait()) == -1) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return -1;
         }
         Read(50);
     }
-    pid_ = -1;
+    running_ = false;
     for (int i = 0; i < 20; ++i) {
         Read(0);
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return status;
 }
 
 }  // namespace TestSupport

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <Poco/Pipe.h>
+#include <Poco/Process.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -83,23 +86,6 @@ public:
             return false;
         });
     }
-    /// Waits for an item that matches, then returns and forgets everything before it (and it).
-    std::vector<T> TakeUntil(const std::function<bool(const T&)>& match, int seconds = 20)
-    {
-        std::unique_lock<std::mutex> lock(mutex_);
-        std::vector<T> taken;
-        changed_.wait_for(lock, std::chrono::seconds(seconds), [&] {
-            for (size_t i = 0; i < items_.size(); ++i) {
-                if (match(items_[i])) {
-                    taken.assign(items_.begin(), items_.begin() + static_cast<long>(i));
-                    items_.erase(items_.begin(), items_.begin() + static_cast<long>(i) + 1);
-                    return true;
-                }
-            }
-            return false;
-        });
-        return taken;
-    }
     std::vector<T> Snapshot()
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -124,18 +110,19 @@ public:
     bool WaitFor(const std::string& text, bool out, int seconds = 20);
     /// Sends a signal.
     void Signal(int signal);
-    /// Waits (at most seconds) for the exit and reads what is left; the exit status, 128 + the
+    /// Waits (at most seconds) for the exit and reads what is left; the exit status, 256 + the
     /// signal that ended it, or -1 when it still runs.
     int Wait(int seconds = 30);
-    int Pid() const { return pid_; }
+    int Pid() const { return process_.id(); }
     std::string out;  ///< standard output read so far
     std::string err;  ///< standard error read so far
 
 private:
     void Read(int timeoutMs);
-    int pid_ = -1;
-    int outFd_ = -1;
-    int errFd_ = -1;
+    Poco::Pipe outPipe_;
+    Poco::Pipe errPipe_;
+    Poco::ProcessHandle process_;
+    bool running_ = true;
 };
 
 }  // namespace TestSupport
