@@ -107,8 +107,6 @@ TEST(AuditRules, AFailedAddKeepsItsCommandForALaterReAddAndKeysAreLookedUpInTheK
         EXPECT_TRUE(AuditRules().AuditctlRuleExist(key));
         EXPECT_EQ(listing.Commands().back(), "[-l][-k][" + key + "]");
     }
-    FakeInstallation empty(0, "No rules");
-    EXPECT_FALSE(AuditRules().AuditctlRuleExist(key));
 }
 
 TEST(AuditRules, RemovesPerTaskByNamePrefixAndAllAtOnce)

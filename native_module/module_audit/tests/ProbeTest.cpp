@@ -6,57 +6,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <deque>
 
 using namespace Engine;
-
-namespace {
-
-// Replies from a script; counts what the probe asked.
-class FakeReplies : public AuditReplySource {
-public:
-    int Open() override { return openResult; }
-    int RequestStatus(int) override { return requestResult; }
-    int Poll(int, int) override { return 1; }
-    int GetReply(int, audit_reply& reply) override
-    {
-        ++gets;
-        if (script.empty()) {
-            reply.type = otherType;
-            return 1;
-        }
-        const int type = script.front();
-        script.pop_front();
-        if (type < 0) {
-            return 0;  // nothing came
-        }
-        reply.type = type;
-        reply.status = &status;
-        return 1;
-    }
-    void Close(int) override { ++closes; }
-    int openResult = 3;
-    int requestResult = 1;
-    int otherType = 1001;
-    std::deque<int> script;
-    audit_status status{};
-    int gets = 0;
-    int closes = 0;
-};
-
-std::string Conf(const TestSupport::TempDir& dir, const std::string& text)
-{
-    return dir.Write("auditd.conf", text);
-}
-
-}  // namespace
 
 TEST(ProbeConfiguration, ReadsTheLogPathAndRefusesNoLog)
 {
     TestSupport::TempDir dir;
     TestSupport::LogCapture capture;
     const auto check = [&](const std::string& text, bool ok, const std::string& path = "") {
-        GetAuditConfAndStatus probe(Conf(dir, text));
+        GetAuditConfAndStatus probe(dir.Write("auditd.conf", text));
         EXPECT_EQ(probe.GetAuditLogPath(), ok) << text;
         std::string found = "stale";
         probe.GetAuditLogPath(found);
@@ -82,8 +40,9 @@ TEST(ProbeStatus, TakesTheStatusReplyAndGivesUpAfterFortyOthers)
 {
     TestSupport::TempDir dir;
     TestSupport::LogCapture capture;
-    FakeReplies replies;
-    GetAuditConfAndStatus probe(Conf(dir, ""), &replies);
+    TestSupport::StatusReplies replies;
+    replies.otherType = 1001;
+    GetAuditConfAndStatus probe(dir.Write("auditd.conf", ""), &replies);
     audit_status status{};
 
     replies.status.enabled = 1;
@@ -125,9 +84,8 @@ TEST(ProbeEnabled, NeedsEnabledExactlyOneARealAuditdAndAUsableConfiguration)
     TestSupport::LogCapture capture;
     TestSupport::NamedProcess auditd(dir, "auditd");
     TestSupport::NamedProcess impostor(dir, "sleepy");
-    const std::string conf = Conf(dir, "log_file = /var/log/audit/audit.log\nlog_format = RAW\n");
-    FakeReplies replies;
-    GetAuditConfAndStatus probe(conf, &replies);
+    TestSupport::StatusReplies replies;
+    GetAuditConfAndStatus probe(dir.Write("auditd.conf", "log_file = /var/log/audit/audit.log\nlog_format = RAW\n"), &replies);
     const auto enabled = [&](unsigned state, pid_t pid) {
         replies.status.enabled = state;
         replies.status.pid = static_cast<__u32>(pid);
@@ -135,9 +93,6 @@ TEST(ProbeEnabled, NeedsEnabledExactlyOneARealAuditdAndAUsableConfiguration)
         return probe.IsAuditEnabled();
     };
     EXPECT_TRUE(enabled(1, auditd.pid));
-    std::string path;
-    probe.GetAuditLogPath(path);
-    EXPECT_EQ(path, "/var/log/audit/audit.log");
     EXPECT_TRUE(capture.channel().Has("Auditd pid is (" + std::to_string(auditd.pid) + ")."));
     EXPECT_FALSE(enabled(2, auditd.pid));  // rules locked counts as disabled
     EXPECT_TRUE(capture.channel().Has("Audit status is disabled."));

@@ -81,11 +81,6 @@ FakeInstallation::~FakeInstallation()
     unsetenv("HOSTWARDEN_HOME");
 }
 
-std::string FakeInstallation::Calls() const
-{
-    return ReadFile(dir.path() + "/calls");
-}
-
 std::vector<std::string> FakeInstallation::Commands() const
 {
     std::vector<std::string> commands = ReadLines(dir.path() + "/calls");
@@ -97,10 +92,14 @@ std::vector<std::string> FakeInstallation::Commands() const
 
 int StatusReplies::GetReply(int, audit_reply& reply)
 {
-    ++asked;
-    reply.type = 1000;
+    ++gets;
+    const int type = script.empty() ? otherType : script.front();
+    if (!script.empty()) {
+        script.pop_front();
+    }
+    reply.type = type;
     reply.status = &status;
-    return 1;
+    return type < 0 ? 0 : 1;
 }
 
 NamedProcess::NamedProcess(const TempDir& dir, const std::string& name)

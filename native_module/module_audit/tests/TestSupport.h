@@ -12,6 +12,7 @@
 
 #include <sys/types.h>
 
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -52,23 +53,27 @@ class FakeInstallation {
 public:
     explicit FakeInstallation(int exitCode = 0, const std::string& printed = "printed-by-auditctl");
     ~FakeInstallation();
-    /// Everything recorded so far.
-    std::string Calls() const;
     /// The recorded argument lists, one per call.
     std::vector<std::string> Commands() const;
     TempDir dir;
 };
 
-/// Answers every audit status request with status (a status reply, type 1000).
+/// Audit netlink replies from a script of reply types (-1: nothing came), then otherType; every
+/// reply carries status. Counts the replies taken and the sockets closed.
 class StatusReplies : public Engine::AuditReplySource {
 public:
-    int Open() override { return 3; }
-    int RequestStatus(int) override { return 1; }
+    int Open() override { return openResult; }
+    int RequestStatus(int) override { return requestResult; }
     int Poll(int, int) override { return 1; }
     int GetReply(int, audit_reply& reply) override;
-    void Close(int) override {}
+    void Close(int) override { ++closes; }
+    int openResult = 3;
+    int requestResult = 1;
+    int otherType = 1000;  ///< a status reply
+    std::deque<int> script;
     audit_status status{};
-    int asked = 0;  ///< status replies given
+    int gets = 0;
+    int closes = 0;
 };
 
 /// A running process whose executable has the given name (a copy of sleep), killed at the end.
