@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <sstream>
 
 namespace {
@@ -38,11 +37,9 @@ TEST(ParseCommand, PrintsEveryEventOfARealCaptureAsItsGoldenJson)
 
 TEST(ParseCommand, ReportsBadLinesByNumberAndSaysSoInItsStatus)
 {
-    const std::string path = "/tmp/hw_parse_" + std::to_string(getpid());
-    std::ofstream(path) << "type=SYSCALL msg=audit(1.002:3): syscall=2 name=\"a\\\"b\"\n"
-                        << "not a record\n"
-                        << "type=CWD msg=audit(1.002:3): cwd=\"/\"\n"
-                        << "\n";
+    TestSupport::TempDir dir;
+    const std::string path = dir.Write("audit.log", "type=SYSCALL msg=audit(1.002:3): syscall=2 name=\"a\\\"b\"\nnot a record\n"
+                                                    "type=CWD msg=audit(1.002:3): cwd=\"/\"\n\n");
     std::ostringstream out;
     std::ostringstream err;
     EXPECT_EQ(Agent::RunParseCommand({path}, out, err), 1);
@@ -50,9 +47,9 @@ TEST(ParseCommand, ReportsBadLinesByNumberAndSaysSoInItsStatus)
     EXPECT_EQ(out.str(),
               "{\"time_ms\":1002,\"serial\":3,\"records\":[{\"type\":\"SYSCALL\",\"fields\":{\"syscall\":\"2\","
               "\"name\":\"\\\"a\\\\\\\"b\\\"\"}},{\"type\":\"CWD\",\"fields\":{\"cwd\":\"\\\"/\\\"\"}}]}\n");
-    std::remove(path.c_str());
-
     EXPECT_EQ(Agent::RunParseCommand({"/no/such/log"}, out, err), 2);
+    EXPECT_EQ(Agent::RunDecodeCommand({"/no/such/log"}, out, err), 2) << "decode reads the same way";
+    EXPECT_NE(err.str().find("cannot read"), std::string::npos);
 }
 
 // The module's own assembly, decoding and delivery over whole real captures. Events that the
@@ -61,14 +58,6 @@ TEST(DecodeCommand, PrintsEveryDeliveredEventOfARealCaptureAsItsGoldenJson)
 {
     ExpectGolden("kernel-6.18-raw.log", "decode-kernel-6.18-raw.jsonl", Agent::RunDecodeCommand);
     ExpectGolden("kernel-6.18-enriched.log", "decode-kernel-6.18-enriched.jsonl", Agent::RunDecodeCommand);
-}
-
-TEST(DecodeCommand, AnUnreadableFileIsAnError)
-{
-    std::ostringstream out;
-    std::ostringstream err;
-    EXPECT_EQ(Agent::RunDecodeCommand({"/no/such/log"}, out, err), 2);
-    EXPECT_NE(err.str().find("cannot read"), std::string::npos);
 }
 
 TEST(WatchCommand, BadArgumentsAreRefusedBeforeAnythingStarts)
@@ -94,7 +83,6 @@ TEST(AuditCommand, RulesTheModuleWouldMisreadOrRefuseAreRefusedFirst)
     const std::pair<const char*, const char*> cases[] = {
         {"exit,always -S open -F dir=/tmp", "field 'dir' is not one the module filters on: it would take it as a pid "
                                             "filter, and no event would ever match"},
-        {"exit,always -S open -F uid=0", "field 'uid' is not one the module filters on"},
         {"-a exit,always -S open", "a rule begins with its list and action"},
         {"exit,always -F arch=b64", "no system call (-S NAME)"},
         {"exit,always -S open -X", "unknown option '-X'"},
@@ -125,10 +113,8 @@ TEST(RunCommand, TheConfigurationsRulesAreReadAsTheModuleReadsThem)
         {"exit,always -S open -F success=2", "subscriptions[0].syscall: the audit module refuses"},
         {"exit,always -S open -F a0=notanumber", "subscriptions[0].syscall: the audit module refuses"},
         {"exit,never -S open", "subscriptions[0].syscall: the audit module takes a never or exclude rule"},
-        {"exit,always -S open -F auid=1000", "subscriptions[0].syscall: field 'auid' is not one"},
         {"exit,always -S exceve", "subscriptions[0].syscall: unknown system call 'exceve' on x86_64"},
         {"exit,always -F arch=b32 -S openat2", "subscriptions[0].syscall: unknown system call 'openat2' on i386"},
-        {"bogus,always -S open", "subscriptions[0].syscall: a rule begins with its list and action"},
     };
     for (const auto& [rule, expected] : cases) {
         config.subscriptions[0].syscall = rule;

@@ -75,15 +75,11 @@ TEST(MountInfo, ContainerMountsAreNamedAsTheHostSeesThemDeepestFirst)
 
     Framework::ContainerInfo plain;
     DescribeMounts(ParseMountInfo(Fixture("runc-docker-mountinfo.txt")), host, "/proc/1/root", plain);
-    EXPECT_EQ(Describe(plain), "root=/tmp/hwct/rootfs | /sys/fs/cgroup/cpu=/sys/fs/cgroup/cpu/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/cpuacct=/sys/fs/cgroup/cpuacct/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/cpuset=/sys/fs/cgroup/cpuset/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/memory=/sys/fs/cgroup/memory/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/devices=/sys/fs/cgroup/devices/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/freezer=/sys/fs/cgroup/freezer/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/blkio=/sys/fs/cgroup/blkio/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/pids=/sys/fs/cgroup/pids/docker/" + kId +
-                                   " ro | /sys/fs/cgroup/systemd=/sys/fs/cgroup/systemd/docker/" + kId + " ro | /data=/tmp/hwct/vol");
+    std::string cgroups;
+    for (const char* controller : {"cpu", "cpuacct", "cpuset", "memory", "devices", "freezer", "blkio", "pids", "systemd"}) {
+        cgroups += std::string(" | /sys/fs/cgroup/") + controller + "=/sys/fs/cgroup/" + controller + "/docker/" + kId + " ro";
+    }
+    EXPECT_EQ(Describe(plain), "root=/tmp/hwct/rootfs" + cgroups + " | /data=/tmp/hwct/vol");
     Framework::ContainerInfo overlay;
     DescribeMounts(ParseMountInfo(Fixture("runc-podman-overlay-mountinfo.txt")), host, "/proc/2/root", overlay);
     EXPECT_EQ(overlay.rootPath, "/tmp/hwct/ov/merged") << "the overlay's merged directory on the host";
@@ -161,7 +157,6 @@ TEST(ContainerCollectTask, AnswersFromACacheThatNewProcessesAndEndedOnesKeepHone
     proc.Process(101, 5001, "0::/docker/" + kId);
     proc.Process(200, 6000, "0::/system.slice/ssh.service");
     ContainerCollectTask task(proc.Source(), std::chrono::milliseconds(0));  // a look every time
-    EXPECT_EQ(task.GetName(), "container_collect_task");
     std::shared_ptr<Framework::ContainerInfo> info;
     ASSERT_TRUE(task.GetContainerInfoByPid(100, info));
     EXPECT_EQ(info->id + " " + info->runtime + " " + Describe(*info), kId + " docker root=/ctr | /data=/vol");

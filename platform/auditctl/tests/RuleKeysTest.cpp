@@ -10,8 +10,12 @@ namespace {
 
 // A rule as the kernel lists it: fields with their values, and string fields' text packed in buf.
 struct RuleBuilder {
-    void Number(__u32 field, __u32 value) { Add(field, value, ""); }
-    void String(__u32 field, const std::string& text) { Add(field, static_cast<__u32>(text.size()), text); }
+    void Number(__u32 field, __u32 value) { fields.emplace_back(field, value); }
+    void String(__u32 field, const std::string& text)
+    {
+        fields.emplace_back(field, static_cast<__u32>(text.size()));
+        buf += text;
+    }
     std::unique_ptr<audit_rule_data, decltype(&std::free)> Build() const
     {
         auto* rule = static_cast<audit_rule_data*>(std::calloc(1, sizeof(audit_rule_data) + buf.size()));
@@ -23,11 +27,6 @@ struct RuleBuilder {
         rule->buflen = static_cast<__u32>(buf.size());
         std::memcpy(rule->buf, buf.data(), buf.size());
         return {rule, &std::free};
-    }
-    void Add(__u32 field, __u32 value, const std::string& text)
-    {
-        fields.emplace_back(field, value);
-        buf += text;
     }
     std::vector<std::pair<__u32, __u32>> fields;
     std::string buf;

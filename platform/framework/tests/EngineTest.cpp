@@ -14,17 +14,18 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <cstdio>
-#include <unistd.h>
 
 namespace {
 
-// Collects the echo task's answers.
+// Collects the echo task's answers; a ping of -7 makes it throw.
 class ClientTask : public Framework::Task, public PingReceiver {
 public:
-    ClientTask() : Framework::Task("client_task", "test_feature", Framework::TaskCondition::kLoop, 64) {}
+    explicit ClientTask(const std::string& name = "client_task") : Framework::Task(name, "test_feature", Framework::TaskCondition::kLoop, 64) {}
     int OnPing(const PingMessage& msg) override
     {
+        if (msg.seq == -7) {
+            throw std::runtime_error("bad ping");
+        }
         answers.Push(msg.seq);
         return 0;
     }
@@ -42,7 +43,8 @@ using TestSupport::ReadFile;
 
 TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
 {
-    const std::string log = "/tmp/hw_engine_test_" + std::to_string(getpid());
+    TestSupport::TempDir dir;
+    const std::string log = dir.path() + "/module.log";
     setenv("HW_TEST_MODULE_LOG", log.c_str(), 1);
     {
         Framework::Engine engine;
@@ -68,7 +70,6 @@ TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
     }
     EXPECT_EQ(Framework::Engine::Current(), nullptr);
     EXPECT_EQ(ReadFile(log), "init task\nuninit task\nuninit module\ndestroy task\ndestroy module\n");
-    std::remove(log.c_str());
     unsetenv("HW_TEST_MODULE_LOG");
 }
 
@@ -101,7 +102,8 @@ TEST(Engine, RefusedLibrariesAreUnloaded)
 // that queue is destroyed with its module, which must happen while the library is still loaded.
 TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
 {
-    const std::string log = "/tmp/hw_engine_unload_" + std::to_string(getpid());
+    TestSupport::TempDir dir;
+    const std::string log = dir.path() + "/module.log";
     setenv("HW_TEST_MODULE_LOG", log.c_str(), 1);
     {
         Framework::Engine engine;
@@ -116,25 +118,7 @@ TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
     unsetenv("HW_TEST_MODULE_LOG");
     EXPECT_FALSE(Mapped(HW_TEST_MODULE));
     EXPECT_NE(ReadFile(log).find("destroy module"), std::string::npos) << "the module was destroyed, not leaked";
-    std::remove(log.c_str());
 }
-
-namespace {
-
-// Throws from its handler when pinged with a negative number.
-class ThrowingTask : public Framework::Task, public PingReceiver {
-public:
-    ThrowingTask() : Framework::Task("throwing_task", "test_feature", Framework::TaskCondition::kLoop, 64) {}
-    int OnPing(const PingMessage& msg) override
-    {
-        if (msg.seq < 0) {
-            throw std::runtime_error("bad ping");
-        }
-        return 0;
-    }
-};
-
-}  // namespace
 
 // Keeps the engine's log lines.
 class EngineLog : public Poco::Channel {
@@ -151,11 +135,11 @@ TEST(Engine, AnExceptionStopsItsTaskButNotTheAgent)
     const Poco::Channel::Ptr previous = framework.getChannel();
     framework.setChannel(log);
     ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
-    auto* throwing = new ThrowingTask;
+    auto* throwing = new ClientTask("throwing_task");
     auto* client = new ClientTask;
     ASSERT_EQ(engine.AddModule(Tasks({throwing, client}, "two_tasks")), 0);
     ASSERT_EQ(engine.StartTasks(), 0);
-    ASSERT_TRUE(client->SendDirectMsg("throwing_task", new PingMessage("client_task", -1)));
+    ASSERT_TRUE(client->SendDirectMsg("throwing_task", new PingMessage("client_task", -7)));
     EXPECT_TRUE(log->lines.WaitFor([](const std::string& line) { return line == "Task throwing_task stopped by an exception: bad ping"; }));
     EXPECT_EQ(throwing->GetState(), Framework::kTaskStop);
     EXPECT_EQ(engine.FindTask("throwing_task"), nullptr) << "its name route is withdrawn";

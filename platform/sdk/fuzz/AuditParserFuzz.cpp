@@ -5,21 +5,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     SDK::AuditParser parser;
-    const std::string input(reinterpret_cast<const char*>(data), size);
-    size_t start = 0;
-    while (start <= input.size()) {
-        const size_t end = input.find('\n', start);
-        const std::string line = input.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
+    for (std::string line; std::getline(input, line);) {
         parser.FeedLine(line);
-        if (end == std::string::npos) {
-            break;
-        }
-        start = end + 1;
     }
     parser.Flush();
     for (const SDK::AuditEvent& event : parser.GetEvents()) {
@@ -27,11 +21,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (record.type.empty()) {
                 std::abort();
             }
-            for (const auto& [name, value] : record.fields) {
-                if (name.empty() || record.fields.View(name).data() == nullptr) {
+            for (const auto& field : record.fields) {
+                if (field.first.empty() || record.fields.View(field.first).data() == nullptr) {
                     std::abort();
                 }
-                (void)value.size();
             }
         }
     }

@@ -96,20 +96,6 @@ TEST(AuditParser, SplitsEventsByStampAndSkipsLinesThatAreNotRecords)
     EXPECT_EQ(parser.GetEvents()[0].FindRecord("PATH"), nullptr);
 }
 
-TEST(AuditParser, IgnoresTheEnrichedTailAndOpensUserMessages)
-{
-    SDK::AuditRecord record;
-    uint64_t header[2];
-    ASSERT_TRUE(AuditParser::ParseLine(
-        "node=web1 type=USER_LOGIN msg=audit(10.5:7): pid=1 msg='op=login acct=\"root\" res=failed'\x1d" "AUID=\"unset\" x=y",
-        header, record));
-    EXPECT_EQ(header[0], 10005U);
-    EXPECT_EQ(header[1], 7U);
-    EXPECT_EQ(record.type, "USER_LOGIN");
-    const std::vector<SDK::AuditFields::Field> expected = {{"node", "web1"}, {"pid", "1"}, {"op", "login"}, {"acct", "\"root\""}, {"res", "failed"}};
-    EXPECT_EQ(std::vector<SDK::AuditFields::Field>(record.fields.begin(), record.fields.end()), expected);
-}
-
 TEST(AuditParser, SetAndAddKeepEveryOtherFieldIntact)
 {
     AuditParser parser;

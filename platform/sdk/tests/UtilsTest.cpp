@@ -1,17 +1,13 @@
 #include "sdk/BoundedStr.h"
-#include "sdk/DirUtils.h"
-#include "sdk/FileUtils.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
-#include "sdk/ProcessUtils.h"
 #include "sdk/StrUtils.h"
+
+#include "TestCommon.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cstdlib>
-#include <fstream>
 
 using SDK::StrUtils;
 
@@ -61,20 +57,18 @@ TEST(PathUtils, InstallationPathComesFromTheEnvironmentOrTheProgramAndEndsInSlas
 // The agent configures logging at start and again from its configuration file.
 TEST(LoggerUtils, ReconfiguringKeepsEveryChannelAliveAndMakesTheLogDirectory)
 {
-    const std::string dir = "/tmp/hw_log_" + std::to_string(getpid());
+    TestSupport::TempDir dir;
     SDK::LoggerUtils::Options options;
     options.console = false;
-    options.filePath = dir + "/sub/agent.log";
+    options.filePath = dir.path() + "/sub/agent.log";
     SDK::LoggerUtils::GetInstance().Configure(options);
     Poco::Logger::get("first").information("one");
     SDK::LoggerUtils::GetInstance().Configure(options);
     Poco::Logger::get("first").information("two");
     Poco::Logger::get("second").information("three");
     SDK::LoggerUtils::GetInstance().Configure(SDK::LoggerUtils::Options{});  // back to the console
-    std::ifstream in(options.filePath);
-    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    const std::string text = TestSupport::ReadFile(options.filePath);
     for (const char* line : {"one", "two", "three"}) {
         EXPECT_NE(text.find(std::string(" ") + line + "\n"), std::string::npos) << text;
     }
-    std::system(("rm -rf " + dir).c_str());
 }
