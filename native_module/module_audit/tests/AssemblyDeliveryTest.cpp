@@ -12,6 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 using namespace Engine;
 using TestSupport::NamedTask;
+using TestSupport::Pipeline;
 using TestSupport::Subscriber;
 
 namespace {
@@ -23,30 +24,6 @@ std::string Line(const std::string& type, unsigned serial, const std::string& fi
 
 const std::string kOpen = "arch=c000003e syscall=2 success=yes exit=3 a0=1 a1=2 a2=3 a3=4 items=2 ppid=10 pid=11 "
                           "comm=\"cat\" exe=\"/usr/bin/cat\" key=\"k\"";
-
-// An audit log with one subscriber routed for every event of syscall 2 (open).
-struct Pipeline {
-    NamedTask owner{"audit_task"};
-    Subscriber subscriber;
-    AuditRules rules;
-    AuditLog log{&owner, &rules};
-    Pipeline()
-    {
-        auditSyscallDest dest;
-        dest.task = &subscriber;
-        dest.tag = "t";
-        log.syscallRoutes64.emplace(2, dest);
-    }
-    // The number of lines of each event delivered so far.
-    std::vector<size_t> Delivered()
-    {
-        std::vector<size_t> sizes;
-        for (const auto& [tag, event] : subscriber.Drain()) {
-            sizes.push_back(event->lines.size());
-        }
-        return sizes;
-    }
-};
 
 }  // namespace
 
@@ -77,8 +54,10 @@ TEST(Assembly, EventsEndAtTheirEndRecordTheNextEventOrAnIdlePoll)
     // The bug-for-bug part of execve: BPRM_FCAPS closes the event before EXECVE, CWD and PATH.
     Pipeline exec;
     exec.log.syscallRoutes64.emplace(59, exec.log.syscallRoutes64.begin()->second);
-    for (const std::string& line : TestSupport::EventLines("kernel-6.18-raw.log", 3558)) {
-        exec.log.HandleOneLineLog(line);
+    for (const std::string& line : TestSupport::ReadLines(TestSupport::FixturesDir() + "kernel-6.18-raw.log")) {
+        if (line.find(":3558):") != std::string::npos) {
+            exec.log.HandleOneLineLog(line);
+        }
     }
     EXPECT_EQ(exec.Delivered(), std::vector<size_t>{1}) << "the SYSCALL record alone";
     EXPECT_EQ(p.log.PackLogs("EOE", "x"), 2);
@@ -91,7 +70,7 @@ TEST(Assembly, ConfigChangesPutOurRemovedRulesBackAndQueueRefusedWatches)
     Pipeline p;
     NamedTask task("fw_task");
     TestSupport::WatchSub watch(&task, "t", "/tmp/fx/notyet/file -p wa");
-    p.rules.AddAuditRule(watch.msg, watch.rule, watch.stripped);
+    watch.AddTo(p.rules);
     const std::string key = "fw_task***t***/tmp/fx/notyet/file***wapidppid";
     ASSERT_TRUE(p.rules.RuleExists(key));
     const size_t before = install.Commands().size();
@@ -112,19 +91,16 @@ TEST(Assembly, ConfigChangesPutOurRemovedRulesBackAndQueueRefusedWatches)
 
 TEST(Delivery, TheArchitecturePicksTheTableAndFiltersAreCompared)
 {
-    NamedTask owner("audit_task");
-    Subscriber a("a_task");
-    AuditLog log(&owner, nullptr);
-    auditSyscallDest any;
-    any.task = &a;
-    log.syscallRoutes32.emplace(2, any);  // number 2 in the 32-bit table only
+    Pipeline p;
+    AuditLog& log = p.log;
+    log.syscallRoutes32.insert(log.syscallRoutes64.extract(2));  // number 2 in the 32-bit table only
     auto event = std::make_shared<AuditEvent>();
     event->syscall = 2;
     // Only x86-64 uses the 64-bit table, whatever another arch's prefix (aarch64 is c00000b7).
     for (const auto& [arch, delivered] : {std::pair<const char*, size_t>{"c000003e", 0}, {"40000003", 1}, {"", 2}, {"c00000b7", 3}}) {
         event->arch = arch;
         log.DeliverEvent(event);
-        EXPECT_EQ(a.Drain().size(), delivered) << arch;
+        EXPECT_EQ(p.subscriber.Drain().size(), delivered) << arch;
     }
 
     auditSyscallDest filtered;
@@ -166,16 +142,16 @@ TEST(Delivery, PathRoutesWalkUpOnceAndSendOneMessagePerTaskAndTag)
     Subscriber sub("fw_task");
     Subscriber twin("twin_task");
     AuditLog log(&owner, nullptr);
-    const auto route = [&](const std::string& path, Subscriber& to, const std::string& tag) {
+    const auto route = [](AuditLog& to, const std::string& path, Subscriber& task, const std::string& tag) {
         auditFileSystemDest dest;
-        dest.task = &to;
+        dest.task = &task;
         dest.tag = tag;
         dest.write = 1;
-        log.pathRoutes.emplace(path, dest);
+        to.pathRoutes.emplace(path, dest);
     };
-    route("/etc", sub, "same");
-    route("/etc/passwd", sub, "same");
-    route("/", sub, "root");
+    route(log, "/etc", sub, "same");
+    route(log, "/etc/passwd", sub, "same");
+    route(log, "/", sub, "root");
     auto event = std::make_shared<AuditEvent>();
     event->read = true;  // write-only routes still pass: exec and attr are clear on both sides
     AuditLogPath parent;
@@ -189,17 +165,15 @@ TEST(Delivery, PathRoutesWalkUpOnceAndSendOneMessagePerTaskAndTag)
     ASSERT_EQ(got.size(), 2U);  // "root" and "same", each once, in key order
     EXPECT_EQ(got[0].first + " " + got[1].first, "root same");
     EXPECT_EQ(got[0].second, event) << "the event is shared, not copied";
-    route("/etc", twin, "same");  // the same tag from another task is a message of its own
+    route(log, "/etc", twin, "same");  // the same tag from another task is a message of its own
     log.DeliverEvent(event);
     EXPECT_EQ(sub.Drain().size(), 4U);
     EXPECT_EQ(twin.Drain().size(), 1U);
 
     // A PARENT record alone never delivers; a relative path never reaches "/".
     AuditLog alone(&owner, nullptr);
-    auditFileSystemDest dest;
-    dest.task = &twin;
-    alone.pathRoutes.emplace("/", dest);
-    alone.pathRoutes.emplace("a", dest);
+    route(alone, "/", twin, "");
+    route(alone, "a", twin, "");
     event->paths = {parent};
     alone.DeliverEvent(event);
     EXPECT_EQ(twin.Drain().size(), 1U);

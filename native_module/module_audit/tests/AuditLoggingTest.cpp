@@ -6,14 +6,6 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-int g_built = 0;
-int Built()
-{
-    return ++g_built;
-}
-}  // namespace
-
 TEST(AuditLogging, WritesFormattedLinesWithSourceNameLineAndPriority)
 {
     TestSupport::LogCapture log(Poco::Message::PRIO_INFORMATION);
@@ -31,11 +23,11 @@ TEST(AuditLogging, WritesFormattedLinesWithSourceNameLineAndPriority)
 TEST(AuditLogging, BuildsNothingBelowTheLevelAndSwallowsFormattingErrors)
 {
     TestSupport::LogCapture log(Poco::Message::PRIO_WARNING);
-    g_built = 0;
-    AUDIT_LOG_DEBUG("value %d", Built());
-    EXPECT_EQ(g_built, 0) << "arguments are not evaluated when the level does not admit the line";
-    AUDIT_LOG_WARN("value %d", Built());
-    EXPECT_EQ(g_built, 1);
+    int built = 0;
+    AUDIT_LOG_DEBUG("value %d", ++built);
+    EXPECT_EQ(built, 0) << "arguments are not evaluated when the level does not admit the line";
+    AUDIT_LOG_WARN("value %d", ++built);
+    EXPECT_EQ(built, 1);
     // A value of the wrong type is marked by Poco::format; nothing escapes to the caller.
     EXPECT_NO_THROW(AUDIT_LOG_ERROR("number %d", std::string("not a number")));
     EXPECT_EQ(log.channel().Texts(), (std::vector<std::string>{"value 1", "number [ERRFMT]"}));

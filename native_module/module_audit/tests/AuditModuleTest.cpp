@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include <sstream>
 
 namespace {
@@ -35,15 +34,6 @@ Engine::AuditModule::TaskFactory Factory(int failAt)
             [failAt]() -> Engine::FileWatchAuditTask* { return failAt == 2 ? nullptr : new FileWatchTaskProbe; }};
 }
 
-std::string TaskNames(const Framework::Module& module)
-{
-    std::string names;
-    for (const Framework::Task* task : module.GetTasks()) {
-        names += task->GetName() + "/" + task->GetFeatureName() + " ";
-    }
-    return names;
-}
-
 }  // namespace
 
 TEST(AuditModule, CreatesBothTasksAtInitAndDestroysTheAuditTaskFirst)
@@ -56,10 +46,12 @@ TEST(AuditModule, CreatesBothTasksAtInitAndDestroysTheAuditTaskFirst)
         Framework::TaskRegistry registry;
         module.AttachRegistry(&registry);
         ASSERT_EQ(module.Init(), 0);
-        EXPECT_EQ(TaskNames(module), "audit_task/audit_feature filewatch_audit_task/audit_feature ");
+        std::string names;
         for (Framework::Task* task : module.GetTasks()) {
+            names += task->GetName() + "/" + task->GetFeatureName() + " ";
             registry.Add(task);
         }
+        EXPECT_EQ(names, "audit_task/audit_feature filewatch_audit_task/audit_feature ");
         module.UnInit();
         EXPECT_EQ(registry.Find("audit_task"), nullptr) << "name routes withdrawn";
         EXPECT_EQ(registry.Find("filewatch_audit_task"), nullptr);

@@ -8,7 +8,6 @@
 
 #include <fstream>
 #include <future>
-#include <thread>
 
 using namespace Engine;
 using TestSupport::StatusReplies;
@@ -16,24 +15,31 @@ using TestSupport::Subscriber;
 
 namespace {
 
+// A usable audit system without the kernel: a process whose executable is called auditd, a status
+// that names it with audit enabled, and an auditd configuration whose log is a file here.
 class AuditTaskTest : public testing::Test {
 protected:
+    AuditTaskTest()
+    {
+        replies_.status.enabled = 1;
+        replies_.status.pid = static_cast<__u32>(auditd_.pid);
+    }
     AuditSyscallCtrlMessage Syscall(Framework::Task* sender, const std::string& tag, const std::string& rule,
                                     const std::string& operate = "-a")
     {
         AuditSyscallCtrlMessage msg(sender);
-        msg.tag = tag;
-        msg.operate = operate;
-        msg.rule = rule;
+        std::tie(msg.tag, msg.operate, msg.rule) = std::tie(tag, operate, rule);
         return msg;
     }
     void AppendLog(const std::string& lines) { std::ofstream(logFile_, std::ios::app) << lines; }
 
     TestSupport::FakeInstallation install_;
-    TestSupport::FakeAuditSystem audit_;
-    StatusReplies& replies_ = audit_.replies;
-    const std::string logFile_ = audit_.logFile;
-    std::unique_ptr<AuditTask> task_ = std::make_unique<AuditTask>(audit_.conf, &audit_.replies);
+    TestSupport::TempDir dir_;
+    TestSupport::NamedProcess auditd_{dir_, "auditd"};
+    StatusReplies replies_;
+    const std::string logFile_ = dir_.Write("audit.log", "type=DAEMON_START msg=audit(1.000:1): op=start ver=3.0.9 format=raw res=success\n");
+    std::unique_ptr<AuditTask> task_ =
+        std::make_unique<AuditTask>(dir_.Write("auditd.conf", "log_file = " + logFile_ + "\nlog_format = RAW\n"), &replies_);
 };
 
 }  // namespace
@@ -110,13 +116,9 @@ TEST_F(AuditTaskTest, LogGrowthEndsTheWaitAndUnreadLinesSkipIt)
     task_->Receive(Syscall(&sub, "net", "exit,always -S getpgid"));
     task_->Turn(1000, lastScan);
     EXPECT_EQ(task_->NextWaitMs(), 100);
-    const auto waitEndsEarly = [&] {
-        auto wait = std::async(std::launch::async, [&] { return task_->GetEventWaiter().WaitAndHandleEvent(60000, 128); });
-        return wait.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
-    };
-    std::thread writer([&] { AppendLog("type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=121 items=0 pid=1 ppid=1\n"); });
-    EXPECT_TRUE(waitEndsEarly()) << "a wait of a minute did not end when the log grew";
-    writer.join();
+    auto wait = std::async(std::launch::async, [&] { return task_->GetEventWaiter().WaitAndHandleEvent(60000, 128); });
+    AppendLog("type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=121 items=0 pid=1 ppid=1\n");
+    EXPECT_EQ(wait.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "a wait of a minute did not end when the log grew";
     task_->Turn(1001, lastScan);
     task_->Turn(1002, lastScan);  // an idle poll ends the event
     EXPECT_EQ(sub.Drain().size(), 1U);
@@ -151,8 +153,7 @@ TEST_F(AuditTaskTest, DisabledAuditRefusesRulesAndStoresNothing)
     EXPECT_TRUE(capture.channel().Has("Aduit is disabled, task(net_task) handle rule(exit,always -S connect) failed."));
     EXPECT_TRUE(task_->Subscribers().empty());
     EXPECT_EQ(install_.Commands().size(), 1U);  // only Init's clean-up ran
-    AuditUnsubscribeMessage bye(&sub);
-    EXPECT_EQ(task_->Receive(bye), 0) << "unsubscribing works regardless";
+    EXPECT_EQ(task_->Receive(AuditUnsubscribeMessage(&sub)), 0) << "unsubscribing works regardless";
 }
 
 TEST_F(AuditTaskTest, RejectedRulesAndRemovalsStillRegisterTheSender)
@@ -197,7 +198,7 @@ TEST_F(AuditTaskTest, TheLastUnsubscribeRemovesEverythingButTheReaderKeepsItsPla
     Subscriber a("a_task");
     Subscriber b("b_task");
     EXPECT_EQ(task_->Receive(Syscall(&a, "x", "exit,always -S open")), 0);
-    EXPECT_EQ(task_->Receive(TestSupport::WatchSub(&b, "fs", audit_.dir.path() + " -p wa").msg), 0);
+    EXPECT_EQ(task_->Receive(TestSupport::WatchSub(&b, "fs", dir_.path() + " -p wa").msg), 0);
     EXPECT_EQ(task_->Rules().ruleCommands.size(), 2U);
 
     // Without a sender the empty name would match every key ("-D -k ***"): refused.

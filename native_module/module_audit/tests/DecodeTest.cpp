@@ -57,10 +57,9 @@ TEST(HexConversions, FollowTheAuditEncoding)
     EXPECT_EQ(getStringValueFromHex("41G2"), std::string("A\0", 2));  // an invalid pair gives a zero byte
     EXPECT_EQ(getStringValueFromHex("414"), "A\x04");                   // a lone last digit stands alone
     EXPECT_EQ(getStringValueFromHex(""), "");
-    EXPECT_EQ(DecimalOrMinusOne("42"), 42);
-    EXPECT_EQ(DecimalOrMinusOne("-3"), -3);
-    for (const char* bad : {"", "abc", "12x", "2147483648", " 1"}) {
-        EXPECT_EQ(DecimalOrMinusOne(bad), -1) << bad;
+    for (const auto& [text, value] : {std::pair<const char*, int>{"42", 42}, {"-3", -3}, {"", -1}, {"abc", -1}, {"12x", -1},
+                                      {"2147483648", -1}, {" 1", -1}}) {
+        EXPECT_EQ(DecimalOrMinusOne(text), value) << text;
     }
 }
 

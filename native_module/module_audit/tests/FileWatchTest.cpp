@@ -5,7 +5,6 @@
 #include "FileWatchAuditTask.h"
 
 #include "AuditConstants.h"
-#include "AuditLog.h"
 #include "SyscallTables.h"
 
 #include "framework/TaskRegistry.h"
@@ -16,12 +15,10 @@
 
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
 #include <map>
-#include <regex>
 #include <thread>
 
 using namespace Engine;
@@ -53,15 +50,15 @@ FileNotifyRule Rule(const std::string& path, bool recursive, uint32_t mask = kNo
     return rule;
 }
 
-// The notifications sink received since the last call, as "[sink ]kind path[ -> dest][ dir]"
-// with root written as W.
-Notes Take(Subscriber& sink, const std::string& root, bool named = false)
+// The notifications sink received since the last call, as "kind path[ -> dest][ dir]" with root
+// written as W.
+Notes Take(Subscriber& sink, const std::string& root)
 {
     sink.Drain();
     const auto shorten = [&](const std::string& p) { return p.compare(0, root.size(), root) == 0 ? "W" + p.substr(root.size()) : p; };
     Notes out;
     for (const AuditEventResult& r : std::exchange(sink.notifications, {})) {
-        out.push_back((named ? sink.GetName() + " " : "") + std::to_string(r.event) + " " + shorten(r.path) +
+        out.push_back(std::to_string(r.event) + " " + shorten(r.path) +
                       (r.destPath.empty() ? "" : " -> " + shorten(r.destPath)) + (r.isDir ? " dir" : ""));
     }
     return out;

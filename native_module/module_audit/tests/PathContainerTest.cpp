@@ -122,18 +122,13 @@ TEST(PathHelpers, PathsInContainersAreTranslatedToTheHostAndBadProcessIdsDropThe
     // A process id that does not convert drops the event's paths, but not the event.
     AuditLogPath record;
     EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event("1", ""), record), -1);
-    TestSupport::NamedTask owner("audit_task");
-    TestSupport::Subscriber sub;
-    AuditLog routed(&owner, nullptr);
-    auditSyscallDest dest;
-    dest.task = &sub;
-    routed.syscallRoutes64.emplace(2, dest);
+    TestSupport::Pipeline routed;
     auto event = Event("abc", "1");
     event->lines = {"type=SYSCALL msg=audit(1.000:1): arch=c000003e syscall=2 items=2 pid=abc ppid=1",
                     "type=CWD msg=audit(1.000:1): cwd=\"/\"", "type=PATH msg=audit(1.000:1): item=0 name=\"/a\"",
                     "type=PATH msg=audit(1.000:1): item=1 name=\"/b\""};
-    EXPECT_EQ(routed.ParseAndDeliverLogs(event), 0);
-    EXPECT_EQ(sub.Drain().size(), 1U);
+    EXPECT_EQ(routed.log.ParseAndDeliverLogs(event), 0);
+    EXPECT_EQ(routed.Delivered(), std::vector<size_t>{4});
     EXPECT_TRUE(event->paths.empty());
     EXPECT_FALSE(event->write) << "the access kinds are skipped too";
     engine.StopAll();
@@ -159,14 +154,12 @@ TEST(CreatedPaths, ACreateOnAWaitedWatchPathInstallsTheWatchOnce)
 {
     TestSupport::FakeInstallation install;
     TestSupport::TempDir dir;
-    TestSupport::NamedTask owner("audit_task");
     TestSupport::NamedTask task("fw_task");
-    AuditRules rules;
-    AuditLog log(&owner, &rules);
+    TestSupport::Pipeline p;
     const std::string file = dir.Write("appeared", "x");
     TestSupport::WatchSub watch(&task, "t", file + " -p wa");
-    rules.AddAuditRule(watch.msg, watch.rule, watch.stripped);
-    log.AddLogRoute(watch.msg, watch.rule);
+    watch.AddTo(p.rules);
+    p.log.AddLogRoute(watch.msg, watch.rule);
     const size_t before = install.Commands().size();
 
     auto event = std::make_shared<AuditEvent>();
@@ -177,7 +170,7 @@ TEST(CreatedPaths, ACreateOnAWaitedWatchPathInstallsTheWatchOnce)
             fields.Add("objtype", objtype);  // objtype wins over nametype
         }
         fields.Add("nametype", "CREATE");
-        EXPECT_EQ(log.GenerateLogPathForOneRecord(event, fields, "/"), 0);
+        EXPECT_EQ(p.log.GenerateLogPathForOneRecord(event, fields, "/"), 0);
         return install.Commands().size() - before;
     };
     EXPECT_EQ(record(""), 2U);

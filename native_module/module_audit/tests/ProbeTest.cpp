@@ -31,8 +31,7 @@ TEST(ProbeConfiguration, ReadsTheLogPathAndRefusesNoLog)
     check("space_left = 75\n", false);
     EXPECT_TRUE(capture.channel().Has("Not find log path in /etc/audit/auditd.conf."));
     EXPECT_TRUE(capture.channel().Has("Audit log format is invalid."));
-    GetAuditConfAndStatus missing(dir.path() + "/nothing.conf");
-    EXPECT_FALSE(missing.GetAuditLogPath());
+    EXPECT_FALSE(GetAuditConfAndStatus(dir.path() + "/nothing.conf").GetAuditLogPath());
     EXPECT_TRUE(capture.channel().Has("Open /etc/audit/auditd.conf falied."));
 }
 
@@ -42,40 +41,35 @@ TEST(ProbeStatus, TakesTheStatusReplyAndGivesUpAfterFortyOthers)
     TestSupport::LogCapture capture;
     TestSupport::StatusReplies replies;
     replies.otherType = 1001;
-    GetAuditConfAndStatus probe(dir.Write("auditd.conf", ""), &replies);
-    audit_status status{};
-
-    replies.status.enabled = 1;
     replies.status.pid = 42;
-    replies.script = {-1, 1001, 1000};
-    EXPECT_TRUE(probe.GetAuditStatus(status));
-    EXPECT_EQ(status.pid, 42U);
-    EXPECT_EQ(replies.closes, 1);
+    GetAuditConfAndStatus probe(dir.Write("auditd.conf", ""), &replies);
+    struct Case {
+        int open, request;
+        std::deque<int> script;  // reply types, then only 1001s
+        bool taken;
+        const char* logged;
+        int gets, closes;  // replies taken; sockets closed so far
+    };
+    const Case cases[] = {
+        {3, 1, {-1, 1001, 1000}, true, "Get the audit system's reply type(1001), try again.", 3, 1},
+        {3, 1, {}, false, "", 40, 2},
+        {3, 1, {2}, false, "Get the audit system's reply type(2), get status falied.", 1, 3},
+        {3, 0, {}, false, "Request status of the audit failed, ret(0).", 0, 4},
+        {-1, 1, {}, false, "Open audit socket failed.", 0, 4},  // nothing to close
+    };
+    for (const Case& c : cases) {
+        std::tie(replies.openResult, replies.requestResult, replies.script, replies.gets) = std::make_tuple(c.open, c.request, c.script, 0);
+        audit_status status{};
+        EXPECT_EQ(probe.GetAuditStatus(status), c.taken) << c.logged;
+        EXPECT_EQ(status.pid, c.taken ? 42U : 0U) << c.logged;
+        EXPECT_EQ(replies.gets, c.gets) << c.logged;
+        EXPECT_EQ(replies.closes, c.closes) << c.logged;
+        EXPECT_TRUE(*c.logged == '\0' || capture.channel().Has(c.logged)) << c.logged;
+    }
     const std::vector<std::string> texts = capture.channel().Texts();
     EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [](const std::string& text) {
         return text.rfind("Get the audit system's reply failed, errno(", 0) == 0 && text.find("), try again.") != std::string::npos;
     }));
-    EXPECT_TRUE(capture.channel().Has("Get the audit system's reply type(1001), try again."));
-
-    replies.gets = 0;
-    EXPECT_FALSE(probe.GetAuditStatus(status));  // only other types
-    EXPECT_EQ(replies.gets, 40);
-    EXPECT_EQ(replies.closes, 2);
-
-    replies.script = {2};
-    EXPECT_FALSE(probe.GetAuditStatus(status));
-    EXPECT_TRUE(capture.channel().Has("Get the audit system's reply type(2), get status falied."));
-    EXPECT_EQ(replies.closes, 3);
-
-    replies.requestResult = 0;
-    EXPECT_FALSE(probe.GetAuditStatus(status));
-    EXPECT_TRUE(capture.channel().Has("Request status of the audit failed, ret(0)."));
-    EXPECT_EQ(replies.closes, 4);
-
-    replies.openResult = -1;
-    EXPECT_FALSE(probe.GetAuditStatus(status));
-    EXPECT_TRUE(capture.channel().Has("Open audit socket failed."));
-    EXPECT_EQ(replies.closes, 4) << "nothing to close";
 }
 
 TEST(ProbeEnabled, NeedsEnabledExactlyOneARealAuditdAndAUsableConfiguration)

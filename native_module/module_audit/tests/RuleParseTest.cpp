@@ -169,9 +169,7 @@ TEST(RuleParse, SurvivesRandomRuleTexts)
         } catch (const std::out_of_range&) {
         }
     }
-    EXPECT_GT(results[0], 0);
-    EXPECT_GT(results[1], 0);
-    EXPECT_GT(results[2], 0);
+    EXPECT_GT(std::min({results[0], results[1], results[2]}), 0) << "every result code occurs";
     parameterNumberMap.erase("");
     parameterNumberMap.erase("uid");
 }

@@ -1,6 +1,5 @@
 #include "TestSupport.h"
 
-#include "AuditLog.h"
 #include "AuditLogging.h"
 #include "AuditTask.h"
 #include "AuditUtil.h"
@@ -9,9 +8,9 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 namespace TestSupport {
 
@@ -117,14 +116,6 @@ NamedProcess::~NamedProcess()
     waitpid(pid, nullptr, 0);
 }
 
-FakeAuditSystem::FakeAuditSystem()
-{
-    replies.status.enabled = 1;
-    replies.status.pid = static_cast<__u32>(auditd.pid);
-    logFile = dir.Write("audit.log", "type=DAEMON_START msg=audit(1.000:1): op=start ver=3.0.9 format=raw res=success\n");
-    conf = dir.Write("auditd.conf", "log_file = " + logFile + "\nlog_format = RAW\n");
-}
-
 Subscriber::Subscriber(const std::string& name, size_t capacity)
     : Framework::Task(name, "test", Framework::TaskCondition::kLoop, capacity)
 {
@@ -149,19 +140,14 @@ const std::vector<std::pair<std::string, std::shared_ptr<Engine::AuditEvent>>>& 
 SyscallSub::SyscallSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate)
     : msg(sender)
 {
-    msg.tag = tag;
-    msg.operate = operate;
-    msg.rule = text;
+    std::tie(msg.tag, msg.operate, msg.rule) = std::tie(tag, operate, text);
     Engine::StripKeyInCmd(text, stripped);
     parsed = Engine::LinuxAuditUtil::auditDistractSyscallRule(msg, rule);
 }
 
 WatchSub::WatchSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate)
 {
-    msg.sender = sender;
-    msg.tag = tag;
-    msg.operate = operate;
-    msg.rule = text;
+    std::tie(msg.sender, msg.tag, msg.operate, msg.rule) = std::tie(sender, tag, operate, text);
     Engine::StripKeyInCmd(text, stripped);
     parsed = Engine::LinuxAuditUtil::auditDistractFilesystemRule(msg, rule);
 }
@@ -180,18 +166,6 @@ std::shared_ptr<Engine::AuditEvent> DecodeEvent(const std::vector<std::string>& 
         *result = rc;
     }
     return event;
-}
-
-std::vector<std::string> EventLines(const std::string& capture, unsigned long serial)
-{
-    const std::string stamp = ":" + std::to_string(serial) + "):";
-    std::vector<std::string> lines;
-    for (const std::string& line : ReadLines(FixturesDir() + capture)) {
-        if (line.find(stamp) != std::string::npos) {
-            lines.push_back(line);
-        }
-    }
-    return lines;
 }
 
 }  // namespace TestSupport

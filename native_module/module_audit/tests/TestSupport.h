@@ -4,8 +4,10 @@
 #include <Poco/Channel.h>
 #include <Poco/Message.h>
 
+#include "AuditLog.h"
 #include "AuditMessages.h"
 #include "AuditRule.h"
+#include "AuditRules.h"
 #include "GetAuditConfAndStatus.h"
 
 #include "TestCommon.h"
@@ -84,18 +86,6 @@ public:
     pid_t pid = -1;
 };
 
-/// A usable audit system without the kernel: a process whose executable is called auditd, a
-/// status that names it with audit enabled, and an auditd configuration whose log is a file here.
-class FakeAuditSystem {
-public:
-    FakeAuditSystem();
-    TempDir dir;
-    NamedProcess auditd{dir, "auditd"};
-    StatusReplies replies;
-    std::string logFile;  ///< holds one line at the start
-    std::string conf;     ///< the configuration naming logFile
-};
-
 /// A subscriber task that keeps every AuditEventMessage it receives (call Drain to dispatch).
 class Subscriber : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
 public:
@@ -113,18 +103,46 @@ public:
     explicit NamedTask(const std::string& name) : Framework::Task(name, "test", Framework::TaskCondition::kLoop, 64) {}
 };
 
-/// A system-call subscription as a subscriber sends it, parsed as the audit task parses it.
+/// An audit log owned by audit_task, with its rule registry, routing every event of system call 2
+/// (open) on x86-64 to one subscriber with the tag t.
+struct Pipeline {
+    NamedTask owner{"audit_task"};
+    Subscriber subscriber;
+    Engine::AuditRules rules;
+    Engine::AuditLog log{&owner, &rules};
+    Pipeline()
+    {
+        Engine::auditSyscallDest dest;
+        dest.task = &subscriber;
+        dest.tag = "t";
+        log.syscallRoutes64.emplace(2, dest);
+    }
+    /// The number of lines of each event delivered so far.
+    std::vector<size_t> Delivered()
+    {
+        std::vector<size_t> sizes;
+        for (const auto& [tag, event] : subscriber.Drain()) {
+            sizes.push_back(event->lines.size());
+        }
+        return sizes;
+    }
+};
+
+/// A system-call subscription as a subscriber sends it, parsed as the audit task parses it; AddTo
+/// gives it to a rule registry as the audit task does.
 struct SyscallSub {
     SyscallSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate = "-a");
+    bool AddTo(Engine::AuditRules& rules) { return rules.AddAuditRule(msg, rule, stripped); }
     Engine::AuditSyscallCtrlMessage msg;
     Engine::SyscallRule rule;
     std::string stripped;  ///< the text without its key, as the rule registry takes it
     int parsed;            ///< the parser's result code
 };
 
-/// A watch subscription as a subscriber sends it, parsed as the audit task parses it.
+/// A watch subscription, the same way.
 struct WatchSub {
     WatchSub(Framework::Task* sender, const std::string& tag, const std::string& text, const std::string& operate = "-w");
+    bool AddTo(Engine::AuditRules& rules) { return rules.AddAuditRule(msg, rule, stripped); }
     Engine::AuditFileSystemCtrlMessage msg{nullptr, "", {}, _FileNotifyOpt{}};
     Engine::FileSystemRule rule;
     std::string stripped;
@@ -134,8 +152,5 @@ struct WatchSub {
 /// Decodes the lines of one event as record assembly would, delivering nowhere; result gets
 /// ParseAndDeliverLogs' code.
 std::shared_ptr<Engine::AuditEvent> DecodeEvent(const std::vector<std::string>& lines, int* result = nullptr);
-
-/// The lines of the capture whose stamp has this serial, in file order.
-std::vector<std::string> EventLines(const std::string& capture, unsigned long serial);
 
 }  // namespace TestSupport
