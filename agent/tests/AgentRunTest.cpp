@@ -12,13 +12,6 @@
 
 namespace {
 
-// A running hostwarden; stop status and standard error at the end.
-std::unique_ptr<TestSupport::Program> Agent(const std::string& home)
-{
-    return std::make_unique<TestSupport::Program>(std::vector<std::string>{HW_HOSTWARDEN, "run"},
-                                                  std::vector<std::string>{"HOSTWARDEN_HOME=" + home});
-}
-
 // An installation of the built agent: both modules, an auditctl that only records its calls (so
 // no test here changes the kernel's rules), and a configuration.
 struct Installation {
@@ -30,6 +23,12 @@ struct Installation {
         std::filesystem::create_symlink(HW_AUDIT_MODULE, home + "/lib/modules/libaudit_module.so");
         std::filesystem::create_symlink(HW_EXPORT_MODULE, home + "/lib/modules/libexport_module.so");
     }
+    // hostwarden run in it.
+    std::unique_ptr<TestSupport::Program> Run() const
+    {
+        return std::make_unique<TestSupport::Program>(std::vector<std::string>{HW_HOSTWARDEN, "run"},
+                                                      std::vector<std::string>{"HOSTWARDEN_HOME=" + home});
+    }
     TestSupport::TempDir dir;
     const std::string home = dir.path();
 };
@@ -39,7 +38,7 @@ struct Installation {
 TEST(AgentRun, ABadConfigurationIsNamedAndNothingIsLoaded)
 {
     Installation install(R"({"subscriptions": [{"tag": "x", "syscall": "exit,always -S open -F dir=/tmp"}]})");
-    auto agent = Agent(install.home);
+    auto agent = install.Run();
     EXPECT_EQ(agent->Wait(), 78) << agent->err;
     EXPECT_NE(agent->err.find("hostwarden: bad configuration " + install.home + "/etc/hostwarden.json: "
                               "subscriptions[0].syscall: field 'dir' is not one the module filters on"),
@@ -55,7 +54,7 @@ class AgentRunSignals : public testing::TestWithParam<int> {};
 TEST_P(AgentRunSignals, LoadsTheInstalledModulesAndStopsCleanlyOnSignal)
 {
     Installation install(R"({"output": {"file": "events.jsonl"}})");
-    auto agent = Agent(install.home);
+    auto agent = install.Run();
     ASSERT_TRUE(agent->WaitFor("Every subscription is installed in the kernel.", false)) << agent->err;
     for (const char* text : {"Agent started with 2 module(s)", "Loaded module audit_module.", "Loaded module export_module."}) {
         EXPECT_NE(agent->err.find(text), std::string::npos) << text;

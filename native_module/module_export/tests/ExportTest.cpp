@@ -16,25 +16,6 @@
 
 using TestSupport::ReadFile;
 
-namespace {
-
-Engine::AuditEventResult Notification(const std::string& path, int kind)
-{
-    Engine::AuditEventResult result;
-    result.path = path;
-    result.event = kind;
-    return result;
-}
-
-std::shared_ptr<Engine::AuditEvent> Event(const std::string& exe = "")
-{
-    auto event = std::make_shared<Engine::AuditEvent>();
-    event->exe = exe;
-    return event;
-}
-
-}  // namespace
-
 TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
 {
     TestSupport::TempDir home;
@@ -116,13 +97,10 @@ TEST(ExportTask, WritesEachTurnOnceValidUtf8AndReopensAMovedFile)
     ASSERT_EQ(task.Init(), 0);
     Engine::AuditEventMessage event;
     event.tag = "exec";
-    event.event = Event(std::string("/tmp/\xff\xfe", 7));
+    event.event = std::make_shared<Engine::AuditEvent>();
+    event.event->exe = std::string("/tmp/\xff\xfe", 7);
     task.Receive(event);
-    Engine::AuditEventResult moved = Notification("/nowhere/f", 192);
-    moved.destPath = "/nowhere/g";
-    moved.isDir = true;
-    moved.extra = {{"syscall", "82"}, {"comm", "mv"}};
-    task.Receive(Engine::AuditEventMessage(nullptr, moved.path, moved.destPath, moved.event, moved.isDir, moved.extra));
+    task.Receive(Engine::AuditEventMessage(nullptr, "/nowhere/f", "/nowhere/g", 192, true, {{"syscall", "82"}, {"comm", "mv"}}));
     EXPECT_EQ(ReadFile(config.output.file), "") << "written at the end of the turn";
     task.EndTurn();
     const std::string first = ReadFile(config.output.file);
@@ -147,21 +125,15 @@ TEST(ExportTask, WritesEachTurnOnceValidUtf8AndReopensAMovedFile)
 // rules were subscribed; each copy gets the tag of its rule.
 TEST(ExportTask, NotificationsCarryTheTagsOfTheWatchesThatCoverThem)
 {
-    Export::AgentConfig config;
-    for (const auto& [tag, path, events] : {std::tuple<const char*, const char*, uint32_t>{"etc", "/etc", 966}, {"ssh", "/etc/ssh", 256},
-                                            {"etcd", "/etcd", 966}, {"root", "/", 512}}) {
-        Export::Subscription s;
-        s.tag = tag;
-        s.watch = path;
-        s.events = events;
-        config.subscriptions.push_back(s);
-    }
+    Export::AgentConfig config;  // entry, tag, syscall, watch, recursive, events
+    config.subscriptions = {{"", "etc", "", "/etc", false, 966}, {"", "ssh", "", "/etc/ssh", false, 256},
+                            {"", "etcd", "", "/etcd", false, 966}, {"", "root", "", "/", false, 512}};
     Export::ExportTask task(config, nullptr);
     std::string tags;
     for (const auto& [path, kind] : {std::pair<const char*, int>{"/etc/passwd", 2}, {"/etc/passwd", 2}, {"/etc/ssh/x", 256},
                                      {"/etc/ssh/x", 256}, {"/etc/ssh/x", 256}, {"/etc/ssh/x", 512}, {"/etc/ssh/x", 512},
                                      {"/etcd/x", 2}, {"/var/x", 2}}) {
-        tags += task.NotificationTag(Notification(path, kind)) + " ";
+        tags += task.NotificationTag(Engine::AuditEventMessage(nullptr, path, "", kind, false, {}).result) + " ";
     }
     // A repeat of the same notification is the next covering rule's copy; ssh wants no deletes,
     // etcd covers no /etc/ssh, and / wants deletes only.
@@ -189,15 +161,8 @@ private:
 // refuses it, finds the audit system unusable, is not there to answer, or auditctl fails.
 TEST(ExportTask, StopsTheAgentUnlessEverySubscriptionReachesTheKernel)
 {
-    Export::AgentConfig config;
-    Export::Subscription rule;
-    rule.tag = "exec";
-    rule.syscall = "exit,always -F arch=b64 -S execve";
-    Export::Subscription watch;
-    watch.tag = "etc";
-    watch.watch = "/etc";
-    watch.events = 256;
-    config.subscriptions = {rule, watch};
+    Export::AgentConfig config;  // entry, tag, syscall, watch, recursive, events
+    config.subscriptions = {{"", "exec", "exit,always -F arch=b64 -S execve", "", false, 0}, {"", "etc", "", "/etc", false, 256}};
     const std::string kernel = "-a always,exit -F arch=b64 -S execve -F key=export_task***execexecvepidppid\n"
                                "-w /etc -p wa -k filewatch_audit_task***submodule***/etc***wapidppid\n";
     const std::tuple<const char*, int, std::string, int> cases[] = {  // answer 99: no audit tasks
@@ -239,7 +204,7 @@ TEST(ExportTask, TheOutputRotatesBySizeAndWhatArrivedBeforeTheStopIsWritten)
     Export::ExportTask rotating(config, nullptr);
     ASSERT_EQ(rotating.Init(), 0);
     Engine::AuditEventMessage event;
-    event.event = Event();
+    event.event = std::make_shared<Engine::AuditEvent>();
     for (int turn = 0; turn < 12; ++turn) {
         rotating.Receive(event);  // some 600 bytes a line
         rotating.EndTurn();
@@ -261,7 +226,7 @@ TEST(ExportTask, TheOutputRotatesBySizeAndWhatArrivedBeforeTheStopIsWritten)
     ASSERT_EQ(task->Init(), 0);
     for (int i = 0; i < 3000; ++i) {
         auto* message = new Engine::AuditEventMessage;
-        message->event = Event();
+        message->event = std::make_shared<Engine::AuditEvent>();
         task->PostMsg(message);
     }
     task->Stop();

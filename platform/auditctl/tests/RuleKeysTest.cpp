@@ -8,39 +8,38 @@
 
 namespace {
 
-// A rule as the kernel lists it: fields with their values, and string fields' text packed in buf.
-struct RuleBuilder {
-    void Number(__u32 field, __u32 value) { fields.emplace_back(field, value); }
-    void String(__u32 field, const std::string& text)
-    {
-        fields.emplace_back(field, static_cast<__u32>(text.size()));
-        buf += text;
-    }
-    std::unique_ptr<audit_rule_data, decltype(&std::free)> Build() const
-    {
-        auto* rule = static_cast<audit_rule_data*>(std::calloc(1, sizeof(audit_rule_data) + buf.size()));
-        rule->field_count = static_cast<__u32>(fields.size());
-        for (size_t i = 0; i < fields.size(); ++i) {
-            rule->fields[i] = fields[i].first;
-            rule->values[i] = fields[i].second;
-        }
-        rule->buflen = static_cast<__u32>(buf.size());
-        std::memcpy(rule->buf, buf.data(), buf.size());
-        return {rule, &std::free};
-    }
-    std::vector<std::pair<__u32, __u32>> fields;
-    std::string buf;
+// One field of a rule: a number field's value, or a string field's text (its value is then the
+// text's length, and the text is packed into the rule's buf).
+struct Field {
+    __u32 field;
+    __u32 value;
+    std::string text;
 };
+
+// A rule as the kernel lists it.
+std::unique_ptr<audit_rule_data, decltype(&std::free)> Rule(const std::vector<Field>& fields)
+{
+    std::string buf;
+    for (const Field& f : fields) {
+        buf += f.text;
+    }
+    auto* rule = static_cast<audit_rule_data*>(std::calloc(1, sizeof(audit_rule_data) + buf.size()));
+    rule->field_count = static_cast<__u32>(fields.size());
+    for (size_t i = 0; i < fields.size(); ++i) {
+        rule->fields[i] = fields[i].field;
+        rule->values[i] = fields[i].text.empty() ? fields[i].value : static_cast<__u32>(fields[i].text.size());
+    }
+    rule->buflen = static_cast<__u32>(buf.size());
+    std::memcpy(rule->buf, buf.data(), buf.size());
+    return {rule, &std::free};
+}
 
 }  // namespace
 
 TEST(RuleKeys, FindsTheKeyBehindOtherStringFieldsAndSplitsSeveralKeys)
 {
-    RuleBuilder watch;  // -w /tmp/x -p wa -k k1 -k k2, as the kernel stores it
-    watch.String(AUDIT_WATCH, "/tmp/x");
-    watch.Number(AUDIT_PERM, 10);
-    watch.String(AUDIT_FILTERKEY, "net_task***a\x01other");
-    const auto rule = watch.Build();
+    // -w /tmp/x -p wa -k net_task***a -k other, as the kernel stores it
+    const auto rule = Rule({{AUDIT_WATCH, 0, "/tmp/x"}, {AUDIT_PERM, 10, ""}, {AUDIT_FILTERKEY, 0, "net_task***a\x01other"}});
     EXPECT_EQ(Auditctl::RuleKeys(*rule), (std::vector<std::string>{"net_task***a", "other"}));
     EXPECT_TRUE(Auditctl::RuleKeyContains(*rule, "_task***"));
     EXPECT_TRUE(Auditctl::RuleKeyContains(*rule, "other"));
@@ -50,14 +49,8 @@ TEST(RuleKeys, FindsTheKeyBehindOtherStringFieldsAndSplitsSeveralKeys)
 
 TEST(RuleKeys, RulesWithoutKeyOrWithBadLengthsGiveNoKey)
 {
-    RuleBuilder plain;
-    plain.Number(AUDIT_ARCH, AUDIT_ARCH_X86_64);
-    plain.String(AUDIT_DIR, "/etc");
-    EXPECT_TRUE(Auditctl::RuleKeys(*plain.Build()).empty());
-
-    RuleBuilder broken;
-    broken.String(AUDIT_FILTERKEY, "k");
-    auto rule = broken.Build();
+    EXPECT_TRUE(Auditctl::RuleKeys(*Rule({{AUDIT_ARCH, AUDIT_ARCH_X86_64, ""}, {AUDIT_DIR, 0, "/etc"}})).empty());
+    auto rule = Rule({{AUDIT_FILTERKEY, 0, "k"}});
     rule->values[0] = 1000;  // longer than buf
     EXPECT_TRUE(Auditctl::RuleKeys(*rule).empty());
     rule->field_count = 5000;  // more than the kernel allows

@@ -39,6 +39,11 @@ std::unique_ptr<Framework::Module> Tasks(std::vector<Framework::Task*> tasks, co
 
 using TestSupport::ReadFile;
 
+bool Mapped(const std::string& library)
+{
+    return ReadFile("/proc/self/maps").find(library) != std::string::npos;
+}
+
 }  // namespace
 
 TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
@@ -72,15 +77,6 @@ TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
     EXPECT_EQ(ReadFile(log), "init task\nuninit task\nuninit module\ndestroy task\ndestroy module\n");
     unsetenv("HW_TEST_MODULE_LOG");
 }
-
-namespace {
-
-bool Mapped(const std::string& library)
-{
-    return ReadFile("/proc/self/maps").find(library) != std::string::npos;
-}
-
-}  // namespace
 
 TEST(Engine, RefusedLibrariesAreUnloaded)
 {

@@ -1,5 +1,6 @@
 // Tasks: dispatch, delivery by name, bounded queues, the waiter, receipts, and a stop under load.
 #include "TestMessages.h"
+#include "TestCommon.h"
 
 #include "framework/Task.h"
 #include "framework/TaskRegistry.h"
@@ -8,37 +9,23 @@
 
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 namespace {
 
-// Records the pings it receives, in order, per sender; answers 7.
+// Records the pings it receives, as (sender, number), in order; answers 7.
 class RecordingTask : public Framework::Task, public PingReceiver {
 public:
     explicit RecordingTask(const std::string& name, size_t capacity = 1024)
         : Framework::Task(name, "test_feature", Framework::TaskCondition::kLoop, capacity) {}
     int OnPing(const PingMessage& msg) override
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        received[msg.sender].push_back(msg.seq);
-        ++total;
-        changed.notify_all();
+        received.Push({msg.sender, msg.seq});
         return 7;
     }
-    bool WaitFor(size_t count)
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(20), [&] { return total >= count; });
-    }
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::map<std::string, std::vector<int>> received;
-    size_t total = 0;
+    TestSupport::Inbox<std::pair<std::string, int>> received;
 };
 
 // A task without the ping receiver.
@@ -84,7 +71,7 @@ TEST(Task, DispatchDeliveryByNameAndBoundedQueues)
     EXPECT_FALSE(sender.SendDirectMsg("receiver", new PingMessage("sender", 9, &alive)));
     EXPECT_EQ(receiver.BulkConsumeMsg(2), 2) << "at most max per call";
     EXPECT_EQ(receiver.BulkConsumeMsg(10), 1);
-    EXPECT_EQ(receiver.received["sender"], (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(receiver.received.Snapshot(), (std::vector<std::pair<std::string, int>>{{"me", 1}, {"sender", 0}, {"sender", 1}, {"sender", 2}}));
     EXPECT_EQ(alive.load(), 0);
 }
 
@@ -108,15 +95,19 @@ TEST(Task, StopsAndJoinsUnderLoadKeepingPerSenderOrderAndLosingNoMemory)
                 }
             });
         }
-        ASSERT_TRUE(task.WaitFor(64));  // at least what fits in the queue arrives
+        // At least what fits in the queue arrives.
+        ASSERT_TRUE(TestSupport::WaitUntil([&task] { return task.received.Snapshot().size() >= 64; }));
         task.Stop();
         runner.join();
         for (std::thread& t : senders) {
             t.join();
         }
-        EXPECT_EQ(task.total + task.DroppedCount() + task.PendingCount(), sent.load());
-        for (const auto& [sender, seqs] : task.received) {
-            EXPECT_TRUE(std::is_sorted(seqs.begin(), seqs.end())) << sender;
+        const auto received = task.received.Snapshot();
+        EXPECT_EQ(received.size() + task.DroppedCount() + task.PendingCount(), sent.load());
+        std::map<std::string, int> last;
+        for (const auto& [sender, seq] : received) {
+            ASSERT_LT(last.try_emplace(sender, -1).first->second, seq) << sender;
+            last[sender] = seq;
         }
     }
     EXPECT_EQ(alive.load(), 0) << "queued messages are destroyed with their task";

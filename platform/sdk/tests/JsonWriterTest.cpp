@@ -1,9 +1,8 @@
-// The JSON writer against independent oracles: Poco's JSON parser reads back what it wrote, and
-// iconv's strict UTF-8 decoder accepts every line, whatever bytes the values held.
+// The JSON writer: its exact text, and for any bytes two independent oracles: Poco's JSON parser
+// reads back what it wrote, and iconv's strict UTF-8 decoder accepts every line.
 #include "sdk/JsonWriter.h"
 
 #include <Poco/JSON/Array.h>
-#include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
 #include <gtest/gtest.h>
@@ -46,7 +45,7 @@ std::string Recover(const std::string& value)
 
 }  // namespace
 
-TEST(JsonWriter, WritesNestedValuesThatAParserReadsBack)
+TEST(JsonWriter, WritesNestedValuesAsExactJson)
 {
     std::string out;
     JsonWriter json(out);
@@ -69,15 +68,8 @@ TEST(JsonWriter, WritesNestedValuesThatAParserReadsBack)
     json.EndObject();
     json.Field("utf8", std::string("gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80"));
     json.EndObject();
-    EXPECT_EQ(out.substr(0, out.find("18446744073709551615,")),
-              "{\"s\":\"a \\\"quoted\\\" \\\\ path\\n\\t\\u001D\",\"n\":-42,\"u\":");
-
-    Poco::JSON::Object::Ptr parsed = Poco::JSON::Parser().parse(out).extract<Poco::JSON::Object::Ptr>();
-    EXPECT_EQ(parsed->getValue<std::string>("s"), "a \"quoted\" \\ path\n\t\x1d");
-    EXPECT_EQ(parsed->getValue<int>("n"), -42);
-    EXPECT_TRUE(parsed->getValue<bool>("b"));
-    EXPECT_EQ(parsed->getArray("list")->size(), 4U);
-    EXPECT_EQ(parsed->getValue<std::string>("utf8"), "gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80");
+    EXPECT_EQ(out, "{\"s\":\"a \\\"quoted\\\" \\\\ path\\n\\t\\u001D\",\"n\":-42,\"u\":18446744073709551615,\"b\":true,"
+                   "\"list\":[\"x\",{},[],7],\"empty\":{},\"utf8\":\"gr\xc3\xbc\xc3\x9f \xe2\x82\xac \xf0\x9f\x98\x80\"}");
 }
 
 TEST(JsonWriter, AnyBytesGiveValidUtf8FromWhichTheBytesCanBeRecovered)

@@ -39,12 +39,11 @@ TEST(BoundedStr, OverlongResultsFailInsteadOfOverflowing)
 TEST(PathUtils, InstallationPathComesFromTheEnvironmentOrTheProgramAndEndsInSlash)
 {
     std::string path;
-    setenv("HOSTWARDEN_HOME", "/opt/hw", 1);
-    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
-    EXPECT_EQ(path, "/opt/hw/");
-    setenv("HOSTWARDEN_HOME", "/opt/hw/", 1);
-    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
-    EXPECT_EQ(path, "/opt/hw/");
+    for (const char* home : {"/opt/hw", "/opt/hw/"}) {
+        setenv("HOSTWARDEN_HOME", home, 1);
+        ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
+        EXPECT_EQ(path, "/opt/hw/") << home;
+    }
     unsetenv("HOSTWARDEN_HOME");
     // This test program lives in <build>/platform/sdk/tests/: its "installation" is the folder
     // above the program's own folder.
