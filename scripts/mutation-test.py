@@ -68,6 +68,9 @@ def main():
     scratch = "/tmp/hw-mutation-%d" % os.getpid()
     source = scratch + "/src"
     build = scratch + "/build"
+    # Whatever a test killed by a fault leaves in its temporary directory goes with the scratch copy.
+    os.makedirs(scratch + "/tmp")
+    os.environ["TMPDIR"] = scratch + "/tmp"
     files = subprocess.run(["git", "ls-files"], cwd=ROOT, capture_output=True, text=True, check=True).stdout.split()
     for name in files:
         os.makedirs(os.path.dirname(os.path.join(source, name)), exist_ok=True)

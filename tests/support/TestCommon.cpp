@@ -18,9 +18,11 @@ namespace TestSupport {
 
 TempDir::TempDir()
 {
-    char pattern[] = "/tmp/hw_test_XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
+    // Under TMPDIR when set, so a runner can sweep what a killed test could not remove.
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/hw_test_XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp failed in " + pattern);
     }
     path_ = pattern;
 }
