@@ -4,6 +4,7 @@
 // stringifier. The agent's writer also keeps every line valid UTF-8 (hex-marking values that are
 // not); the others are measured without that work.
 #include "BenchData.h"
+#include "BenchRoutes.h"
 
 #include "EventJson.h"
 
@@ -42,12 +43,7 @@ const std::vector<std::shared_ptr<Engine::AuditEvent>>& Events()
         Engine::Audit::GetLoggerPtr()->setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));
         Framework::Task owner("audit_task", "bench", Framework::TaskCondition::kLoop, 1);
         Engine::AuditLog log(&owner, nullptr);
-        for (int32_t number = 0; number < 1024; ++number) {
-            Engine::auditSyscallDest dest;
-            dest.task = &keeper;
-            log.syscallRoutes64.emplace(number, dest);
-            log.syscallRoutes32.emplace(number, dest);
-        }
+        Bench::RouteEverySystemCall(log, &keeper);
         for (const std::string& line : Bench::ReplicatedCaptureLines()) {
             log.HandleOneLineLog(line);
         }

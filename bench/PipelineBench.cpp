@@ -2,6 +2,7 @@
 // decoding, routing, and the message handed to the subscriber's queue; beside libauparse
 // streaming over the same lines in the same run.
 #include "BenchData.h"
+#include "BenchRoutes.h"
 
 #include "AuditLog.h"
 #include "AuditLogging.h"
@@ -59,13 +60,7 @@ void BM_ModuleWholePath(benchmark::State& state)
     Framework::Task owner("audit_task", "bench", Framework::TaskCondition::kLoop, 1);
     CountingTask subscriber;
     Engine::AuditLog log(&owner, nullptr);
-    for (int32_t number = 0; number < 1024; ++number) {
-        Engine::auditSyscallDest dest;
-        dest.task = &subscriber;
-        dest.tag = "all";
-        log.syscallRoutes64.emplace(number, dest);
-        log.syscallRoutes32.emplace(number, dest);
-    }
+    Bench::RouteEverySystemCall(log, &subscriber, "all");
     Engine::auditFileSystemDest watch;
     watch.task = &subscriber;
     watch.tag = "tmp";
@@ -172,11 +167,7 @@ void BM_LinePathUnderShare(benchmark::State& state)
     Framework::Task owner("audit_task", "bench", Framework::TaskCondition::kLoop, 1);
     CountingTask subscriber;
     Engine::AuditLog log(&owner, nullptr);
-    for (int32_t number = 0; number < 1024; ++number) {
-        Engine::auditSyscallDest dest;
-        dest.task = &subscriber;
-        log.syscallRoutes64.emplace(number, dest);
-    }
+    Bench::RouteEverySystemCall(log, &subscriber);
     Engine::Audit::GetLoggerPtr()->setChannel(Poco::AutoPtr<Poco::Channel>(new Poco::NullChannel));
     double measured = 0;
     for (auto _ : state) {
