@@ -2,14 +2,6 @@
 // that reopens its output on SIGHUP and stops on SIGTERM or SIGINT.
 #include "TestCommon.h"
 
-#include <gtest/gtest.h>
-
-#include <signal.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <string>
-
 namespace {
 
 // An installation of the built agent: both modules, an auditctl that only records its calls (so

@@ -9,10 +9,6 @@
 
 #include "TestCommon.h"
 
-#include <gtest/gtest.h>
-
-#include <sstream>
-
 // Every event of a real capture as the parse command prints it, and every event the module
 // delivers as the decode command prints it (its own assembly, decoding and delivery: events that
 // the assembly rules drop, an execve closed early by its BPRM_FCAPS record, are absent by design),

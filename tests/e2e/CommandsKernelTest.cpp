@@ -4,17 +4,10 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <climits>
-#include <filesystem>
-#include <fstream>
-#include <set>
-#include <thread>
 
 using Json = Poco::JSON::Object::Ptr;
 using TestSupport::ReadFile;

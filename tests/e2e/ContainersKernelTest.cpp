@@ -8,13 +8,7 @@
 
 #include <Poco/JSON/Parser.h>
 
-#include <signal.h>
 #include <sys/mount.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 using Json = Poco::JSON::Object::Ptr;
 

@@ -4,13 +4,7 @@
 // what inotify(7) reports.
 #include "KernelAudit.h"
 
-#include <signal.h>
 #include <sys/inotify.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <map>
 
 namespace {
 

@@ -4,13 +4,6 @@
 
 #include <Poco/JSON/Parser.h>
 
-#include <signal.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <sstream>
-
 namespace E2E {
 
 namespace {

@@ -4,13 +4,6 @@
 
 #include <Poco/JSON/Object.h>
 
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <string>
-#include <vector>
-
 namespace E2E {
 
 /// The kernel's rule list as the system auditctl prints it.

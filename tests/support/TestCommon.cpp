@@ -1,18 +1,6 @@
 #include "TestCommon.h"
 
-#include <gtest/gtest.h>
-
 #include <poll.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
-#include <thread>
 
 namespace TestSupport {
 

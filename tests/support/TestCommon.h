@@ -1,14 +1,35 @@
 #pragma once
 
+// Every test program includes this header (directly or through its module's test support): it
+// brings GoogleTest and the standard and POSIX headers the tests share, so that a test file lists
+// only what it tests.
 #include <Poco/Pipe.h>
 #include <Poco/Process.h>
+#include <gtest/gtest.h>
 
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <set>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 namespace TestSupport {

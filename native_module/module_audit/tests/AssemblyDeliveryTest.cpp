@@ -1,12 +1,7 @@
 // Record assembly and event delivery, driven line by line as the log reader drives them.
-#include "AuditLog.h"
-#include "AuditMessages.h"
-#include "AuditRules.h"
 #include "AuditUtil.h"
 
 #include "TestSupport.h"
-
-#include <gtest/gtest.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 

@@ -4,8 +4,6 @@
 
 #include "sdk/InnerCpuCtrlUtils.h"
 
-#include <gtest/gtest.h>
-
 TEST(AuditLogging, WritesFormattedLinesWithSourceNameLineAndPriority)
 {
     TestSupport::LogCapture log(Poco::Message::PRIO_INFORMATION);

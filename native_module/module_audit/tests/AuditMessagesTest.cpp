@@ -1,9 +1,6 @@
 // The module's messages: dispatch by type, and what a file-system control message carries.
-#include "AuditMessages.h"
 
 #include "TestSupport.h"
-
-#include <gtest/gtest.h>
 
 using namespace Engine;
 

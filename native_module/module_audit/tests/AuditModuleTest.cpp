@@ -9,10 +9,6 @@
 
 #include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <sstream>
-
 namespace {
 
 std::string g_destroyed;  // which tasks were destroyed, in order

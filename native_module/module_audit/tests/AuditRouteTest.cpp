@@ -1,11 +1,7 @@
 // The route table: what subscriptions and their removals leave in it, one scenario per row.
-#include "AuditLog.h"
-#include "AuditMessages.h"
 #include "AuditUtil.h"
 
 #include "TestSupport.h"
-
-#include <gtest/gtest.h>
 
 using namespace Engine;
 using TestSupport::NamedTask;

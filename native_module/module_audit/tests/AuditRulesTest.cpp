@@ -1,13 +1,7 @@
 // The rule registry against a recording auditctl: the commands it runs and the keys it keeps.
-#include "AuditMessages.h"
-#include "AuditRules.h"
 #include "AuditUtil.h"
 
 #include "TestSupport.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
 
 using namespace Engine;
 using TestSupport::FakeInstallation;

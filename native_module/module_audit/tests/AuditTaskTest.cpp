@@ -4,9 +4,6 @@
 
 #include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <fstream>
 #include <future>
 
 using namespace Engine;

@@ -1,16 +1,11 @@
 // Event decoding on synthetic records and, against libauparse's own interpretation, on real
 // captures. (Every field of every event of the captures is also held by the agent's decode golden
 // files.)
-#include "AuditLog.h"
-#include "AuditMessages.h"
 #include "SyscallTables.h"
 
 #include "TestSupport.h"
 
 #include <auparse.h>
-#include <gtest/gtest.h>
-
-#include <map>
 
 using namespace Engine;
 using TestSupport::DecodeEvent;

@@ -11,15 +11,7 @@
 
 #include "TestSupport.h"
 
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <map>
-#include <thread>
 
 using namespace Engine;
 using TestSupport::NamedTask;

@@ -1,7 +1,4 @@
 // Path resolution and container translation, through a ContainerMetaInfo test double.
-#include "AuditLog.h"
-#include "AuditMessages.h"
-#include "AuditRules.h"
 #include "AuditUtil.h"
 
 #include "TestSupport.h"
@@ -9,10 +6,6 @@
 
 #include "container/ContainerMetaInfo.h"
 #include "framework/Engine.h"
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
 
 using namespace Engine;
 

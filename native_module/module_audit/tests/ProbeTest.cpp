@@ -1,11 +1,6 @@
 // The audit status and configuration probe, with a fake netlink reply source.
-#include "GetAuditConfAndStatus.h"
 
 #include "TestSupport.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
 
 using namespace Engine;
 

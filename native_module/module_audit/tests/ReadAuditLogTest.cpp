@@ -1,16 +1,8 @@
 // The log reader against real files, for every way a log changes under it. Each scenario says
 // which lines arrive and which are lost by design.
-#include "AuditLog.h"
 #include "ReadAuditLog.h"
 
 #include "TestSupport.h"
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstdio>
-#include <fstream>
 
 using namespace Engine;
 

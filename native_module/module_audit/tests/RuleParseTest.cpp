@@ -1,11 +1,9 @@
 // The rule parsers: result codes and what a parsed rule holds, one row per rule text.
-#include "AuditMessages.h"
 #include "AuditUtil.h"
 #include "SyscallTables.h"
 
 #include "TestSupport.h"
 
-#include <gtest/gtest.h>
 #include <libaudit.h>
 
 using namespace Engine;

@@ -4,13 +4,8 @@
 #include "AuditTask.h"
 #include "AuditUtil.h"
 
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 
 namespace TestSupport {
 

@@ -12,13 +12,7 @@
 
 #include "TestCommon.h"
 
-#include <sys/types.h>
-
 #include <deque>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <vector>
 
 namespace TestSupport {
 

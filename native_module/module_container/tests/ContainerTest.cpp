@@ -5,10 +5,6 @@
 
 #include "TestCommon.h"
 
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
 using namespace Container;
 
 namespace {

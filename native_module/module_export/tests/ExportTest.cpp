@@ -8,12 +8,6 @@
 
 #include "TestCommon.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <algorithm>
-
 using TestSupport::ReadFile;
 
 TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)

@@ -11,10 +11,6 @@
 #include <Poco/Logger.h>
 #include <Poco/Message.h>
 
-#include <gtest/gtest.h>
-
-#include <stdexcept>
-
 namespace {
 
 // Collects the echo task's answers; a ping of -7 makes it throw.

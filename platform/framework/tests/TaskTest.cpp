@@ -5,14 +5,6 @@
 #include "framework/Task.h"
 #include "framework/TaskRegistry.h"
 
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <map>
-#include <thread>
-#include <vector>
-
 namespace {
 
 // Records the pings it receives, as (sender, number), in order; answers 7.

@@ -5,10 +5,6 @@
 #include "TestCommon.h"
 
 #include <auparse.h>
-#include <gtest/gtest.h>
-
-#include <map>
-#include <tuple>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 

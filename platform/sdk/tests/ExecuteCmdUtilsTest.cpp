@@ -1,16 +1,9 @@
 #include "sdk/ExecuteCmdUtils.h"
 
-#include <gtest/gtest.h>
+#include "TestCommon.h"
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdlib>
-#include <thread>
-#include <tuple>
 
 using SDK::ExecuteCmdUtils;
 

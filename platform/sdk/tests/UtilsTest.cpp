@@ -5,10 +5,6 @@
 
 #include "TestCommon.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-
 using SDK::StrUtils;
 
 TEST(StrUtils, SplitKeepsEmptyPiecesAndHandlesLongSeparators)
