@@ -2,7 +2,10 @@
 """Mutation testing: applies each fault of a list, one at a time, to a scratch copy of the
 project, runs the unit suite (ctest -L unit) there, and reports the faults no test caught.
 
-Usage: scripts/mutation-test.py [--list FILE] [--only ID ...] [--keep] [--check]
+Usage: scripts/mutation-test.py [--list FILE] [--only ID ...] [--keep] [--check] [--matrix FILE]
+
+--matrix runs the whole unit suite for every fault and writes which tests caught it (one line per
+fault: id, then the catching tests), so a test that catches nothing no other test catches shows up.
 
 The list (default scripts/mutations.txt) holds blocks like
 
@@ -52,6 +55,7 @@ def main():
     parser.add_argument("--only", nargs="*", default=[])
     parser.add_argument("--keep", action="store_true", help="keep the scratch copy")
     parser.add_argument("--check", action="store_true", help="only check that every fault applies once")
+    parser.add_argument("--matrix", help="run every test for every fault and write who caught it here")
     options = parser.parse_args()
     mutations = [m for m in parse(options.list) if not options.only or m["id"] in options.only]
     bad = 0
@@ -82,6 +86,8 @@ def main():
         sys.exit("mutation-test: the unchanged copy fails its unit suite")
 
     survived, stillborn, killed = [], [], 0
+    matrix = open(options.matrix, "w") if options.matrix else None
+    stop = [] if matrix else ["--stop-on-failure"]
     for m in mutations:
         path = os.path.join(source, m["file"])
         original = open(path).read()
@@ -90,10 +96,14 @@ def main():
         if run(["cmake", "--build", build, "-j2"], source) != 0:
             outcome = "does not compile"
             stillborn.append(m)
-        elif run(["ctest", "--test-dir", build, "-L", "unit", "-j2", "--stop-on-failure", "--timeout", "120"],
-                 source) != 0:
+        elif run(["ctest", "--test-dir", build, "-L", "unit", "-j2", "--timeout", "120"] + stop, source) != 0:
             outcome = "caught"
             killed += 1
+            if matrix:
+                failed = os.path.join(build, "Testing", "Temporary", "LastTestsFailed.log")
+                names = [line.strip().split(":", 1)[1] for line in open(failed) if ":" in line]
+                matrix.write("%s %s\n" % (m["id"], " ".join(names)))
+                matrix.flush()
         else:
             outcome = "SURVIVED"
             survived.append(m)
