@@ -1,7 +1,7 @@
 // File notifications end to end against the real kernel and auditd: the main job watches a
-// scratch tree (as its configuration says), a script of real actions runs in it, and the
-// notifications it exports for each action are compared with what the action must give and with
-// what inotify(7) reports.
+// scratch tree (as its configuration says), a script of real actions (fixtures/filewatch-script.txt)
+// runs in it, and the notifications it exports for each action are compared with what the action
+// must give and with what inotify(7) reports.
 #include "KernelAudit.h"
 
 #include <sys/inotify.h>
@@ -87,61 +87,17 @@ protected:
 
 }  // namespace
 
-// One action of the script: the notifications the module must give, those inotify gives, and,
-// where they differ, the rule of the module's design that makes them differ.
-struct Action {
-    const char* command;  // T stands for the scratch root
-    std::vector<std::string> audit;
-    std::vector<std::string> inotify;
-    const char* why;
-    std::vector<std::string> auditOtherwise = {};  // the one other outcome a race allows, if any
-};
-
-// clang-format off
-const Action kScript[] = {
-    {"touch T/rec/new", {"create T/rec/new"}, {"create T/rec/new", "attrib T/rec/new"},
-     "touch's time update (utimensat) is no call of the handler table; only the O_CREAT open counts"},
-    {"echo x > T/rec/redir", {"create T/rec/redir"}, {"create T/rec/redir", "modify T/rec/redir"},
-     "audit watches see opens, not writes: an O_CREAT open with two PATH items is a create"},
-    {"echo more >> T/rec/new", {"modify T/rec/new"}, {"modify T/rec/new"}, ""},
-    {"touch T/rec/new", {"attrib T/rec/new"}, {"attrib T/rec/new"}, ""},
-    {"chmod 600 T/rec/new", {"attrib T/rec/new"}, {"attrib T/rec/new"}, ""},
-    {"chmod 600 T/rec/new", {}, {"attrib T/rec/new"}, "a chmod whose new mode equals the old one gives nothing"},
-    {"chown 1000:1000 T/rec/new", {"attrib T/rec/new"}, {"attrib T/rec/new"}, ""},
-    {"python3 -c \"import os; os.chown(\\\"T/rec/new\\\", -1, -1)\"", {}, {}, ""},
-    {"mkdir T/rec/d", {"create T/rec/d dir"}, {"create T/rec/d dir"}, ""},
-    {"touch T/rec/d/inner", {"create T/rec/d/inner"}, {"create T/rec/d/inner", "attrib T/rec/d/inner"},
-     "as for the first touch"},
-    {"python3 -c \"import os; os.rename(\\\"T/rec/new\\\", \\\"T/rec/renamed\\\")\"",
-     {"move T/rec/new -> T/rec/renamed"}, {"moved_from T/rec/new", "moved_to T/rec/renamed"},
-     "a rename within one directory is one notification, 192 (moved from and to), with the new name"},
-    {"mv T/rec/renamed T/rec/moved", {"move T/rec/renamed -> T/rec/moved"},
-     {"moved_from T/rec/renamed", "moved_to T/rec/moved"}, "as for the rename call (renameat2)"},
-    {"mv T/rec/moved T/flat/moved", {"moved_from T/rec/moved -> T/flat/moved", "moved_to T/flat/moved"},
-     {"moved_from T/rec/moved", "moved_to T/flat/moved"},
-     "a moved-from notification names the new path too (inotify pairs the two by a cookie instead)"},
-    {"mv T/flat/moved T/out/moved", {"moved_from T/flat/moved -> T/out/moved"}, {"moved_from T/flat/moved"},
-     "as above: moved out of view, with the new path"},
-    {"mv T/out/moved T/rec/back", {"moved_to T/rec/back"}, {"moved_to T/rec/back"}, ""},
-    {"mkdir T/flat/sub", {"create T/flat/sub dir"}, {"create T/flat/sub dir"}, ""},
-    {"touch T/flat/sub/deep", {}, {}, ""},  // below a watch that is not recursive
-    {"ln T/rec/back T/rec/hard", {"create T/rec/hard"}, {"create T/rec/hard"}, ""},
-    {"ln -s back T/rec/soft", {"create T/rec/back"}, {"create T/rec/soft"},
-     "a notified path is resolved, which follows the new link to its target"},
-    {"unlink T/rec/hard", {"delete T/rec/back"}, {"delete T/rec/hard"},
-     "a deleted entry is named by its inode through the index; the hard link shares back's inode, and "
-     "the first path of an inode in path order is back"},
-    {"rm T/rec/soft", {}, {"delete T/rec/soft"},
-     "the link's own inode was never indexed (its create recorded the resolved target), so nothing names it"},
-    {"rm -r T/rec/d", {"delete T/rec/d dir"}, {"delete T/rec/d/inner", "delete T/rec/d dir"},
-     "when d/inner's event is handled d is gone too: resolving d/inner stops at the missing d, so the "
-     "notification names d and erases it with everything below, and d's own delete then finds nothing; "
-     "handled before d goes, it names d/inner and d's own delete follows",
-     {"delete T/rec/d/inner", "delete T/rec/d dir"}},
-    {"rmdir T/rec/e", {"delete T/rec/e dir"}, {"delete T/rec/e dir"}, ""},
-    {"rm T/rec/nothere", {}, {}, ""},  // a failed call
-};
-// clang-format on
+// The notifications of one cell of the script ("; " between them).
+std::vector<std::string> Notes(const std::string& cell)
+{
+    std::vector<std::string> notes;
+    for (size_t from = 0; from < cell.size();) {
+        const size_t end = std::min(cell.find("; ", from), cell.size());
+        notes.push_back(cell.substr(from, end - from));
+        from = end + 2;
+    }
+    return notes;
+}
 
 TEST_F(FileWatchKernel, RealActionsGiveTheNotificationsTheModuleSynthesises)
 {
@@ -160,20 +116,23 @@ TEST_F(FileWatchKernel, RealActionsGiveTheNotificationsTheModuleSynthesises)
     inotify.Add(dir_ + "/rec/e", true);
     inotify.Add(dir_ + "/flat", false);
 
-    for (const Action& action : kScript) {
-        std::string command = action.command;
+    // Each action: the notifications the module must give, those inotify gives, and where they
+    // differ the rule of the module's design that makes them differ (and the one other outcome a
+    // race allows, if any).
+    for (std::vector<std::string> action : TestSupport::TableRows("tests/e2e/fixtures/filewatch-script.txt")) {
+        action.resize(5);
+        std::string command = action[0];
         for (size_t at = command.find("T/"); at != std::string::npos; at = command.find("T/", at + dir_.size())) {
             command.replace(at, 1, dir_);
         }
         Run(command);
         const std::vector<std::string> audit = Notified();
         const std::vector<std::string> kernel = inotify.Take();
-        if (action.auditOtherwise.empty() || audit != action.auditOtherwise) {
-            EXPECT_EQ(audit, action.audit) << action.command;
+        if (action[4].empty() || audit != Notes(action[4])) {
+            EXPECT_EQ(audit, Notes(action[1])) << action[0];
         }
-        EXPECT_EQ(kernel, action.inotify) << action.command;
-        EXPECT_EQ(action.audit == action.inotify, std::string(action.why).empty())
-            << action.command << ": a difference needs its reason, and a reason its difference";
+        EXPECT_EQ(kernel, Notes(action[2])) << action[0];
+        EXPECT_EQ(action[1] == action[2], action[3].empty()) << action[0] << ": a difference needs its reason, and a reason its difference";
     }
     agent_->Signal(SIGTERM);
     EXPECT_EQ(agent_->Wait(), 0) << agent_->err;

@@ -51,6 +51,24 @@ std::string FixturesDir()
     return std::string(HW_SOURCE_DIR) + "/tests/fixtures/";
 }
 
+std::vector<std::vector<std::string>> TableRows(const std::string& relative)
+{
+    std::vector<std::vector<std::string>> rows;
+    for (const std::string& line : ReadLines(std::string(HW_SOURCE_DIR) + "/" + relative)) {
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        std::vector<std::string>& row = rows.emplace_back();
+        std::istringstream cells(line);
+        for (std::string cell; std::getline(cells, cell, '|');) {
+            const size_t first = cell.find_first_not_of(' ');
+            row.push_back(first == std::string::npos ? "" : cell.substr(first, cell.find_last_not_of(' ') + 1 - first));
+        }
+    }
+    EXPECT_FALSE(rows.empty()) << relative << " holds no rows";
+    return rows;
+}
+
 void ExpectGolden(const std::string& relative, const std::string& text)
 {
     const std::string path = std::string(HW_SOURCE_DIR) + "/" + relative;

@@ -1,4 +1,5 @@
-// The rule parsers: result codes and what a parsed rule holds, one row per rule text.
+// The rule parsers: result codes and what a parsed rule holds, one row per rule text
+// (tables/rule-parse.txt).
 #include "AuditUtil.h"
 #include "SyscallTables.h"
 
@@ -36,50 +37,19 @@ std::string Describe(const FileSystemRule& r)
 
 }  // namespace
 
-TEST(SyscallRuleParse, ResultCodesAndParsedRules)
+TEST(RuleParse, ResultCodesAndParsedRules)
 {
-    struct Case {
-        const char* text;
-        int code;
-        const char* parsed;  // checked when the code is 0
-    };
-    const Case cases[] = {
-        {"exit,always -F arch=b64 -S open,openat -k k1", 0, "arch=b64 S=open,openat filter=0 key=k1"},
-        // -k overwrites key= without a check; numbers become lower-case hexadecimal, 0x values keep their case.
-        {"exit,always  -S execve -S connect -F success=0 -F exit=-13 -F a1=0x1F -F a2=31 -F a3=-1 -F ppid=7 -F key=k2 -k k3", 0,
-         "arch= S=execve,connect filter=1 ppid=7 key=k3 success=no exit=-13 a1=1F a2=1f a3=ffffffff"},
-        // Each filter alone sets hasFilter; pid, ppid and keys do not.
-        {"exit,always -S open -F exit=-2", 0, "arch= S=open filter=1 exit=-2"},
-        {"exit,always -S open -F a0=1", 0, "arch= S=open filter=1 a0=1"},
-        {"exit,always -S open -F success=1", 0, "arch= S=open filter=1 success=yes"},
-        {"exit,always -S open -F pid=4 -k k", 0, "arch= S=open filter=0 pid=4 key=k"},
-        {"exit,always -S open,,chmod", 0, "arch= S=open,,chmod filter=0"},  // empty pieces are kept
-        {"exit,always -S open -F path=/x -F perm=wa", 0, "arch= S=open filter=0"},  // fields it ignores
-        {"exit,always -S nosuchcall", 0, "arch= S=nosuchcall filter=0"},
-        {"exit,always -S open -X", 0, "arch= S=open filter=0"},  // a trailing unknown option passes
-        {"exit,never -S open", 1, ""},
-        {"exclude,always", 1, ""},  // never and exclude need no system call
-        {"exit,never", 1, ""},
-        {"exit,never -S open -X -k k", 2, ""},  // a token after an unknown option rejects even these
-        {"exit,always -S open -X -k k", 2, ""},
-        {"exit,always -F arch=b64", 2, ""},
-        {"", 2, ""},
-        {"   ", 2, ""},
-        {"exit,always -S open -F pid=1 -F pid=2", 2, ""},
-        {"exit,always -S open -F arch=b64 -F arch=b32", 2, ""},
-        {"exit,always -S open -F success=2", 2, ""},
-        {"exit,always -S open -F success", 2, ""},
-        {"exit,always -S open -F a=b=c", 2, ""},
-        {"exit,always -S open -F exit=1 -F exit=2", 2, ""},
-        {"exit,always -S open -F a0=1 -F a0=2", 2, ""},
-    };
-    for (const Case& c : cases) {
-        const SyscallSub sub(nullptr, "t", c.text);
-        EXPECT_EQ(sub.parsed, c.code) << c.text;
-        if (c.code == 0) {
-            EXPECT_EQ(Describe(sub.rule), c.parsed) << c.text;
+    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/rule-parse.txt")) {
+        row.resize(4);
+        const bool syscall = row[0] == "S";
+        const SyscallSub sub(nullptr, "t", syscall ? row[1] : "");
+        const WatchSub watch(nullptr, "t", syscall ? "" : row[1]);
+        EXPECT_EQ(std::to_string(syscall ? sub.parsed : watch.parsed), row[2]) << row[1];
+        if (row[2] == "0") {
+            EXPECT_EQ(syscall ? Describe(sub.rule) : Describe(watch.rule), row[3]) << row[1];
         }
     }
+    EXPECT_EQ(SyscallSub(nullptr, "t", "   ").parsed, 2);
     EXPECT_THROW(SyscallSub(nullptr, "t", "exit,always -S open -F a0=zz"), std::invalid_argument);
     EXPECT_THROW(SyscallSub(nullptr, "t", "exit,always -S open -F a0=99999999999"), std::out_of_range);
 
@@ -89,32 +59,6 @@ TEST(SyscallRuleParse, ResultCodesAndParsedRules)
     EXPECT_EQ(parameterNumberMap["uid"], kParamPid);
     EXPECT_EQ(SyscallSub(nullptr, "t", "exit,always -S open -F uid=5 -F pid=6").parsed, 2) << "both land on pid";
     parameterNumberMap.erase("uid");
-}
-
-TEST(FileSystemRuleParse, ResultCodesAndParsedRules)
-{
-    const std::tuple<const char*, int, const char*> cases[] = {
-        {"/etc/ -p wa -k k2", 0, "path=/etc perm=wa pid= ppid= key=k2"},
-        {"/var/log -F pid=3 -F ppid=4 -F perm=r -F path=/opt/ -F arch=b64", 0, "path=/opt perm=r pid=3 ppid=4 key="},
-        {"/etc -F key=abc", 0, "path=/etc perm= pid= ppid= key=e"},  // the second character of the whole parameter
-        {"/etc -F pid=1 -F pid=2", 0, "path=/etc perm= pid=2 ppid= key="},  // no repeat check for watches
-        {"/etc -F ppid=1 -F ppid=2", 0, "path=/etc perm= pid= ppid=2 key="},
-        {"exit,always -F path=/srv", 0, "path=/srv perm= pid= ppid= key="},  // a path from a field counts
-        {"/etc -p wa -Z", 0, "path=/etc perm=wa pid= ppid= key="},
-        {"/etc -Z -p wa", 2, ""},
-        {"etc -p wa", 2, ""},
-        {"/ -p wa", 2, ""},
-        {"", 2, ""},
-        {"/etc -F novalue", 2, ""},
-        {"exit,never", 1, ""},
-    };
-    for (const auto& [text, code, parsed] : cases) {
-        const WatchSub sub(nullptr, "t", text);
-        EXPECT_EQ(sub.parsed, code) << text;
-        if (code == 0) {
-            EXPECT_EQ(Describe(sub.rule), parsed) << text;
-        }
-    }
 }
 
 // Every entry of both tables names its number as libaudit does (which writes a few old calls with

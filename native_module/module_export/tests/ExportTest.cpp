@@ -43,32 +43,11 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
 
 TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)
 {
-    const std::pair<const char*, const char*> cases[] = {
-        {"[1", "the file: not JSON"},
-        {"[]", "the file: must be an object"},
-        {R"({"logs": {}})", "logs: unknown key"},
-        {R"({"log": {"level": 3}})", "log.level: must be a string"},
-        {R"({"log": {"colour": "red"}})", "log.colour: unknown key"},
-        {R"({"cpu": {"share": 1.5}})", "cpu.share: must be a number from 0 (no limit) to below 1"},
-        {R"({"output": {"keep": 0}})", "output.keep: must be a whole number from 1 to 1000"},
-        {R"({"output": {"rotate_size": "10MB"}})", "output.rotate_size: '10MB' is not a rotation"},
-        {R"({"output": {"stdout": "yes"}})", "output.stdout: must be true or false"},
-        {R"({"subscriptions": {}})", "subscriptions: must be a list"},
-        {R"({"subscriptions": [7]})", "subscriptions[0]: must be an object"},
-        {R"({"subscriptions": [{"syscall": "exit,always -S open"}]})", "subscriptions[0].tag: must be given"},
-        {R"({"subscriptions": [{"tag": "a b", "syscall": "x"}]})", "subscriptions[0].tag: must be given"},
-        {R"({"subscriptions": [{"tag": "t"}]})", "subscriptions[0]: needs exactly one of syscall"},
-        {R"({"subscriptions": [{"tag": "t", "syscall": "x", "watch": "/tmp"}]})", "subscriptions[0]: needs exactly one"},
-        {R"({"subscriptions": [{"tag": "t", "syscall": "x", "recursive": true}]})", "subscriptions[0]: recursive and events belong to watches"},
-        {R"({"subscriptions": [{"tag": "t", "watch": "/no/such/dir"}]})", "subscriptions[0].watch: no such file or directory: '/no/such/dir'"},
-        {R"({"subscriptions": [{"tag": "t", "watch": "/tmp", "mode": 1}]})", "subscriptions[0].mode: unknown key"},
-        {R"({"subscriptions": [{"tag": "a", "watch": "/tmp"}, {"tag": "b", "watch": "/tmp/"}]})", "subscriptions[1]: watches what subscriptions[0] watches"},
-    };
-    for (const auto& [text, expected] : cases) {
+    for (const std::vector<std::string>& row : TestSupport::TableRows("native_module/module_export/tests/tables/config-errors.txt")) {
         Export::AgentConfig config;
         std::string error;
-        EXPECT_FALSE(Export::ParseAgentConfig(text, "/opt/hw/", config, error)) << text;
-        EXPECT_EQ(error.compare(0, std::string(expected).size(), expected), 0) << text << " gave: " << error;
+        EXPECT_FALSE(Export::ParseAgentConfig(row.at(0), "/opt/hw/", config, error)) << row[0];
+        EXPECT_EQ(error.compare(0, row.at(1).size(), row[1]), 0) << row[0] << " gave: " << error;
     }
     // Event lists take names and numbers, nothing else.
     for (const char* list : {"create,grow", "8", "0", "create,", "move", "2x", "CREATE"}) {
