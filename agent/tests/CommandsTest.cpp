@@ -58,45 +58,26 @@ TEST(WatchCommand, BadArgumentsAreRefusedBeforeAnythingStarts)
 }
 
 // Rules the module would take and then never match, or refuse, are refused before anything
-// starts, each with its reason.
-TEST(AuditCommand, RulesTheModuleWouldMisreadOrRefuseAreRefusedFirst)
-{
-    const std::pair<const char*, const char*> cases[] = {
-        {"exit,always -S open -F dir=/tmp", "field 'dir' is not one the module filters on: it would take it as a pid "
-                                            "filter, and no event would ever match"},
-        {"-a exit,always -S open", "a rule begins with its list and action"},
-        {"exit,always -F arch=b64", "no system call (-S NAME)"},
-        {"exit,always -S open -X", "unknown option '-X'"},
-        {"exit,always -S", "option -S needs a value"},
-    };
-    for (const auto& [rule, reason] : cases) {
-        std::ostringstream out, err;
-        Framework::Engine engine;  // never started
-        Agent::AuditRequest request;
-        request.rules = {rule};
-        EXPECT_EQ(Agent::RunAuditCommand(request, engine, [] {}, out, err), 1) << rule;
-        EXPECT_NE(err.str().find(std::string("hostwarden audit: refused rule '") + rule + "': " + reason),
-                  std::string::npos)
-            << err.str();
-    }
-}
-
-TEST(RunCommand, TheConfigurationsRulesAreReadAsTheModuleReadsThem)
+// starts, each with its reason; the main job reads its configuration's rules the same way.
+TEST(AuditAndRunCommands, RulesTheModuleWouldMisreadOrRefuseAreRefusedFirst)
 {
     Export::AgentConfig config;
     config.subscriptions = {{"subscriptions[0]", "t", "", "", false, 0}};
-    const std::pair<const char*, const char*> cases[] = {
-        {"exit,always -F arch=b64 -S execve", ""},
-        {"exit,always -S open -F success=2", "subscriptions[0].syscall: the audit module refuses"},
-        {"exit,always -S open -F a0=notanumber", "subscriptions[0].syscall: the audit module refuses"},
-        {"exit,never -S open", "subscriptions[0].syscall: the audit module takes a never or exclude rule"},
-        {"exit,always -S exceve", "subscriptions[0].syscall: unknown system call 'exceve' on x86_64"},
-        {"exit,always -F arch=b32 -S openat2", "subscriptions[0].syscall: unknown system call 'openat2' on i386"},
-    };
-    for (const auto& [rule, expected] : cases) {
-        config.subscriptions[0].syscall = rule;
-        std::string error;
-        EXPECT_EQ(Agent::CheckConfiguration(config, error), std::string(expected).empty()) << rule;
-        EXPECT_EQ(error.compare(0, std::string(expected).size(), expected), 0) << rule << " gave: " << error;
+    for (std::vector<std::string> row : TestSupport::TableRows("agent/tests/tables/rule-checks.txt")) {
+        row.resize(3);
+        const std::string& rule = row[1];
+        if (row[0] == "audit") {
+            std::ostringstream out, err;
+            Framework::Engine engine;  // never started
+            Agent::AuditRequest request;
+            request.rules = {rule};
+            EXPECT_EQ(Agent::RunAuditCommand(request, engine, [] {}, out, err), 1) << rule;
+            EXPECT_NE(err.str().find("hostwarden audit: refused rule '" + rule + "': " + row[2]), std::string::npos) << err.str();
+        } else {
+            config.subscriptions[0].syscall = rule;
+            std::string error;
+            EXPECT_EQ(Agent::CheckConfiguration(config, error), row[2].empty()) << rule;
+            EXPECT_EQ(error.compare(0, row[2].size(), row[2]), 0) << rule << " gave: " << error;
+        }
     }
 }
