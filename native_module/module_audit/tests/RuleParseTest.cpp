@@ -35,18 +35,24 @@ std::string Describe(const FileSystemRule& r)
     return "path=" + r.path + " perm=" + r.perm + " pid=" + r.pid + " ppid=" + r.ppid + " key=" + r.key;
 }
 
+// A rule text through one parser: its result code and the rule it gave.
+template <typename Sub>
+std::pair<int, std::string> Parsed(const std::string& text)
+{
+    const Sub sub(nullptr, "t", text);
+    return {sub.parsed, Describe(sub.rule)};
+}
+
 }  // namespace
 
 TEST(RuleParse, ResultCodesAndParsedRules)
 {
     for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/rule-parse.txt")) {
         row.resize(4);
-        const bool syscall = row[0] == "S";
-        const SyscallSub sub(nullptr, "t", syscall ? row[1] : "");
-        const WatchSub watch(nullptr, "t", syscall ? "" : row[1]);
-        EXPECT_EQ(std::to_string(syscall ? sub.parsed : watch.parsed), row[2]) << row[1];
-        if (row[2] == "0") {
-            EXPECT_EQ(syscall ? Describe(sub.rule) : Describe(watch.rule), row[3]) << row[1];
+        const auto [code, parsed] = row[0] == "S" ? Parsed<SyscallSub>(row[1]) : Parsed<WatchSub>(row[1]);
+        EXPECT_EQ(std::to_string(code), row[2]) << row[1];
+        if (code == 0) {
+            EXPECT_EQ(parsed, row[3]) << row[1];
         }
     }
     EXPECT_EQ(SyscallSub(nullptr, "t", "   ").parsed, 2);
