@@ -4,6 +4,8 @@
 // must give and with what inotify(7) reports.
 #include "KernelAudit.h"
 
+#include "sdk/StrUtils.h"
+
 #include <sys/inotify.h>
 
 namespace {
@@ -90,13 +92,7 @@ protected:
 // The notifications of one cell of the script ("; " between them).
 std::vector<std::string> Notes(const std::string& cell)
 {
-    std::vector<std::string> notes;
-    for (size_t from = 0; from < cell.size();) {
-        const size_t end = std::min(cell.find("; ", from), cell.size());
-        notes.push_back(cell.substr(from, end - from));
-        from = end + 2;
-    }
-    return notes;
+    return cell.empty() ? std::vector<std::string>{} : SDK::StrUtils::Split(cell, "; ");
 }
 
 TEST_F(FileWatchKernel, RealActionsGiveTheNotificationsTheModuleSynthesises)

@@ -1,5 +1,7 @@
 #include "TestCommon.h"
 
+#include <Poco/StringTokenizer.h>
+
 #include <poll.h>
 
 namespace TestSupport {
@@ -58,12 +60,8 @@ std::vector<std::vector<std::string>> TableRows(const std::string& relative)
         if (line.empty() || line[0] == '#') {
             continue;
         }
-        std::vector<std::string>& row = rows.emplace_back();
-        std::istringstream cells(line);
-        for (std::string cell; std::getline(cells, cell, '|');) {
-            const size_t first = cell.find_first_not_of(' ');
-            row.push_back(first == std::string::npos ? "" : cell.substr(first, cell.find_last_not_of(' ') + 1 - first));
-        }
+        const Poco::StringTokenizer cells(line, "|", Poco::StringTokenizer::TOK_TRIM);
+        rows.emplace_back(cells.begin(), cells.end());
     }
     EXPECT_FALSE(rows.empty()) << relative << " holds no rows";
     return rows;

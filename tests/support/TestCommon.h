@@ -59,7 +59,7 @@ std::string FixturesDir();
 /// the environment the file is rewritten instead; review the difference before committing it.
 void ExpectGolden(const std::string& relative, const std::string& text);
 /// The rows of a table file (a path inside the source tree): a row a line, its cells separated by
-/// "|" and trimmed of spaces; blank lines and lines starting with # skipped.
+/// "|" and trimmed of blanks; blank lines and lines starting with # skipped.
 std::vector<std::vector<std::string>> TableRows(const std::string& relative);
 /// Checks condition every 20 ms until it holds or the deadline passes; returns its last value.
 bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
