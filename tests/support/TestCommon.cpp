@@ -76,25 +76,6 @@ void ExpectGolden(const std::string& relative, const std::string& text)
     EXPECT_EQ(ReadFile(path), text) << relative << " differs (HW_UPDATE_GOLDEN=1 rewrites it)";
 }
 
-std::string MutatedLines(const std::vector<std::string>& lines, Random& next)
-{
-    const char specials[] = {' ', '=', '"', '\'', '\x1d', ':', '/', '(', ')', '\0', 'F', '0'};
-    std::string text;
-    for (std::string line : lines) {
-        for (uint64_t edits = next() % 3; edits > 0 && !line.empty(); --edits) {
-            const size_t at = next() % line.size();
-            switch (next() % 4) {
-            case 0: line[at] = specials[next() % sizeof(specials)]; break;
-            case 1: line.resize(at); break;
-            case 2: line.insert(at, 1, specials[next() % sizeof(specials)]); break;
-            default: line[at] = static_cast<char>(next() & 0xff); break;
-            }
-        }
-        text += line + "\n";
-    }
-    return text;
-}
-
 bool WaitUntil(const std::function<bool()>& condition, int seconds)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);

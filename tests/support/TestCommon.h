@@ -80,10 +80,6 @@ private:
     uint64_t state_;
 };
 
-/// Real lines changed at random, as a fuzzer would: bytes replaced by the characters audit
-/// parsing treats specially or by any byte, lines cut short, characters inserted. One line each.
-std::string MutatedLines(const std::vector<std::string>& lines, Random& next);
-
 /// Items handed over by other threads, and a wait for one that matches.
 template <typename T>
 class Inbox {

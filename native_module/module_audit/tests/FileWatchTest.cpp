@@ -8,6 +8,7 @@
 #include "SyscallTables.h"
 
 #include "framework/TaskRegistry.h"
+#include "sdk/StrUtils.h"
 
 #include "TestSupport.h"
 
@@ -191,7 +192,7 @@ Notes Notify(FileAuditWatch& watch, Subscriber& sink, const std::shared_ptr<Audi
     return Take(sink, root);
 }
 
-std::string Record(const std::string& path, const std::string& inode, const char* type, const char* mode = "0100644")
+std::string Record(const std::string& path, const std::string& inode, const std::string& type, const std::string& mode = "0100644")
 {
     return "name=\"" + path + "\" inode=" + inode + " mode=" + mode + " nametype=" + type;
 }
@@ -214,40 +215,28 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
     watch.Index().Set(w + "/c", InodeInfo{100, false, 0xfe00});
     watch.Index().Set(w + "/d", InodeInfo{200, true, 0xfe00});
     ASSERT_EQ(mkdir((w + "/e").c_str(), 0755), 0);  // a path resolves only as far as the disk has it
-    const std::string b = Record(w + "/b", "100", "NORMAL");  // its second name
-    const std::string parent = Record(w, "1", "PARENT", "040755");
-    const std::pair<std::shared_ptr<AuditEvent>, Notes> cases[] = {
-        {Synthetic(257, "a1=0 a2=1 a3=0", "cat", {b}), {"2 W/a"}},  // openat for writing: named by inode
-        {Synthetic(2, "a1=1 a2=0 a3=0", "cat", {b}), {"2 W/a"}},    // open for writing
-        {Synthetic(2, "a1=1 a2=0 a3=0", "touch", {b}), {"4 W/b"}},  // open by touch: the record's name
-        {Synthetic(257, "a1=0 a2=1 a3=0", "cat", {Record(w + "/x", "9", "NORMAL")}), {}},  // an inode the index does not know
-        {Synthetic(257, "a1=0 a2=0 a3=0", "cat", {b}), {}},                  // openat read-only
-        {Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, b, b}), {}},      // O_CREAT with three items
-        {Synthetic(90, "a1=1ed a2=0 a3=0", "chmod", {b}), {"4 W/a"}},       // chmod: named by inode
-        {Synthetic(90, "a1=1a4 a2=0 a3=0", "chmod", {b}), {}},               // to the mode it has
-        {Synthetic(94, "a1=ffffffff a2=ffffffff a3=0", "chown", {b}), {}},   // chown -1 -1
-        {Synthetic(94, "a1=3e8 a2=ffffffff a3=0", "chown", {b}), {"4 W/a"}},  // lchown of the owner
-        {Synthetic(260, "a1=0 a2=3e8 a3=3e8", "chown", {parent, b}), {}},     // fchownat with two items
-        {Synthetic(258, "a1=0 a2=1ff a3=0", "mkdir", {parent, Record(w + "/n", "7", "CREATE", "040755")}), {"256 W/n"}},
-        {Synthetic(258, "a1=0 a2=1ff a3=0", "mkdir", {Record(w + "/e", "7", "PARENT", "040755"), Record(w + "/e/deep", "9", "CREATE", "040755")}),
-         {"256 W/e/deep"}},  // one level deeper
-        {Synthetic(83, "a1=1ff a2=0 a3=0", "mkdir", {parent, parent, parent}), {}},  // mkdir with three items
-        {Synthetic(88, "a1=0 a2=0 a3=0", "ln", {parent, "name=\"/t\" nametype=UNKNOWN", Record(w + "/s", "8", "CREATE", "0120777")}),
-         {"256 W/s"}},                                                                // symlink
-        {Synthetic(82, "a1=0 a2=0 a3=0", "mv", {parent, b}), {}},                    // rename with too few records
-        {Synthetic(263, "a1=0 a2=200 a3=0", "rm", {parent, Record(w + "/gone", "200", "DELETE", "040755")}), {"512 W/d dir"}},
-        {Synthetic(84, "a1=0 a2=0 a3=0", "rmdir", {parent, Record(w + "/a", "100", "DELETE", "040755")}, "c000003e", "no"), {}},
-        {Synthetic(280, "a1=0 a2=0 a3=0", "touch", {b}), {}},                        // utimensat: not a call of the table
-        {Synthetic(15, "a1=1ed a2=0 a3=0", "chmod", {b}, "40000003"), {"4 W/a"}},   // chmod numbered for i386
-        {Synthetic(15, "a1=1ed a2=0 a3=0", "chmod", {b}), {}},                       // the same number on x86_64
-        {Synthetic(87, "a1=0 a2=0 a3=0", "rm", {parent, Record(w + "/c", "100", "DELETE")}), {"512 W/a"}},  // the first path of the inode
-        {Synthetic(82, "a1=0 a2=0 a3=0", "mv", {parent, Record("/tmp", "5", "PARENT", "041777"), Record(w + "/c", "100", "DELETE"),
-                                                 Record("/tmp/z", "100", "CREATE")}),
-         {"64 W/c -> /tmp/z"}},  // out of view, with the new path
-    };
+    const std::string b = Record(w + "/b", "100", "NORMAL");
     TestSupport::LogCapture capture(Poco::Message::PRIO_DEBUG);
-    for (size_t i = 0; i < std::size(cases); ++i) {
-        EXPECT_EQ(Notify(watch, sink, cases[i].first, w), cases[i].second) << "case " << i << ": " << cases[i].first->lines[0];
+    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/filewatch-calls.txt")) {
+        row.resize(6);
+        std::vector<std::string> records;
+        for (const std::string& item : SDK::StrUtils::Split(row[3], " ")) {
+            std::vector<std::string> f = SDK::StrUtils::Split(item, ":");
+            f.resize(4);
+            const std::string path = f[0].rfind("W", 0) == 0 ? w + f[0].substr(1) : f[0];
+            records.push_back(item == "b"        ? b
+                              : item == "parent" ? Record(w, "1", "PARENT", "040755")
+                              : f[1].empty()     ? "name=\"" + path + "\" nametype=" + f[2]
+                                                 : Record(path, f[1], f[2], f[3].empty() ? "0100644" : f[3]));
+        }
+        const std::vector<std::string> call = SDK::StrUtils::Split(row[0], " ");
+        const auto option = [&](const std::string& name, const std::string& otherwise) {
+            return call.size() > 1 && call[1].rfind(name, 0) == 0 ? call[1].substr(name.size()) : otherwise;
+        };
+        const std::vector<std::string> a = SDK::StrUtils::Split(row[1], " ");
+        const auto event = Synthetic(std::stoi(call[0]), "a1=" + a.at(0) + " a2=" + a.at(1) + " a3=" + a.at(2), row[2], records,
+                                     option("arch=", "c000003e"), option("success=", "yes"));
+        EXPECT_EQ(Notify(watch, sink, event, w), row[4].empty() ? Notes{} : SDK::StrUtils::Split(row[4], "; ")) << row[0] << ": " << row[5];
     }
     EXPECT_EQ(Take(flat, w), (Notes{"256 W/n", "256 W/e/deep", "256 W/s"}));
     for (const char* text : {"old attr is 33261, new attr is 33188", "type=chmod", "a1=1ed"}) {  // the new mode first

@@ -5,6 +5,8 @@
 
 #include "TestCommon.h"
 
+#include <Poco/String.h>
+
 using namespace Container;
 
 namespace {
@@ -30,34 +32,13 @@ std::string Describe(const Framework::ContainerInfo& info)
 
 TEST(Cgroup, EachRuntimesFormNamesItsContainerAndTheHostsUnitsNone)
 {
-    const std::string pod = "pod3e1f2a9b_8c7d_4e6f_9a0b_1c2d3e4f5a6b";
-    const std::tuple<std::string, const char*, const char*> cases[] = {
-        {Fixture("runc-docker-cgroup.txt"), "aaaa", "docker"},
-        {Fixture("runc-podman-overlay-cgroup.txt"), "bbbb", "podman"},
-        {Fixture("host-cgroup.txt"), "", ""},  // this machine's own: a 32-digit name is no container id
-        {"0::/system.slice/docker-" + kOther + ".scope", "0123", "docker"},
-        {"12:memory:/docker/" + kOther + "\n0::/", "0123", "docker"},
-        {"0::/kubepods.slice/kubepods-burstable.slice/kubepods-burstable-" + pod + ".slice/cri-containerd-" + kOther + ".scope", "0123", "containerd"},
-        {"1:name=systemd:/kubepods.slice/kubepods-besteffort.slice/kubepods-besteffort-" + pod + ".slice:cri-containerd:" + kOther, "0123", "containerd"},
-        {"0::/kubepods/besteffort/" + pod + "/" + kOther, "0123", "cri"},
-        {"0::/kubepods.slice/kubepods-" + pod + ".slice/crio-" + kOther + ".scope", "0123", "cri-o"},
-        {"0::/kubepods.slice/kubepods-" + pod + ".slice/crio-conmon-" + kOther + ".scope", "", ""},  // conmon
-        {"0::/machine.slice/libpod-" + kOther + ".scope/container", "0123", "podman"},
-        {"0::/user.slice/user-1000.slice/user@1000.service/user.slice/libpod-" + kOther + ".scope", "0123", "podman"},
-        {"0::/user.slice/user-1000.slice/user@1000.service/user.slice/libpod-conmon-" + kOther + ".scope", "", ""},
-        {"0::/libpod_parent/libpod-" + kOther, "0123", "podman"},
-        {"0::/docker/" + kOther.substr(1), "", ""},  // 63 digits
-        {"0::/docker/" + std::string(64, 'A'), "", ""},  // not lower-case hexadecimal
-        {"0::/lxc/" + kOther, "", ""},  // a bare id under no directory the runtimes use
-        // The cgroup v2 line wins over the v1 lines.
-        {"4:memory:/docker/" + kId + "\n0::/system.slice/docker-" + kOther + ".scope", "0123", "docker"},
-        {"garbage\n\n3\n", "", ""},
-    };
-    for (const auto& [text, id, runtime] : cases) {
+    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_container/tests/tables/cgroups.txt")) {
+        row.resize(3);
+        std::string text = row[0].rfind("fixture:", 0) == 0 ? Fixture(row[0].substr(8)) : row[0];
+        Poco::replaceInPlace(text, std::string("\\n"), std::string("\n"));
         const CgroupOwner owner = OwnerFromCgroup(text);
-        EXPECT_EQ(owner.id.substr(0, 4), id) << text;
-        EXPECT_EQ(owner.id.size(), *id == '\0' ? 0U : 64U) << text;
-        EXPECT_EQ(owner.runtime, runtime) << text;
+        EXPECT_EQ(owner.id.substr(0, 4) + " " + owner.runtime, row[1] + " " + row[2]) << row[0];
+        EXPECT_EQ(owner.id.size(), row[1].empty() ? 0U : 64U) << row[0];
     }
 }
 
