@@ -1,9 +1,14 @@
-// A real OCI container, started by runc from a busybox root file system, against the real kernel
-// and auditd: files it makes in a volume and in its own root come out with the paths the host
-// sees, through the shipped hostwarden and its container module.
+// Real OCI containers, started by runc from a busybox root file system, against the real kernel
+// and auditd: files a container makes in a volume and in its own root come out with the paths the
+// host sees, through the shipped hostwarden and its container module; and the provider gives no
+// stale answer once a container has stopped or a process id is taken again.
 #include "KernelAudit.h"
 
+#include "ContainerCollectTask.h"
+
 #include <Poco/JSON/Parser.h>
+
+#include <sys/mount.h>
 
 using Json = Poco::JSON::Object::Ptr;
 
@@ -41,6 +46,9 @@ protected:
             E2E::Command("runc kill " + id + " KILL");
             E2E::Command("runc delete -f " + id);
         }
+        if (!overlay_.empty()) {
+            umount2(overlay_.c_str(), MNT_DETACH);
+        }
         E2E::KernelTest::TearDown();
     }
     // Starts a container that sleeps, with rootfs as its root, the volume at /data and its cgroup
@@ -68,6 +76,16 @@ protected:
         started_.push_back(name);
         return name;
     }
+    std::string Overlay()
+    {
+        overlay_ = dir_ + "/ov/merged";
+        for (const char* sub : {"upper", "work", "merged"}) {
+            std::filesystem::create_directories(dir_ + "/ov/" + sub);
+        }
+        const std::string data = "lowerdir=" + dir_ + "/rootfs,upperdir=" + dir_ + "/ov/upper,workdir=" + dir_ + "/ov/work";
+        EXPECT_EQ(mount("overlay", overlay_.c_str(), "overlay", 0, data.c_str()), 0);
+        return overlay_;
+    }
     // Makes, appends to, renames and removes files in the volume and in the container's root;
     // expects every one of them, named as the host sees it, from hostwarden audit watching the
     // host's directories. The shell outlives its work: a process is told apart only while it or
@@ -87,6 +105,7 @@ protected:
     }
 
     std::vector<std::string> started_;
+    std::string overlay_;
 };
 
 }  // namespace
@@ -101,4 +120,49 @@ TEST_F(ContainersKernel, FilesOfAContainerWithARootDirectoryAreNamedAsTheHostSee
     const std::string expected = "{\"id\":\"" + std::string(64, 'a') + "\",\"runtime\":\"docker\",\"rootPath\":\"" + dir_ + "/rootfs\"";
     EXPECT_NE(list->out.find(expected), std::string::npos) << list->out;
     EXPECT_NE(list->out.find("{\"source\":\"" + dir_ + "/vol\",\"destination\":\"/data\""), std::string::npos) << list->out;
+}
+
+TEST_F(ContainersKernel, FilesOfAContainerOnAnOverlayAreNamedAsTheHostSeesThem)
+{
+    const std::string id = Start("hwe2e-overlay", Overlay(), "/machine.slice/libpod-" + std::string(64, 'b') + ".scope");
+    ExpectHostPaths(id, dir_ + "/ov/merged");
+}
+
+// A process of the container, then none: the container's answers end with it; and its process id,
+// taken again by a host process, does not inherit them.
+TEST_F(ContainersKernel, AStoppedContainerAndAReusedProcessIdGiveNoStaleAnswer)
+{
+    const std::string id = Start("hwe2e-stop", dir_ + "/rootfs", "/docker/" + std::string(64, 'c'));
+    auto exec = std::make_unique<TestSupport::Program>(std::vector<std::string>{"/usr/sbin/runc", "exec", id, "sleep", "601"});
+    int pid = 0;
+    ASSERT_TRUE(TestSupport::WaitUntil([&] {
+        for (const int candidate : Container::ProcSource().Pids()) {
+            if (TestSupport::ReadFile("/proc/" + std::to_string(candidate) + "/cmdline") == std::string("sleep\0" "601\0", 10)) {
+                pid = candidate;
+            }
+        }
+        return pid != 0;
+    }));
+    Container::ContainerCollectTask provider;
+    std::shared_ptr<Framework::ContainerInfo> info;
+    ASSERT_TRUE(provider.GetContainerInfoByPid(pid, info));
+    EXPECT_EQ(info->id + " " + info->rootPath, std::string(64, 'c') + " " + dir_ + "/rootfs");
+
+    kill(pid, SIGKILL);
+    exec->Wait();  // runc exec reaps it: the id is free
+    E2E::Command("runc kill " + id + " KILL");
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return !provider.GetContainerInfoById(std::string(64, 'c'), info); }))
+        << "the container has stopped";
+    EXPECT_FALSE(provider.GetContainerInfoByPid(pid, info));
+
+    std::ofstream lastPid("/proc/sys/kernel/ns_last_pid");
+    if (!(lastPid << pid - 1).flush()) {
+        GTEST_SKIP() << "cannot choose the next process id here (/proc/sys/kernel/ns_last_pid)";
+    }
+    lastPid.close();
+    const TestSupport::Program host({"/bin/sleep", "600"});
+    if (host.Pid() != pid) {
+        GTEST_SKIP() << "another process took id " << pid << " first";
+    }
+    EXPECT_FALSE(provider.GetContainerInfoByPid(pid, info)) << "a host process now has the container's old process id";
 }
