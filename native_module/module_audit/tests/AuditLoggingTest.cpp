@@ -2,7 +2,6 @@
 
 #include "TestSupport.h"
 
-#include "sdk/InnerCpuCtrlUtils.h"
 
 TEST(AuditLogging, WritesFormattedLinesWithSourceNameLineAndPriority)
 {
@@ -29,20 +28,4 @@ TEST(AuditLogging, BuildsNothingBelowTheLevelAndSwallowsFormattingErrors)
     // A value of the wrong type is marked by Poco::format; nothing escapes to the caller.
     EXPECT_NO_THROW(AUDIT_LOG_ERROR("number %d", std::string("not a number")));
     EXPECT_EQ(log.channel().Texts(), (std::vector<std::string>{"value 1", "number [ERRFMT]"}));
-}
-
-TEST(AuditLogging, CpuCheckPointsAdjustOnlyWhenEnabledAndTheirTickIsOld)
-{
-    std::atomic<uint64_t> lastTick{0};
-    SDK::InnerCpuCtrlUtils::Disable();
-    Engine::Audit::detail::CpuCheckPoint(lastTick, "f", 1, "audit_task");
-    EXPECT_EQ(lastTick.load(), 0U) << "disabled: nothing is remembered";
-    SDK::InnerCpuCtrlUtils::Configure(0.9, 1);
-    Engine::Audit::detail::CpuCheckPoint(lastTick, "f", 1, "audit_task");
-    const uint64_t first = lastTick.load();
-    EXPECT_GT(first, 0U) << "the first pass is far from tick 0, so it adjusts and remembers";
-    SDK::InnerCpuCtrlUtils::Configure(0.9, 1000000000);
-    Engine::Audit::detail::CpuCheckPoint(lastTick, "f", 1, "audit_task");
-    EXPECT_EQ(lastTick.load(), first) << "within the suggested run tick nothing changes";
-    SDK::InnerCpuCtrlUtils::Disable();
 }

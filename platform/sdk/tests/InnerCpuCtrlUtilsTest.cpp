@@ -16,19 +16,6 @@ double ClockSeconds(clockid_t clock)
 }
 }  // namespace
 
-TEST(InnerCpuCtrl, ConfigurationEnablesOnlyForAShareBelowOne)
-{
-    InnerCpuCtrlUtils::Configure(0.3, 20);
-    EXPECT_TRUE(InnerCpuCtrlUtils::IsEnabled());
-    EXPECT_EQ(InnerCpuCtrlUtils::GetSuggestedRunTick(), 20U);
-    InnerCpuCtrlUtils::Configure(1.0, 20);
-    EXPECT_FALSE(InnerCpuCtrlUtils::IsEnabled());
-    InnerCpuCtrlUtils::Configure(0.3, 0);
-    EXPECT_FALSE(InnerCpuCtrlUtils::IsEnabled());
-    // Disabled, an adjustment never pauses.
-    EXPECT_EQ(InnerCpuCtrlUtils::AdjustThreadCpu(__FILE__, __LINE__, "t", 0, 1000), 0U);
-}
-
 // A busy thread that passes check points is held to the configured share of one processor,
 // measured on its own CPU clock against wall time up to its last check point. At a share of 0.05
 // with 100 ms between check points each window owes 1.9 s, more than one pause (500 ms) pays:
