@@ -260,8 +260,8 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
     EXPECT_EQ(chown.at("ogid") + " " + chown.at("cgid"), "0 1");
 }
 
-// The index follows what the notifications say happened, on a real tree: a create adds, a move
-// renames, a directory moved into view brings its tree, a delete takes the tree away.
+// The index follows what the notifications say happened, on a real tree: a move renames, a
+// directory moved into view brings its tree, a delete takes the tree away.
 TEST(FileWatchEvents, TheIndexFollowsCreatesMovesAndDeletes)
 {
     TestSupport::TempDir dir;
