@@ -5,6 +5,8 @@
 
 #include "TestSupport.h"
 
+#include "sdk/StrUtils.h"
+
 #include <auparse.h>
 
 using namespace Engine;
@@ -60,27 +62,11 @@ TEST(HexConversions, FollowTheAuditEncoding)
 
 TEST(Decode, FieldsAccessKindsAndSocketAddresses)
 {
-    const std::pair<std::shared_ptr<AuditEvent>, const char*> cases[] = {
-        // A hex-encoded exe is decoded; an execve writes, executes and keeps its EXECVE fields.
-        {Decode("arch=c000003e syscall=59 items=2 exe=2F746D702F612062 comm=\"cat\"", {"EXECVE argc=2 a0=\"cat\" a1=78", "CWD cwd=\"/\""}),
-         "59 items=2 exe=/tmp/a b comm=cat access=wx"},
-        // One PATH record reads; names are made absolute against the working directory.
-        {Decode("arch=c000003e syscall=2 items=1", {"CWD cwd=\"/tmp\"", "PATH item=0 name=\"a.txt\" nametype=NORMAL"}),
-         "2 items=1 exe= comm= access=r [/tmp/a.txt]"},
-        {Decode("arch=c000003e syscall=90 items=1", {"CWD cwd=\"/\"", "PATH item=0 name=\"/a\""}), "90 items=1 exe= comm= access=a [/a]"},
-        {Decode("arch=40000003 syscall=15 items=1", {"CWD cwd=\"/\"", "PATH item=0 name=\"/a\""}), "15 items=1 exe= comm= access=a [/a]"},
-        // Without a CWD record: no paths and no access kinds.
-        {Decode("arch=c000003e syscall=2 items=1", {"PATH item=0 name=\"/etc/passwd\""}), "2 items=1 exe= comm= access="},
-        {Decode("arch=c000003e syscall=abc", {"CWD cwd=\"/\""}), "-1 items=-1 exe= comm= access=w"},
-        {Decode("arch=c000003e syscall=42", {"SOCKADDR saddr=0100006162"}), "42 items=-1 exe= comm= access= sock=1,0,"},  // abstract
-        {Decode("arch=c000003e syscall=42", {"SOCKADDR saddr=02000050"}), "42 items=-1 exe= comm= access= sock=2,0,NUL"},  // too short
-        {Decode("arch=c000003e syscall=42", {"SOCKADDR saddr=0A000050"}), "42 items=-1 exe= comm= access= sock=10,0,NUL"},
-        {Decode("arch=c000003e syscall=42", {"SOCKADDR other=1"}), "42 items=-1 exe= comm= access="},
-    };
-    for (const auto& [event, expected] : cases) {
-        EXPECT_EQ(Describe(*event), expected);
+    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/decode.txt")) {
+        row.resize(4);
+        EXPECT_EQ(Describe(*Decode(row[0], SDK::StrUtils::Split(row[1], "; "))), row[2]) << row[3];
     }
-    const auto exec = cases[0].first;
+    const auto exec = Decode("arch=c000003e syscall=59 exe=2F746D702F612062", {"EXECVE argc=2 a0=\"cat\" a1=78", "CWD cwd=\"/\""});
     EXPECT_EQ(exec->parsedEvent.FindRecord("SYSCALL")->View("exe"), "/tmp/a b") << "written back";
     EXPECT_TRUE(exec->isExecve);
     EXPECT_EQ(exec->execveFields.View("a1"), "78");

@@ -87,29 +87,13 @@ TEST(PathHelpers, PathsInContainersAreTranslatedToTheHostAndBadProcessIdsDropThe
     ASSERT_EQ(engine.AddModule(std::make_unique<TestSupport::TasksModule>(std::vector<Framework::Task*>{fake})), 0);
     ASSERT_EQ(engine.StartTasks(), 0);
     LinuxAuditUtil::ResetContainerMetaCache();  // the module caches the provider per process
-    struct Case {
-        const char *pid, *ppid, *key, *path, *host, *lookups;
-    };
-    const Case cases[] = {
-        {"1", "2", "task***cid:abc***x", "/data/x/y", "/srv/data/x/y", " id:abc"},  // a key's id skips the processes
-        {"500", "400", "", "/data/file", "/srv/data/file", " pid:400 pid:500 id:abc"},  // the parent first
-        {"7", "500", "", "/var/log/syslog", "/srv/logs/syslog", " pid:500 id:abc"},
-        // The rest of the path follows the source as it is: a destination written with a
-        // trailing slash has taken the separator with it.
-        {"7", "500", "", "/cache/item", "/srv/cacheitem", " pid:500 id:abc"},
-        {"500", "1", "", "/database/z", "/var/lib/docker/overlay2/abc/merged/database/z", " pid:1 pid:500 id:abc"},
-        {"500", "1", "", "/data", "/var/lib/docker/overlay2/abc/merged/data", " pid:1 pid:500 id:abc"},
-        {"9", "8", "", "/data/x", "/data/x", " pid:8 pid:9"},  // a process outside containers
-        {"9", "8", "task***cid:abc", "/data/x", "/data/x", " pid:8 pid:9"},  // an id must be followed by ***
-        {"1", "2", "t***cid:gone***x", "/data/x", "/data/x", " id:gone"},
-    };
-    for (const Case& c : cases) {
+    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/container-paths.txt")) {
+        row.resize(7);
         fake->lookups.clear();
         AuditLogPath record;
-        record.path = record.hostPath = c.path;
-        EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event(c.pid, c.ppid, c.key), record), 0);
-        EXPECT_EQ(record.hostPath, c.host) << c.path;
-        EXPECT_EQ(fake->lookups, c.lookups) << c.path;
+        record.path = record.hostPath = row[3];
+        EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event(row[0], row[1], row[2]), record), 0);
+        EXPECT_EQ(record.hostPath + " |" + fake->lookups, row[4] + " | " + row[5]) << row[3] << ": " << row[6];
     }
 
     // A process id that does not convert drops the event's paths, but not the event.
