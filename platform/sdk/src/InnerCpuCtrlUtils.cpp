@@ -11,8 +11,7 @@ namespace SDK {
 
 namespace {
 
-// Longest single pause, so a stop request is never held up for long. What a pause leaves unpaid
-// is carried into the thread's next window, not forgiven.
+// Longest single pause, so a stop request is never held up for long.
 constexpr uint64_t kMaxSleepNs = 500ULL * 1000 * 1000;
 
 std::atomic<uint64_t> g_shareMillionths{0};  // 0 = disabled
@@ -25,14 +24,8 @@ uint64_t ReadNs(clockid_t clock)
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
 }
 
-// The calling thread's window: its processor and wall clocks at the window's start. A wall start
-// set in the future carries a debt: wall time the thread still owes.
-struct ThreadBudget {
-    bool started = false;
-    uint64_t cpuNs = 0;
-    uint64_t wallNs = 0;
-};
-thread_local ThreadBudget t_budget;
+thread_local bool t_started = false;
+thread_local InnerCpuCtrlUtils::Window t_window;
 
 }  // namespace
 
@@ -67,24 +60,31 @@ double InnerCpuCtrlUtils::GetShare()
     return millionths == 0 ? 1.0 : static_cast<double>(millionths) / 1e6;
 }
 
+uint64_t InnerCpuCtrlUtils::PauseNs(Window& window, uint64_t cpuNs, uint64_t wallNs, uint64_t shareMillionths)
+{
+    const uint64_t cpuUsed = cpuNs - window.cpuNs;
+    // Negative while a carried debt is still larger than the time since the window began.
+    const int64_t wallUsed = static_cast<int64_t>(wallNs - window.wallNs);
+    // The wall time in which cpuUsed would have been exactly the share.
+    const uint64_t wallNeeded = cpuUsed / shareMillionths * 1000000ULL + cpuUsed % shareMillionths * 1000000ULL / shareMillionths;
+    const uint64_t owed = static_cast<int64_t>(wallNeeded) > wallUsed ? static_cast<uint64_t>(static_cast<int64_t>(wallNeeded) - wallUsed) : 0;
+    // The next window starts now, owing all of it: the pause pays its part as it passes.
+    window = Window{cpuNs, wallNs + owed};
+    return owed > kMaxSleepNs ? kMaxSleepNs : owed;
+}
+
 uint64_t InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const std::string& label,
                                             uint64_t currentTick, uint64_t elapsedTicks)
 {
     const uint64_t millionths = g_shareMillionths.load();
     const uint64_t cpuNow = ReadNs(CLOCK_THREAD_CPUTIME_ID);
     const uint64_t wallNow = ReadNs(CLOCK_MONOTONIC);
-    ThreadBudget& budget = t_budget;
-    if (millionths == 0 || !budget.started) {
-        budget = ThreadBudget{true, cpuNow, wallNow};
+    if (millionths == 0 || !t_started) {
+        t_started = true;
+        t_window = Window{cpuNow, wallNow};
         return 0;
     }
-    const uint64_t cpuUsed = cpuNow - budget.cpuNs;
-    // Negative while a carried debt is still larger than the time since the window began.
-    const int64_t wallUsed = static_cast<int64_t>(wallNow - budget.wallNs);
-    // The wall time in which cpuUsed would have been exactly the share.
-    const uint64_t wallNeeded = cpuUsed / millionths * 1000000ULL + cpuUsed % millionths * 1000000ULL / millionths;
-    const uint64_t owed = static_cast<int64_t>(wallNeeded) > wallUsed ? static_cast<uint64_t>(static_cast<int64_t>(wallNeeded) - wallUsed) : 0;
-    const uint64_t sleepNs = owed > kMaxSleepNs ? kMaxSleepNs : owed;
+    const uint64_t sleepNs = PauseNs(t_window, cpuNow, wallNow, millionths);
     if (sleepNs > 0) {
         std::this_thread::sleep_for(std::chrono::nanoseconds(sleepNs));
         Poco::Logger& logger = Poco::Logger::get("cpu_ctrl");
@@ -98,8 +98,6 @@ uint64_t InnerCpuCtrlUtils::AdjustThreadCpu(const char* file, int line, const st
             }
         }
     }
-    // The next window starts now, owing what this pause did not pay.
-    budget = ThreadBudget{true, ReadNs(CLOCK_THREAD_CPUTIME_ID), ReadNs(CLOCK_MONOTONIC) + (owed - sleepNs)};
     return sleepNs / 1000000;
 }
 

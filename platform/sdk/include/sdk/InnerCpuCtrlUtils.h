@@ -33,6 +33,18 @@ public:
     /// elapsedTicks are the check point's view of time. Returns the milliseconds slept.
     static uint64_t AdjustThreadCpu(const char* file, int line, const std::string& label,
                                     uint64_t currentTick, uint64_t elapsedTicks);
+
+    /// A thread's accounting window: its processor and wall clocks (ns) when the window began. A
+    /// wall start in the future carries a debt: wall time the thread still owes.
+    struct Window {
+        uint64_t cpuNs = 0;
+        uint64_t wallNs = 0;
+    };
+
+    /// The arithmetic of a check point at the clock readings cpuNs and wallNs, for a share in
+    /// millionths: returns the pause owed (at most 500 ms, so a stop is never held up for long)
+    /// and starts the next window, carrying what that pause leaves unpaid.
+    static uint64_t PauseNs(Window& window, uint64_t cpuNs, uint64_t wallNs, uint64_t shareMillionths);
 };
 
 }  // namespace SDK
