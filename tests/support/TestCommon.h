@@ -64,22 +64,6 @@ std::vector<std::vector<std::string>> TableRows(const std::string& relative);
 /// Checks condition every 20 ms until it holds or the deadline passes; returns its last value.
 bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
 
-/// A small deterministic generator (xorshift64) for randomised tests.
-class Random {
-public:
-    explicit Random(uint64_t seed) : state_(seed) {}
-    uint64_t operator()()
-    {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 7;
-        state_ ^= state_ << 17;
-        return state_;
-    }
-
-private:
-    uint64_t state_;
-};
-
 /// Items handed over by other threads, and a wait for one that matches.
 template <typename T>
 class Inbox {

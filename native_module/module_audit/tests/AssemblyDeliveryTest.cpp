@@ -3,6 +3,8 @@
 
 #include "TestSupport.h"
 
+#include <Poco/String.h>
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 using namespace Engine;
@@ -28,20 +30,15 @@ TEST(Assembly, EventsEndAtTheirEndRecordTheNextEventOrAnIdlePoll)
 {
     TestSupport::LogCapture capture(Poco::Message::PRIO_WARNING);
     Pipeline p;
-    const std::pair<std::string, std::vector<size_t>> steps[] = {
-        {Line("SYSCALL", 1, kOpen), {}}, {Line("CWD", 1, "cwd=\"/tmp\""), {}},
-        {Line("PATH", 1, "item=0 name=\"/tmp\" nametype=PARENT"), {}}, {Line("PATH", 1, "item=1 name=\"x\" nametype=CREATE"), {}},
-        {Line("PROCTITLE", 1, "proctitle=636174"), {4}},
-        {Line("EOE", 1, ""), {4}},  // a second end finds nothing
-        {Line("SYSCALL", 2, kOpen), {4}}, {Line("PATH", 2, "item=0 name=\"/a\""), {4}},
-        {Line("SYSCALL", 3, kOpen), {4, 2}}, {Line("PATH", 3, "item=0 name=\"/b\""), {4, 2}},
-        {Line("USER_LOGIN", 4, "pid=1 uid=0 msg='op=login res=success'"), {4, 2, 2}},
-        {Line("SYSCALL", 5, kOpen), {4, 2, 2}}, {"", {4, 2, 2, 1}}, {"", {4, 2, 2, 1}},
-        {Line("PATH", 6, "item=0 name=\"/a\""), {4, 2, 2, 1}},  // no SYSCALL to belong to
-    };
-    for (const auto& [line, delivered] : steps) {
-        line.empty() ? p.log.HandleNoEofScenarios() : p.log.HandleOneLineLog(line);
-        EXPECT_EQ(p.Delivered(), delivered) << "after " << line;
+    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/assembly.txt")) {
+        row.resize(3);
+        Poco::replaceInPlace(row[0], std::string("OPEN"), kOpen);
+        row[0].empty() ? p.log.HandleNoEofScenarios() : p.log.HandleOneLineLog(row[0]);
+        std::string delivered;
+        for (const size_t lines : p.Delivered()) {
+            delivered += (delivered.empty() ? "" : " ") + std::to_string(lines);
+        }
+        EXPECT_EQ(delivered, row[1]) << "after " << row[0] << ": " << row[2];
     }
     EXPECT_TRUE(capture.channel().Has("Find invalid audit log, finished but event is empty."));
     EXPECT_TRUE(capture.channel().Has("Find invalid audit msg(" + Line("PATH", 6, "item=0 name=\"/a\"") +

@@ -14,6 +14,8 @@
 
 #include <sys/sysmacros.h>
 
+#include <random>
+
 using namespace Engine;
 using TestSupport::NamedTask;
 using TestSupport::Subscriber;
@@ -132,7 +134,7 @@ TEST(FileWatchPaths, CoverageFollowsTheRecursiveFlagAndWholeNames)
 TEST(FileWatchIndex, ChangesKeepToTheRulesAndTheInodeLookupAgreesWithTheScan)
 {
     const char* names[] = {"/w", "/w/a", "/w/a/b", "/w/b", "/w/ab", "/w/a/c", "/x", "/w/", ""};
-    TestSupport::Random next(0x9E3779B97F4A7C15ULL);
+    std::mt19937_64 next(20261122);
     InodeIndex index;
     std::map<std::string, uint64_t> model;  // path to inode, kept with the rules themselves
     for (int round = 0; round < 5000; ++round) {
