@@ -1,5 +1,5 @@
 // The audit task's handlers, driven directly on the test's thread, against a recording auditctl
-// and a log file of its own; and the dispatch of its messages.
+// and a log file of its own.
 #include "AuditTask.h"
 
 #include "TestSupport.h"
@@ -54,14 +54,6 @@ TEST(AuditTaskHelpers, StripKeyInCmdAndGetOperate)
         adds += GetOperate(operate) ? "1" : "0";
     }
     EXPECT_EQ(adds, "1100000") << "only -a and -w add";
-}
-
-TEST(AuditMessages, DispatchReachesTheReceiverOfTheMessageTypeOnly)
-{
-    Subscriber sub;  // takes event messages only
-    EXPECT_EQ(AuditUnsubscribeMessage(&sub).MessageHandle(&sub), -1) << "no such receiver";
-    EXPECT_EQ(AuditEventMessage().MessageHandle(nullptr), -1);
-    EXPECT_EQ(AuditEventMessage().MessageHandle(&sub), 0);
 }
 
 TEST_F(AuditTaskTest, InitClearsEarlierRulesProbesOnceAndFollowsTheLogFromTheFirstAdd)

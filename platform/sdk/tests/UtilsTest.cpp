@@ -1,22 +1,7 @@
 #include "sdk/BoundedStr.h"
 #include "sdk/LoggerUtils.h"
-#include "sdk/PathUtils.h"
-#include "sdk/StrUtils.h"
 
 #include "TestCommon.h"
-
-using SDK::StrUtils;
-
-TEST(StrUtils, SplitKeepsEmptyPiecesAndHandlesLongSeparators)
-{
-    using V = std::vector<std::string>;
-    EXPECT_EQ(StrUtils::Split("open,,openat", ","), (V{"open", "", "openat"}));
-    EXPECT_EQ(StrUtils::Split("", " "), (V{""}));
-    EXPECT_EQ(StrUtils::Split(" a ", " "), (V{"", "a", ""}));
-    EXPECT_EQ(StrUtils::Split("t***tag***/p***wa", "***"), (V{"t", "tag", "/p", "wa"}));
-    EXPECT_EQ(StrUtils::Split("a****b", "***"), (V{"a", "*b"}));
-    EXPECT_EQ(StrUtils::Split("abc", ""), (V{"abc"}));
-}
 
 TEST(BoundedStr, OverlongResultsFailInsteadOfOverflowing)
 {
@@ -30,23 +15,6 @@ TEST(BoundedStr, OverlongResultsFailInsteadOfOverflowing)
     EXPECT_STREQ(buf, "12-ab");
     EXPECT_EQ(SDK::snprintf_s(buf, sizeof(buf), "%s", "too long!"), -1);
     EXPECT_STREQ(buf, "");
-}
-
-TEST(PathUtils, InstallationPathComesFromTheEnvironmentOrTheProgramAndEndsInSlash)
-{
-    std::string path;
-    for (const char* home : {"/opt/hw", "/opt/hw/"}) {
-        setenv("HOSTWARDEN_HOME", home, 1);
-        ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
-        EXPECT_EQ(path, "/opt/hw/") << home;
-    }
-    unsetenv("HOSTWARDEN_HOME");
-    // This test program lives in <build>/platform/sdk/tests/: its "installation" is the folder
-    // above the program's own folder.
-    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
-    EXPECT_EQ(path, std::string(HW_BINARY_DIR) + "/platform/sdk/");
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("/a/b/AuditLog.cpp"), "AuditLog.cpp");
-    EXPECT_EQ(SDK::PathUtils::GetFileNameFromPath("plain"), "plain");
 }
 
 // The agent configures logging at start and again from its configuration file.
