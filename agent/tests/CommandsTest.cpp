@@ -9,10 +9,8 @@
 
 #include "TestCommon.h"
 
-// Every event of a real capture as the parse command prints it, and every event the module
-// delivers as the decode command prints it (its own assembly, decoding and delivery: events that
-// the assembly rules drop, an execve closed early by its BPRM_FCAPS record, are absent by design),
-// against golden files (HW_UPDATE_GOLDEN=1 rewrites them).
+// Real captures as the parse command and the decode command (the module's own assembly, so events
+// it drops by design are absent) print them, against golden files (HW_UPDATE_GOLDEN=1 rewrites).
 TEST(ParseAndDecodeCommands, PrintRealCapturesAsTheirGoldenJson)
 {
     using Command = int (*)(const std::vector<std::string>&, std::ostream&, std::ostream&);

@@ -1,7 +1,5 @@
-// Real OCI containers, started by runc from a busybox root file system, against the real kernel
-// and auditd: files a container makes in a volume and in its own root come out with the paths the
-// host sees, through the shipped hostwarden and its container module; and the provider gives no
-// stale answer once a container has stopped or a process id is taken again.
+// Real runc containers on a busybox root: their files come out with the paths the host sees, and
+// the provider gives no stale answer once a container has stopped or its process id is reused.
 #include "KernelAudit.h"
 
 #include "ContainerCollectTask.h"

@@ -1,7 +1,5 @@
-// File notifications end to end against the real kernel and auditd: the main job watches a
-// scratch tree (as its configuration says), a script of real actions (fixtures/filewatch-script.txt)
-// runs in it, and the notifications it exports for each action are compared with what the action
-// must give and with what inotify(7) reports.
+// File notifications end to end: the main job watches a scratch tree where the actions of
+// fixtures/filewatch-script.txt run; each action's notifications are compared with inotify(7)'s.
 #include "KernelAudit.h"
 
 #include "sdk/StrUtils.h"

@@ -21,11 +21,9 @@ std::vector<Poco::JSON::Object::Ptr> JsonLines(const std::string& text);
 /// The marker every key made by the kernel tests themselves contains, so cleanup can find them.
 inline constexpr const char* kTestKeyMarker = "hwe2e";
 
-/// Base of the tests against the real kernel and a running auditd: skipped, with the reason,
-/// without root or auditd. Each test gets an installation of the built agent (HOSTWARDEN_HOME:
-/// our auditctl in bin/, both modules in lib/modules/, an empty etc/) and a scratch directory.
-/// When it ends, pass or fail, every rule a test or the agent made is removed, and it fails if
-/// the agent left one behind.
+/// Base of the real-kernel tests (skipped, with the reason, without root or auditd): an installation
+/// of the built agent and a scratch directory per test; afterwards every rule made is removed, and
+/// a rule the agent left behind fails the test.
 class KernelTest : public testing::Test {
 protected:
     void SetUp() override;

@@ -1,8 +1,6 @@
 #pragma once
 
-// Every test program includes this header (directly or through its module's test support): it
-// brings GoogleTest and the standard and POSIX headers the tests share, so that a test file lists
-// only what it tests.
+// Included by every test program: GoogleTest and the standard and POSIX headers the tests share.
 #include <Poco/Pipe.h>
 #include <Poco/Process.h>
 #include <gtest/gtest.h>

@@ -171,11 +171,9 @@ TEST_F(AuditTaskTest, AddsAreAdmittedUpTo257RulesAndAgainAfterARemoval)
 {
     task_->Init();
     Subscriber sub("many_task");
-    for (int i = 0; i < 256; ++i) {
+    for (int i = 0; i <= 256; ++i) {
         ASSERT_EQ(task_->Receive(Syscall(&sub, "t" + std::to_string(i), "exit,always -S open")), 0);
     }
-    ASSERT_EQ(task_->Rules().ruleCommands.size(), 256U);
-    EXPECT_EQ(task_->Receive(Syscall(&sub, "t256", "exit,always -S open")), 0);
     EXPECT_EQ(task_->Rules().ruleCommands.size(), 257U) << "256 entries still admit one more";
     const size_t runs = install_.Commands().size();
     EXPECT_EQ(task_->Receive(Syscall(&sub, "t257", "exit,always -S open")), 0);

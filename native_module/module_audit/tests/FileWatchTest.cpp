@@ -1,6 +1,4 @@
-// The file-watch engine: its rule table, inode index and path tests, the notifications it makes
-// of real captured file actions and of each handler's cases, and the file-watch task's handling
-// of its control messages.
+// The file-watch engine (rules, inode index, path tests, each handler's notifications) and its task.
 #include "FileAuditWatch.h"
 #include "FileWatchAuditTask.h"
 
@@ -36,13 +34,7 @@ AuditFileSystemCtrlMessage WatchMessage(Framework::Task* sender, const std::stri
 
 FileNotifyRule Rule(const std::string& path, bool recursive, uint32_t mask = kNotifyCreate, Framework::Task* task = nullptr)
 {
-    FileNotifyRule rule;
-    rule.path = path;
-    rule.recursive = recursive;
-    rule.mask = mask;
-    rule.task = task;
-    rule.valid = true;
-    return rule;
+    return FileNotifyRule{path, mask, recursive, "", true, 0, task};
 }
 
 // The notifications sink received since the last call, as "kind path[ -> dest][ dir]" with root
@@ -383,9 +375,8 @@ TEST(FileWatchTask, AsksTheAuditTaskForEachNewWatchAndEachRemovalOfAHeldOne)
     EXPECT_TRUE(lifecycle.channel().Has("Uninit task(filewatch_audit_task)."));
 }
 
-// The process-wide system-call tables are read and extended from every task's thread: the audit
-// task adds unknown names, the file-watch task unknown numbers. The thread-sanitizer build runs
-// this; a table without its lock is reported.
+// Both task threads read and extend the process-wide system-call tables; under the thread
+// sanitizer a table without its lock is reported.
 TEST(SharedTables, AreReadAndExtendedFromSeveralThreadsAtOnce)
 {
     constexpr int kRounds = 2000;

@@ -140,9 +140,8 @@ TEST_F(Reader, AMissingFileIsReportedOnceInAThousandPolls)
     EXPECT_EQ(reader_.sizeErrorCount, 0);
 }
 
-// auditd writes a line at once, but a reader can see the write cut short at a page boundary: a
-// last line without its newline waits until it is whole, and nothing is lost. Lines longer than
-// 64 KiB arrive whole too.
+// A write seen cut short at a page boundary: its line waits until whole. Lines past 64 KiB arrive
+// whole too.
 TEST_F(Reader, LinesArriveWholeWhateverTheirLengthAndOnlyOnceComplete)
 {
     Start();

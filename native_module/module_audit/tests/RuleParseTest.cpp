@@ -67,9 +67,8 @@ TEST(RuleParse, ResultCodesAndParsedRules)
     parameterNumberMap.erase("uid");
 }
 
-// Every entry of both tables names its number as libaudit does (which writes a few old calls with
-// a leading underscore, and three calls by other names than the kernel's); the tables stop
-// where the module's numbering stops.
+// Every entry of both tables names its number as libaudit does (but for libaudit's leading
+// underscores and three other names); the tables end where the module's numbering ends.
 TEST(SyscallTables, AgreeWithLibauditAndAddUnknownNamesWithNumberZero)
 {
     for (const auto& [table, machine, count, last] : {std::tuple<const SharedLookupTable<int32_t, std::string>*, int, size_t, int32_t>{

@@ -1,9 +1,6 @@
-// A module library used by the engine tests. Its task answers each PingMessage by sending a
-// PingMessage back to the task named in it; its life-cycle steps are appended to the file named
-// by HW_TEST_MODULE_LOG so the test can check the engine's order of calls. With
-// HW_TEST_MODULE_FAIL_INIT set its Init fails, with HW_TEST_MODULE_NO_MODULE its CreateModule
-// returns none; with HW_TEST_MODULE_UNINIT_PING set its task sends a PingMessage (made by this
-// library's code) to the task of that name when it is un-initialised.
+// The engine tests' module library: its task echoes each PingMessage (seq + 1000), and it logs its
+// life cycle to $HW_TEST_MODULE_LOG. HW_TEST_MODULE_FAIL_INIT fails its Init, HW_TEST_MODULE_NO_MODULE
+// its CreateModule; HW_TEST_MODULE_UNINIT_PING names a task its UnInit sends a ping of its own to.
 #include "TestMessages.h"
 
 #include "framework/Module.h"

@@ -7,9 +7,8 @@
 
 using SDK::ExecuteCmdUtils;
 
-// A line runs without a shell: quotes group words and nothing else is interpreted, leading
-// assignments set the program's environment, output and error arrive together (at most the bound,
-// though the program runs to its end), and a line that cannot start gives 127 and says why.
+// No shell: quotes group words, nothing else is interpreted, leading assignments set the
+// environment; output and error arrive together, bounded; a line that cannot start gives 127.
 TEST(ExecuteCmd, EachLineGivesItsStatusAndCombinedOutput)
 {
     std::vector<std::string> words;

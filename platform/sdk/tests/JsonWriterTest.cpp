@@ -2,6 +2,7 @@
 // wrote, and iconv's strict UTF-8 decoder accepts every line.
 #include "sdk/JsonWriter.h"
 
+#include <Poco/HexBinaryDecoder.h>
 #include <Poco/JSON/Array.h>
 #include <Poco/JSON/Parser.h>
 
@@ -10,6 +11,7 @@
 #include <iconv.h>
 
 #include <random>
+#include <sstream>
 
 using SDK::JsonWriter;
 
@@ -36,11 +38,9 @@ std::string Recover(const std::string& value)
     if (value.compare(0, 4, "hex:") != 0) {
         return value;
     }
-    std::string bytes;
-    for (size_t i = 4; i + 1 < value.size(); i += 2) {
-        bytes.push_back(static_cast<char>(std::stoi(value.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
+    std::istringstream hex(value.substr(4));
+    Poco::HexBinaryDecoder bytes(hex);
+    return std::string(std::istreambuf_iterator<char>(bytes), {});
 }
 
 }  // namespace

@@ -1,21 +1,6 @@
-#include "sdk/BoundedStr.h"
 #include "sdk/LoggerUtils.h"
 
 #include "TestCommon.h"
-
-TEST(BoundedStr, OverlongResultsFailInsteadOfOverflowing)
-{
-    char buf[8];
-    EXPECT_EQ(SDK::strcpy_s(buf, sizeof(buf), "1234567"), 0);
-    EXPECT_STREQ(buf, "1234567");
-    EXPECT_EQ(SDK::strcpy_s(buf, sizeof(buf), "12345678"), -1);
-    EXPECT_STREQ(buf, "");
-    EXPECT_EQ(SDK::strcpy_s(buf, sizeof(buf), nullptr), -1);
-    EXPECT_EQ(SDK::snprintf_s(buf, sizeof(buf), "%d-%s", 12, "ab"), 5);
-    EXPECT_STREQ(buf, "12-ab");
-    EXPECT_EQ(SDK::snprintf_s(buf, sizeof(buf), "%s", "too long!"), -1);
-    EXPECT_STREQ(buf, "");
-}
 
 // The agent configures logging at start and again from its configuration file.
 TEST(LoggerUtils, ReconfiguringKeepsEveryChannelAliveAndMakesTheLogDirectory)
