@@ -72,21 +72,11 @@ public:
         items_.push_back(std::move(item));
         changed_.notify_all();
     }
-    /// Waits (at most seconds) until an item matches; true with it copied to found.
-    bool WaitFor(const std::function<bool(const T&)>& match, T* found = nullptr, int seconds = 20)
+    /// Waits (at most seconds) until an item matches.
+    bool WaitFor(const std::function<bool(const T&)>& match, int seconds = 20)
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] {
-            for (const T& item : items_) {
-                if (match(item)) {
-                    if (found != nullptr) {
-                        *found = item;
-                    }
-                    return true;
-                }
-            }
-            return false;
-        });
+        return changed_.wait_for(lock, std::chrono::seconds(seconds), [&] { return std::any_of(items_.begin(), items_.end(), match); });
     }
     std::vector<T> Snapshot()
     {

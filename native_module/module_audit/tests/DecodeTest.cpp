@@ -42,10 +42,9 @@ std::string Describe(const AuditEvent& e)
 
 TEST(HexConversions, FollowTheAuditEncoding)
 {
-    const std::pair<const char*, int> numbers[] = {{"7FFFFFFF", 0x7fffffff}, {"80000000", 0}, {"12G4", 0},
-                                                   {"1000000001", 0},  // past 31 bits before the last digit
-                                                   {"", 0}, {"  +1f", 31}, {"+", 0}, {"0002", 2}};
-    for (const auto& [hex, value] : numbers) {
+    // 1000000001 passes 31 bits before its last digit.
+    for (const auto& [hex, value] : {std::pair<const char*, int>{"7FFFFFFF", 0x7fffffff}, {"80000000", 0}, {"12G4", 0},
+                                     {"1000000001", 0}, {"", 0}, {"  +1f", 31}, {"+", 0}, {"0002", 2}}) {
         EXPECT_EQ(getDecValueFromHex(hex), value) << hex;
     }
     EXPECT_EQ(getStringValueFromHex("2F746D702F612062"), "/tmp/a b");

@@ -23,21 +23,16 @@ public:
     bool GetContainerInfoById(const std::string& id, std::shared_ptr<Framework::ContainerInfo>& info) override
     {
         lookups += " id:" + id;
-        return Found(id == "abc", info);
+        return id == "abc" && (info = abc_);
     }
     bool GetContainerInfoByPid(int pid, std::shared_ptr<Framework::ContainerInfo>& info) override
     {
         lookups += " pid:" + std::to_string(pid);
-        return Found(pid == 500, info);
+        return pid == 500 && (info = abc_);
     }
     std::string lookups;
 
 private:
-    bool Found(bool found, std::shared_ptr<Framework::ContainerInfo>& info)
-    {
-        info = found ? abc_ : info;
-        return found;
-    }
     std::shared_ptr<Framework::ContainerInfo> abc_ = std::make_shared<Framework::ContainerInfo>();
 };
 

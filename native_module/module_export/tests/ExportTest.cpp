@@ -35,10 +35,6 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
     EXPECT_EQ(config.subscriptions[2].watch + " " + std::to_string(config.subscriptions[2].events), "/tmp 198") << "resolved";
     EXPECT_EQ(config.subscriptions[2].entry, "subscriptions[2]");
 
-    Export::AgentConfig defaults;
-    ASSERT_TRUE(Export::ParseAgentConfig(R"({"subscriptions": [{"tag": "t", "watch": "/tmp"}]})", installation, defaults, error));
-    EXPECT_TRUE(defaults.output.file.empty() && defaults.output.toStdout);
-    EXPECT_EQ(defaults.subscriptions[0].events, 966U) << "every kind by default";
 }
 
 TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)

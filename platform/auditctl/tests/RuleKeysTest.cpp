@@ -36,17 +36,6 @@ std::unique_ptr<audit_rule_data, decltype(&std::free)> Rule(const std::vector<Fi
 
 }  // namespace
 
-TEST(RuleKeys, FindsTheKeyBehindOtherStringFieldsAndSplitsSeveralKeys)
-{
-    // -w /tmp/x -p wa -k net_task***a -k other, as the kernel stores it
-    const auto rule = Rule({{AUDIT_WATCH, 0, "/tmp/x"}, {AUDIT_PERM, 10, ""}, {AUDIT_FILTERKEY, 0, "net_task***a\x01other"}});
-    EXPECT_EQ(Auditctl::RuleKeys(*rule), (std::vector<std::string>{"net_task***a", "other"}));
-    EXPECT_TRUE(Auditctl::RuleKeyContains(*rule, "_task***"));
-    EXPECT_TRUE(Auditctl::RuleKeyContains(*rule, "other"));
-    EXPECT_FALSE(Auditctl::RuleKeyContains(*rule, "a\x01o"));  // never across two keys
-    EXPECT_FALSE(Auditctl::RuleKeyContains(*rule, "/tmp/x"));  // the watch path is not a key
-}
-
 TEST(RuleKeys, RulesWithoutKeyOrWithBadLengthsGiveNoKey)
 {
     EXPECT_TRUE(Auditctl::RuleKeys(*Rule({{AUDIT_ARCH, AUDIT_ARCH_X86_64, ""}, {AUDIT_DIR, 0, "/etc"}})).empty());
