@@ -23,16 +23,21 @@ public:
     bool GetContainerInfoById(const std::string& id, std::shared_ptr<Framework::ContainerInfo>& info) override
     {
         lookups += " id:" + id;
-        return id == "abc" && (info = abc_);
+        return Found(id == "abc", info);
     }
     bool GetContainerInfoByPid(int pid, std::shared_ptr<Framework::ContainerInfo>& info) override
     {
         lookups += " pid:" + std::to_string(pid);
-        return pid == 500 && (info = abc_);
+        return Found(pid == 500, info);
     }
     std::string lookups;
 
 private:
+    bool Found(bool found, std::shared_ptr<Framework::ContainerInfo>& info)
+    {
+        info = found ? abc_ : info;
+        return found;
+    }
     std::shared_ptr<Framework::ContainerInfo> abc_ = std::make_shared<Framework::ContainerInfo>();
 };
 
