@@ -32,6 +32,9 @@ public:
     /// The number of a system call on the arch ("b32" for i386, else x86_64); an unknown name is
     /// added to the table with 0 and gives 0.
     static int32_t auditGetSyscallNumber(const std::string& name, const std::string& arch);
+    /// The rule text with every -S name that the installed libaudit (and so auditctl) does not know
+    /// written as its number from the kernel's table: auditctl takes numbers for calls newer than it.
+    static std::string SyscallNamesForAuditctl(const std::string& ruleText, const std::string& arch);
 
     /// Runs the installation's bin/auditctl with args (with the installation's lib/ on the loader
     /// path), capturing its output. True when it ran and exited 0.

@@ -69,7 +69,8 @@ bool AuditRules::AddAuditRule(const AuditSyscallCtrlMessage& msg, const SyscallR
         const size_t space = stripped.find(' ');
         stripped.insert(space == std::string::npos ? stripped.size() : space, " -F arch=b64 ");
     }
-    return Install(ruleCommands, key, msg.operate + " " + stripped + " -k " + key);
+    const std::string command = LinuxAuditUtil::SyscallNamesForAuditctl(stripped, rule.arch);
+    return Install(ruleCommands, key, msg.operate + " " + command + " -k " + key);
 }
 
 bool AuditRules::AddAuditRule(const AuditFileSystemCtrlMessage& msg, const FileSystemRule& rule, std::string& stripped)

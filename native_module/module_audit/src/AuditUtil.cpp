@@ -13,6 +13,8 @@
 #include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
 
+#include <libaudit.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -202,6 +204,28 @@ int ParseRuleText(const std::string& text, const char* listOption, std::string& 
 }
 
 }  // namespace
+
+std::string LinuxAuditUtil::SyscallNamesForAuditctl(const std::string& ruleText, const std::string& arch)
+{
+    const int machine = arch == "b32" ? MACH_X86 : MACH_86_64;
+    std::string out;
+    bool list = false;
+    for (const std::string& token : RuleTokens(ruleText)) {
+        std::string word = token;
+        if (list) {
+            word.clear();
+            for (const std::string& name : SDK::StrUtils::Split(token, ",")) {
+                int32_t number = 0;
+                const bool newer = audit_name_to_syscall(name.c_str(), machine) < 0 &&
+                                   (machine == MACH_X86 ? syscallNameToNumber32 : syscallNameToNumber64).Find(name, number);
+                word += (word.empty() ? "" : ",") + (newer ? std::to_string(number) : name);
+            }
+        }
+        list = token == "-S";
+        out += (out.empty() ? "" : " ") + word;
+    }
+    return out;
+}
 
 int LinuxAuditUtil::auditDistractSyscallRule(const AuditSyscallCtrlMessage& msg, SyscallRule& rule)
 {

@@ -27,7 +27,7 @@ TEST(AuditRules, InstallsSyscallRulesWithAnArchAndSharesOneKeyPerSubscription)
     EXPECT_TRUE(open.AddTo(rules));
     EXPECT_EQ(open.stripped, "exit,always -F arch=b64  -S open");
     const std::string key = "net_task***topenpidppid";
-    EXPECT_EQ(rules.ruleCommands.at(key), "-a exit,always -F arch=b64  -S open -k " + key);
+    EXPECT_EQ(rules.ruleCommands.at(key), "-a exit,always -F arch=b64 -S open -k " + key);
     TestSupport::SyscallSub same(&task, "t", "exit,always -S open,close -F success=1");  // same first syscall
     EXPECT_FALSE(same.AddTo(rules));
     EXPECT_TRUE(TestSupport::SyscallSub(&task, "t", "exit,always -F arch=b32 -S chmod").AddTo(rules));
