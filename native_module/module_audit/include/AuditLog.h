@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Framework {
 class Task;
@@ -56,12 +57,13 @@ public:
     void CleanLogRoute();
 
     // ---- record assembly ----
-    /// Takes one log line: collects the lines of an event and hands complete events on.
-    /// (Virtual, like HandleNoEofScenarios, so a test can watch what the log reader hands over.)
+    /// Takes one log line: collects the lines of each event by their stamp and hands complete
+    /// events on. (Virtual, like HandleNoEofScenarios, so a test can watch what the reader hands over.)
     virtual void HandleOneLineLog(const std::string& line);
-    /// Adds a collected record to the pending event. 1: line taken (or dropped), 2: end of event.
+    /// Adds a collected record to the open event of its stamp (a SYSCALL record opens one).
+    /// 1: line taken (or dropped), 2: end of event.
     int PackLogs(std::string type, const std::string& line);
-    /// A poll found no new data: completes a pending event that never got its end record.
+    /// A poll found no new data: completes every open event, in the order they were opened.
     virtual void HandleNoEofScenarios();
     /// Puts back a rule of ours that was removed, or waits for the path of one the kernel refused.
     void FixAuditConfigChange(const std::string& line);
@@ -108,16 +110,27 @@ public:
     SyscallRouteMap syscallRoutes32;
     PathRouteMap pathRoutes;
 
+    /// Events open at once at most; opening one more completes the oldest.
+    static constexpr size_t kMaxOpenEvents = 16;
+
 private:
-    // Moves the pending event into a shared pointer and runs ParseAndDeliverLogs on it.
-    void FinishPendingEvent();
+    // An event whose records are still arriving, under its stamp (the msg=audit(...) text).
+    struct OpenEvent {
+        std::string stamp;
+        std::shared_ptr<AuditEvent> event;
+    };
+    std::vector<OpenEvent>::iterator FindOpenEvent(std::string_view stamp);
+    // Takes the event out of the open ones and runs ParseAndDeliverLogs on it.
+    void CompleteEvent(std::vector<OpenEvent>::iterator open);
 
     Framework::Task* owner_;
     AuditRules* rules_;
     std::map<std::string, auditFileSystemDest*> chosenFileDests_;  // per delivery, by task name + tag
-    // The event being collected. Only this member refers to it until it is handed on (moved);
-    // it is made shared from the start so handing it on needs no second allocation.
-    std::shared_ptr<AuditEvent> pendingEvent_;
+    // The events being collected, in the order they were opened. The kernel writes auxiliary
+    // records between a SYSCALL and its CWD and PATH records, and auditd interleaves the records
+    // of events that end on different processors, so several are open at once. Each is shared
+    // from the start so handing it on needs no second allocation.
+    std::vector<OpenEvent> openEvents_;
 };
 
 /// Decimal text to int32; -1 for empty, non-numeric or out-of-range text.

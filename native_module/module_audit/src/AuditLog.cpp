@@ -51,7 +51,7 @@ bool setPermission(auditFileSystemDest& dest, std::string& perm)
 
 AuditLog::AuditLog(Framework::Task* owner, AuditRules* rules) : owner_(owner), rules_(rules) {}
 
-AuditLog::~AuditLog() = default;  // a still-pending event is dropped undelivered
+AuditLog::~AuditLog() = default;  // events still open are dropped undelivered
 
 SyscallRouteMap& AuditLog::GetSyscallMap(const SyscallRule& rule)
 {
@@ -223,25 +223,50 @@ void AuditLog::CleanLogRoute()
 
 namespace {
 
-// The record types assembly collects: SYSCALL, PATH, CWD, SOCKADDR, EXECVE, EOE, PROCTITLE.
-bool IsCollectedType(const std::string& type)
+// The record types assembly collects: those of the call itself, the auxiliary ones the kernel
+// writes after an event's SYSCALL record, and the two that end an event.
+bool IsCollectedType(std::string_view type)
 {
-    switch (type.size()) {
-    case 3: return type == "CWD" || type == "EOE";
-    case 4: return type == "PATH";
-    case 6: return type == "EXECVE";
-    case 7: return type == "SYSCALL";
-    case 8: return type == "SOCKADDR";
-    case 9: return type == "PROCTITLE";
-    default: return false;
+    static constexpr std::string_view kCollected[] = {
+        "SYSCALL",   "PATH",        "CWD",       "SOCKADDR", "EXECVE",       "EOE",           "PROCTITLE",
+        "BPRM_FCAPS", "CAPSET",     "FD_PAIR",   "OBJ_PID",  "IPC",          "SOCKETCALL",    "MQ_OPEN",
+        "MQ_SENDRECV", "MQ_NOTIFY", "MQ_GETSETATTR", "MMAP", "KERN_MODULE",  "OPENAT2"};
+    for (const std::string_view collected : kCollected) {
+        if (collected == type) {
+            return true;
+        }
     }
+    return false;
+}
+
+// The record's stamp: the text inside msg=audit(...), or empty without one.
+std::string_view StampOf(const std::string& line)
+{
+    static constexpr std::string_view kOpen = "msg=audit(";
+    const size_t begin = line.find(kOpen);
+    if (begin == std::string::npos) {
+        return {};
+    }
+    const size_t end = line.find(')', begin + kOpen.size());
+    return end == std::string::npos ? std::string_view() : std::string_view(line).substr(begin + kOpen.size(), end - begin - kOpen.size());
 }
 
 }  // namespace
 
-void AuditLog::FinishPendingEvent()
+std::vector<AuditLog::OpenEvent>::iterator AuditLog::FindOpenEvent(std::string_view stamp)
 {
-    const std::shared_ptr<AuditEvent> event = std::move(pendingEvent_);
+    for (auto it = openEvents_.begin(); it != openEvents_.end(); ++it) {
+        if (it->stamp == stamp) {
+            return it;
+        }
+    }
+    return openEvents_.end();
+}
+
+void AuditLog::CompleteEvent(std::vector<OpenEvent>::iterator open)
+{
+    const std::shared_ptr<AuditEvent> event = std::move(open->event);
+    openEvents_.erase(open);
     ParseAndDeliverLogs(event);
 }
 
@@ -256,33 +281,41 @@ void AuditLog::HandleOneLineLog(const std::string& line)
     AUDIT_CPU_CHECK(kAuditTaskName);
     if (IsCollectedType(type)) {
         if (PackLogs(type, line) == 2) {
-            if (!pendingEvent_) {
+            const auto open = FindOpenEvent(StampOf(line));
+            if (open == openEvents_.end()) {
                 AUDIT_LOG_WARN("Find invalid audit log, finished but event is empty.");
             } else {
-                FinishPendingEvent();
+                CompleteEvent(open);
             }
         }
-    } else if (pendingEvent_ && !pendingEvent_->lines.empty()) {
-        // A record of another kind ends the event; the record itself is not ours.
-        FinishPendingEvent();
+    } else {
+        // A record of another kind ends the event of its stamp; the record itself is not ours.
+        const auto open = FindOpenEvent(StampOf(line));
+        if (open != openEvents_.end()) {
+            CompleteEvent(open);
+        }
     }
     AUDIT_CPU_CHECK(kAuditTaskName);
 }
 
 int AuditLog::PackLogs(std::string type, const std::string& line)
 {
+    const std::string_view stamp = StampOf(line);
     if (type == "SYSCALL") {
-        if (pendingEvent_) {
-            FinishPendingEvent();  // its end record never came
+        if (const auto open = FindOpenEvent(stamp); open != openEvents_.end()) {
+            CompleteEvent(open);  // the same stamp again: that event's end record never came
         }
-        pendingEvent_ = std::make_shared<AuditEvent>();
-        pendingEvent_->lines.reserve(8);
+        if (openEvents_.size() >= kMaxOpenEvents) {
+            CompleteEvent(openEvents_.begin());
+        }
+        openEvents_.push_back({std::string(stamp), std::make_shared<AuditEvent>()});
+        openEvents_.back().event->lines.reserve(8);
     }
     if (type == "PROCTITLE" || type == "EOE") {
         return 2;
     }
-    if (pendingEvent_) {
-        pendingEvent_->lines.push_back(line);
+    if (const auto open = FindOpenEvent(stamp); open != openEvents_.end()) {
+        open->event->lines.push_back(line);
         return 1;
     }
     AUDIT_LOG_WARN("Find invalid audit msg(%s), have expect log but event is empty.", line);
@@ -291,8 +324,10 @@ int AuditLog::PackLogs(std::string type, const std::string& line)
 
 void AuditLog::HandleNoEofScenarios()
 {
-    if (pendingEvent_ && !pendingEvent_->lines.empty()) {
-        FinishPendingEvent();
+    std::vector<OpenEvent> completed;
+    completed.swap(openEvents_);
+    for (OpenEvent& open : completed) {
+        ParseAndDeliverLogs(open.event);
     }
 }
 

@@ -24,9 +24,22 @@ const std::string kOpen = "arch=c000003e syscall=2 success=yes exit=3 a0=1 a1=2 
 
 }  // namespace
 
-// An event ends at its first PROCTITLE or EOE, at the next SYSCALL, at a record of another kind
-// (itself dropped), or at a poll that found no new line ("" below).
-TEST(Assembly, EventsEndAtTheirEndRecordTheNextEventOrAnIdlePoll)
+// Each event delivered so far as serial:lines, in delivery order.
+std::string DeliveredSerials(Subscriber& subscriber)
+{
+    std::string so_far;
+    for (const auto& [tag, event] : subscriber.Drain()) {
+        const std::string& first = event->lines.front();
+        const size_t colon = first.find(':', first.find("msg=audit("));
+        so_far += (so_far.empty() ? "" : " ") + first.substr(colon + 1, first.find(')') - colon - 1) + ":" +
+                  std::to_string(event->lines.size());
+    }
+    return so_far;
+}
+
+// Records join the open event of their stamp; an event ends at its first PROCTITLE or EOE, at a
+// record of another kind with its stamp (itself dropped), or at a poll that found no new line.
+TEST(Assembly, RecordsGroupByStampAndEventsEndAtTheirEndRecordOrAnIdlePoll)
 {
     TestSupport::LogCapture capture(Poco::Message::PRIO_WARNING);
     Pipeline p;
@@ -34,26 +47,55 @@ TEST(Assembly, EventsEndAtTheirEndRecordTheNextEventOrAnIdlePoll)
         row.resize(3);
         Poco::replaceInPlace(row[0], std::string("OPEN"), kOpen);
         row[0].empty() ? p.log.HandleNoEofScenarios() : p.log.HandleOneLineLog(row[0]);
-        std::string delivered;
-        for (const size_t lines : p.Delivered()) {
-            delivered += (delivered.empty() ? "" : " ") + std::to_string(lines);
-        }
-        EXPECT_EQ(delivered, row[1]) << "after " << row[0] << ": " << row[2];
+        EXPECT_EQ(DeliveredSerials(p.subscriber), row[1]) << "after " << row[0] << ": " << row[2];
     }
     EXPECT_TRUE(capture.channel().Has("Find invalid audit log, finished but event is empty."));
     EXPECT_TRUE(capture.channel().Has("Find invalid audit msg(" + Line("PATH", 6, "item=0 name=\"/a\"") +
                                       "), have expect log but event is empty."));
-    // The bug-for-bug part of execve: BPRM_FCAPS closes the event before EXECVE, CWD and PATH.
-    Pipeline exec;
-    exec.log.syscallRoutes64.emplace(59, exec.log.syscallRoutes64.begin()->second);
-    for (const std::string& line : TestSupport::ReadLines(TestSupport::FixturesDir() + "kernel-6.18-raw.log")) {
-        if (line.find(":3558):") != std::string::npos) {
-            exec.log.HandleOneLineLog(line);
-        }
-    }
-    EXPECT_EQ(exec.Delivered(), std::vector<size_t>{1}) << "the SYSCALL record alone";
     EXPECT_EQ(p.log.PackLogs("EOE", "x"), 2);
     EXPECT_EQ(p.log.PackLogs("CWD", "y"), 1);
+
+    // At most 16 events are open: the 17th completes the oldest.
+    const std::string before = DeliveredSerials(p.subscriber);
+    for (unsigned serial = 100; serial < 100 + AuditLog::kMaxOpenEvents + 1; ++serial) {
+        p.log.HandleOneLineLog(Line("SYSCALL", serial, kOpen));
+    }
+    EXPECT_EQ(DeliveredSerials(p.subscriber), before + " 100:1");
+    p.log.HandleNoEofScenarios();
+    EXPECT_EQ(DeliveredSerials(p.subscriber).substr(before.size()), " 100:1 101:1 102:1 103:1 104:1 105:1 106:1 107:1 108:1 109:1 110:1 111:1 112:1 113:1 114:1 115:1 116:1");
+}
+
+// A root execve: the kernel writes BPRM_FCAPS between SYSCALL and EXECVE, and the event still
+// arrives whole, with its arguments, working directory and paths; so do two execs whose records
+// auditd wrote interleaved.
+TEST(Assembly, RootExecsArriveWholeEvenInterleaved)
+{
+    std::vector<std::string> exec;
+    for (const std::string& line : TestSupport::ReadLines(TestSupport::FixturesDir() + "kernel-6.18-raw.log")) {
+        if (line.find(":3558):") != std::string::npos) {
+            exec.push_back(line);
+        }
+    }
+    ASSERT_EQ(exec.size(), 7U);
+    std::vector<std::string> twin = exec;
+    for (std::string& line : twin) {
+        Poco::replaceInPlace(line, std::string(":3558):"), std::string(":3559):"));
+    }
+    Pipeline p;
+    p.log.syscallRoutes64.emplace(59, p.log.syscallRoutes64.begin()->second);
+    for (size_t i = 0; i < exec.size(); ++i) {
+        p.log.HandleOneLineLog(exec[i]);
+        p.log.HandleOneLineLog(twin[i]);
+    }
+    const auto events = p.subscriber.Drain();
+    ASSERT_EQ(events.size(), 2U);
+    for (const auto& [tag, event] : events) {
+        EXPECT_EQ(event->lines.size(), 6U) << "SYSCALL, BPRM_FCAPS, EXECVE, CWD and two PATH records";
+        EXPECT_EQ(event->execveFields.Get("a1"), "\"hello\"");
+        EXPECT_EQ(event->cwd, "/tmp/fx/watched");
+        EXPECT_EQ(event->paths.size(), 2U);
+    }
+    EXPECT_NE(events[0].second->lines[0], events[1].second->lines[0]);
 }
 
 TEST(Assembly, ConfigChangesPutOurRemovedRulesBackAndQueueRefusedWatches)
