@@ -90,7 +90,10 @@ public:
     int GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& event, const SDK::AuditFields& record,
                                     const std::string& cwd);
     /// Translates path.hostPath for a process in a container. 0, or -1 for unconvertible pids.
-    int LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, AuditLogPath& path);
+    /// root, when given, receives the host directory the translated path lies in (the mount's
+    /// source or the container's root), inside which its links must be resolved.
+    int LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, AuditLogPath& path,
+                                std::string* root = nullptr);
 
     // ---- delivery ----
     /// Sends the event to every matching syscall route, then to every matching path route.
@@ -140,6 +143,9 @@ int32_t DecimalOrMinusOne(std::string_view text);
 int getDecValueFromHex(const std::string& hex);
 /// Decodes pairs of hex digits into bytes (a lone last digit alone); invalid pairs give 0 bytes.
 std::string getStringValueFromHex(const std::string& hex);
+/// A name or directory as the kernel meant it: a quoted value without its quotes, the audit
+/// system's hex encoding decoded, and "(null)" as no name.
+std::string DecodedAuditText(std::string_view raw);
 /// name made absolute against cwd, without normalisation; an empty name gives "".
 std::string getFilepath(const std::string& cwd, const std::string& name);
 /// The container id of a rule key whose second "***" piece starts with "cid:"; out unchanged otherwise.

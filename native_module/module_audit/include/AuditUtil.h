@@ -72,6 +72,13 @@ public:
     /// The canonical absolute path of path, or empty. When resolution fails because a component
     /// is missing, the part resolved so far (possibly empty).
     static std::string RealPathOrEmpty(const char* path);
+    /// path with its directory resolved and its last component kept as it is, so a symbolic link is
+    /// named by itself; path itself when its directory does not resolve.
+    static std::string RealPathOfParent(const std::string& path);
+    /// path (absolute, as the process inside a container named it) resolved inside base, the
+    /// directory on the host that holds the container's view of it, as openat2's RESOLVE_IN_ROOT
+    /// does: no link leads out of base. Its last component is kept; empty when it cannot resolve.
+    static std::string RealPathInRoot(const std::string& base, const std::string& path);
 };
 
 /// True when file is an immediate child of dir ("/etc", "/etc/passwd"); a dir given with a

@@ -601,12 +601,16 @@ bool AuditLog::IsChangeMode(const std::shared_ptr<AuditEvent>& event)
     return false;
 }
 
+std::string DecodedAuditText(std::string_view raw)
+{
+    return raw == "(null)" ? std::string() : UnquotedOrHexDecoded(raw);
+}
+
 int AuditLog::setFileSystemInfo(const std::shared_ptr<AuditEvent>& event)
 {
     std::string cwd;
     const int found = getCWD(event, cwd);
-    LinuxAuditUtil::TrimQuotation(cwd);
-    event->cwd = cwd;
+    event->cwd = DecodedAuditText(cwd);
     if (found == 3) {
         return 3;
     }
@@ -724,15 +728,22 @@ int AuditLog::GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& eve
     path.mode.assign(views[kMode]);
     path.nametype.assign(seen[kObjtype] ? views[kObjtype] : views[kNametype]);
     const std::string_view item = views[kItem];
-    path.name = LinuxAuditUtil::UnquotedText(views[kName]);  // a hex-encoded name stays hex, unlike exe
-    path.path = getFilepath(cwd, path.name);
+    path.name = LinuxAuditUtil::UnquotedText(views[kName]);  // as written: a hex-encoded name stays hex
+    path.path = getFilepath(cwd, DecodedAuditText(views[kName]));
     path.hostPath = path.path;
-    if (LogPathProcForContainer(event, path) != 0) {
+    std::string root;
+    if (LogPathProcForContainer(event, path, &root) != 0) {
         return -1;
     }
-    char resolved[PATH_MAX];  // realpath writes a terminated path on success; unread otherwise
-    if (!path.hostPath.empty() && realpath(path.hostPath.c_str(), resolved) != nullptr) {
-        path.hostPath = resolved;  // a deleted file keeps its unresolved path
+    // Only the directory is resolved: a symbolic link is named by itself, and a link swapped in
+    // after the call redirects nothing. A container's directories resolve inside the container.
+    if (!path.hostPath.empty()) {
+        if (root.empty()) {
+            path.hostPath = LinuxAuditUtil::RealPathOfParent(path.hostPath);
+        } else if (const std::string inRoot = LinuxAuditUtil::RealPathInRoot(root, path.hostPath.substr(root.size()));
+                   !inRoot.empty()) {
+            path.hostPath = inRoot;
+        }
     }
     if (path.nametype == "CREATE" && rules_ != nullptr && pathRoutes.count(path.hostPath) > 0) {
         rules_->ReAddRuleForFile(path.hostPath);  // a watch that waited for this file
@@ -742,7 +753,7 @@ int AuditLog::GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& eve
     return 0;
 }
 
-int AuditLog::LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, AuditLogPath& path)
+int AuditLog::LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, AuditLogPath& path, std::string* root)
 {
     Framework::ContainerMetaInfo* provider = LinuxAuditUtil::GetContainerMeta();
     if (provider == nullptr) {
@@ -774,10 +785,16 @@ int AuditLog::LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, 
         AUDIT_LOG_TRACE("path %s, mount %s", path.path, mount.destination);
         if (StartsWith(path.path, mount.destination)) {
             path.hostPath = mount.source + path.path.substr(mount.destination.size());
+            if (root != nullptr) {
+                *root = mount.source;
+            }
             return 0;
         }
     }
     path.hostPath = info->rootPath + path.hostPath;
+    if (root != nullptr) {
+        *root = info->rootPath;
+    }
     return 0;
 }
 

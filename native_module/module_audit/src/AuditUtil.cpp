@@ -14,6 +14,10 @@
 #include "sdk/StrUtils.h"
 
 #include <libaudit.h>
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -470,6 +474,66 @@ std::string LinuxAuditUtil::RealPathOrEmpty(const char* path)
     }
     // glibc leaves the prefix it could resolve in the buffer when a component is missing.
     return errno == ENOENT ? std::string(resolved) : std::string();
+}
+
+namespace {
+
+// path split at its last component: trailing slashes dropped, "/" for a top-level name.
+std::pair<std::string, std::string> SplitLast(std::string path)
+{
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return {std::string(), path};
+    }
+    return {slash == 0 ? std::string("/") : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+std::string Joined(const std::string& dir, const std::string& name)
+{
+    return dir.back() == '/' ? dir + name : dir + "/" + name;
+}
+
+}  // namespace
+
+std::string LinuxAuditUtil::RealPathOfParent(const std::string& path)
+{
+    // Only a directory that resolves whole counts: the prefix realpath leaves behind for a missing
+    // component would drop the components after it.
+    const auto [dir, name] = SplitLast(path);
+    const bool whole = dir.empty() || name.empty() || name == "." || name == "..";
+    char resolved[PATH_MAX + 1] = {0};
+    if (realpath(whole ? path.c_str() : dir.c_str(), resolved) == nullptr) {
+        return path;
+    }
+    return whole ? std::string(resolved) : Joined(resolved, name);
+}
+
+std::string LinuxAuditUtil::RealPathInRoot(const std::string& base, const std::string& path)
+{
+    const auto [dir, name] = SplitLast(path);
+    if (dir.empty() || name.empty() || name == "." || name == "..") {
+        return {};
+    }
+    const int root = open(base.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (root < 0) {
+        return {};
+    }
+    open_how how{};
+    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
+    const int fd = static_cast<int>(syscall(SYS_openat2, root, dir.c_str(), &how, sizeof(how)));
+    close(root);
+    if (fd < 0) {
+        return {};
+    }
+    char resolved[PATH_MAX + 1] = {0};
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t length = readlink(link.c_str(), resolved, PATH_MAX);
+    close(fd);
+    return length <= 0 ? std::string() : Joined(std::string(resolved, static_cast<size_t>(length)), name);
 }
 
 bool IsChildFileNoRecursive(const std::string& dir, const std::string& file)

@@ -62,7 +62,7 @@ TEST(PathHelpers, HostPathsAreResolvedAndNamesMadeAbsolute)
     auto event = std::make_shared<AuditEvent>();
     const auto host = [&](const std::string& name, const std::string& cwd) {
         SDK::AuditFields record;
-        record.Add("name", "\"" + name + "\"");
+        record.Add("name", name.rfind("hex:", 0) == 0 || name == "(null)" ? name.substr(name[0] == 'h' ? 4 : 0) : "\"" + name + "\"");
         event->paths.clear();
         EXPECT_EQ(log.GenerateLogPathForOneRecord(event, record, cwd), 0);
         return event->paths.back().hostPath;
@@ -70,7 +70,12 @@ TEST(PathHelpers, HostPathsAreResolvedAndNamesMadeAbsolute)
     EXPECT_EQ(host("./x", dir.path() + "/real"), dir.path() + "/real/x");
     EXPECT_EQ(host("../real/x", dir.path() + "/link"), dir.path() + "/real/x");
     EXPECT_EQ(host("x", dir.path() + "/link"), dir.path() + "/real/x") << "through the symlinked directory";
-    EXPECT_EQ(host("gone", dir.path() + "/link"), dir.path() + "/link/gone") << "a deleted file keeps its path";
+    EXPECT_EQ(host("gone", dir.path() + "/link"), dir.path() + "/real/gone") << "a deleted file: its directory resolves";
+    EXPECT_EQ(host("link", dir.path()), dir.path() + "/link") << "a symbolic link is named by itself";
+    EXPECT_EQ(host("hex:6C696E6B2F612062", dir.path()), dir.path() + "/real/a b") << "a hex name (link/a b) is decoded";
+    EXPECT_EQ(host("gone/x", dir.path() + "/link"), dir.path() + "/link/gone/x") << "a missing directory: kept as named";
+    EXPECT_EQ(host("(null)", dir.path()), "") << "no name";
+    EXPECT_EQ(DecodedAuditText("2F746D702F6120622F"), "/tmp/a b/");
 
     const std::tuple<const char*, const char*, const char*> absolute[] = {
         {"/home/u", "a.txt", "/home/u/a.txt"}, {"/home/u", "/etc/passwd", "/etc/passwd"}, {"/tmp", "./a", "/tmp/./a"},
