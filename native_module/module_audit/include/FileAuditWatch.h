@@ -188,8 +188,8 @@ public:
     static void GetAbsPath(std::string& path, std::string& destPath, const std::string& cwd);
 
     // ---- notifications ----
-    /// Fills the handler table: the system calls of the file operations, and the newer calls
-    /// the standard tools use for the same operations.
+    /// Fills the handler table: the system calls of the file operations, the newer calls the
+    /// standard tools use for the same operations, and further calls that change files.
     void InitSyscallHandlers();
     /// Turns one audit event into notifications.
     void CheckMessageInfo(const AuditEventMessage& msg);
@@ -201,6 +201,12 @@ public:
     void CheckObjTypeMove(const AuditEventMessage& msg, const std::string& syscallName);
     void HandleChmod(const AuditEventMessage& msg, const std::string& syscallName);
     void HandleChown(const AuditEventMessage& msg, const std::string& syscallName);
+    /// An extended attribute set or removed: an attribute change of the file, named by inode.
+    void HandleXattr(const AuditEventMessage& msg, const std::string& syscallName);
+    /// A truncation: a modify of the file, named by inode.
+    void HandleTruncate(const AuditEventMessage& msg, const std::string& syscallName);
+    /// A call no list names: creates and deletes for its CREATE and DELETE records.
+    void HandleCreatesAndDeletes(const AuditEventMessage& msg, const std::string& syscallName);
     /// Resolves path (and destPath), keeps the index in step with what happened to it and
     /// notifies; nothing when no rule covers path.
     void MakeEvent(const std::string& path, unsigned mask, const std::string& destPath, const std::string& cwd,
@@ -226,6 +232,12 @@ private:
     static void TraceArguments(const std::string& syscallName, const AuditEvent& event, bool withA3);
     // The index's path of a PATH record's inode and device.
     std::string PathOfRecord(const AuditLogPath& record);
+    // The index's path of the record, or else its own name (its directory resolved).
+    std::string PathOrName(const AuditLogPath& record);
+    // The name of the entry the record at index at created: the index's path of the last PARENT
+    // record before it, "/", and the entry's own last component; the record's own name when the
+    // index does not know that directory.
+    std::string CreatedName(const AuditEvent& event, size_t at);
     // Every handler's start: false (nothing to do) without an event, PATH records or a SYSCALL
     // record; otherwise extra holds the SYSCALL record's fields, the notification's extra map.
     static bool Prepare(const AuditEventMessage& msg, Extra& extra);

@@ -8,10 +8,13 @@
 #include "framework/Task.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <libgen.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
@@ -22,6 +25,8 @@ namespace {
 
 // Bounded like the kernel's paths: a child path longer than this is not recorded.
 constexpr size_t kMaxPathLength = 4095;
+// The walk holds a descriptor per level; deeper directories are recorded but not walked.
+constexpr int kMaxWalkDepth = 256;
 
 // The system calls of the file operations and their handlers.
 const std::pair<const char*, FileAuditWatch::Handler> kFileOperationCalls[] = {
@@ -44,16 +49,36 @@ const std::pair<const char*, FileAuditWatch::Handler> kNewerFormCalls[] = {
     {"creat", &FileAuditWatch::CheckObjTypeOpen},     {"lchown", &FileAuditWatch::HandleChown},
 };
 
+// Further calls that change a watched file: attribute changes, truncation, the newest forms of
+// chmod and open, and the creation of special files.
+const std::pair<const char*, FileAuditWatch::Handler> kMoreChangingCalls[] = {
+    {"truncate", &FileAuditWatch::HandleTruncate},   {"setxattr", &FileAuditWatch::HandleXattr},
+    {"lsetxattr", &FileAuditWatch::HandleXattr},     {"removexattr", &FileAuditWatch::HandleXattr},
+    {"lremovexattr", &FileAuditWatch::HandleXattr},  {"fchmodat2", &FileAuditWatch::HandleChmod},
+    {"openat2", &FileAuditWatch::HandleOpen},        {"mknod", &FileAuditWatch::HandleMkdir},
+    {"mknodat", &FileAuditWatch::HandleMkdir},
+};
+
 // Numbers in the event's text fields; text that does not parse reads as 0.
 unsigned long Number(const std::string& text, int base)
 {
     return std::strtoul(text.c_str(), nullptr, base);
 }
 
-// path made absolute against cwd (when relative) and resolved.
+// path made absolute against cwd (when relative) with its directory resolved; its last
+// component stays, so a symbolic link is named by itself.
 std::string Absolute(const std::string& path, const std::string& cwd)
 {
-    return LinuxAuditUtil::RealPathOrEmpty((path.front() == '/' ? path : cwd + "/" + path).c_str());
+    return LinuxAuditUtil::RealPathOfParent(path.front() == '/' ? path : cwd + "/" + path);
+}
+
+// The last component of a path (trailing slashes ignored).
+std::string LastComponent(std::string path)
+{
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path.substr(path.rfind('/') + 1);
 }
 
 // Holds a watch lock for a scope when it could be taken.
@@ -382,42 +407,84 @@ void FileAuditWatch::RecordInodeInfo(const std::string& path)
     }
 }
 
+namespace {
+
+InodeInfo InfoOf(const struct stat& st)
+{
+    return InodeInfo{static_cast<uint64_t>(st.st_ino), S_ISDIR(st.st_mode), static_cast<uint64_t>(st.st_dev)};
+}
+
+// Records the directory open as fd (known as path, its entry info) and everything below it. Each
+// child directory is opened relative to its parent's descriptor without following a link, and
+// descended into only when it is the directory its entry was: a link or another directory swapped
+// in while the walk runs leads nowhere outside the tree.
+void RecordDirectory(int fd, const std::string& path, const InodeInfo& info, InodeIndex& index, int depth)
+{
+    const InodeInfo* known = index.Find(path);
+    if (known != nullptr && known->inode == info.inode && known->isDir) {
+        close(fd);
+        return;  // scanned already: ends loops and repeated scans
+    }
+    index.Set(path, info);
+    DIR* dir = fdopendir(fd);
+    if (dir == nullptr) {
+        close(fd);
+        return;
+    }
+    std::vector<std::pair<std::string, InodeInfo>> subdirs;
+    while (const dirent* entry = readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
+            continue;
+        }
+        std::string child = path + "/" + entry->d_name;
+        struct stat st {};
+        if (child.size() > kMaxPathLength || fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue;
+        }
+        if (S_ISDIR(st.st_mode)) {
+            subdirs.emplace_back(entry->d_name, InfoOf(st));
+        } else {
+            index.Set(child, InfoOf(st));
+        }
+    }
+    for (const auto& [name, childInfo] : subdirs) {
+        const std::string child = path + "/" + name;
+        const int childFd = depth < kMaxWalkDepth ? openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1;
+        struct stat opened {};
+        if (childFd < 0 || fstat(childFd, &opened) != 0 || InfoOf(opened).inode != childInfo.inode ||
+            InfoOf(opened).dev != childInfo.dev) {
+            if (childFd >= 0) {
+                close(childFd);
+            }
+            index.Set(child, childInfo);  // known, but not walked: it changed under the walk
+            continue;
+        }
+        RecordDirectory(childFd, child, childInfo, index, depth + 1);
+    }
+    closedir(dir);  // closes fd
+}
+
+}  // namespace
+
 void FileAuditWatch::RecordInodeInfoRecursive(const std::string& path, InodeIndex& index)
 {
     struct stat st {};
     if (lstat(path.c_str(), &st) != 0) {
         return;
     }
-    const InodeInfo info{static_cast<uint64_t>(st.st_ino), S_ISDIR(st.st_mode), static_cast<uint64_t>(st.st_dev)};
-    if (!info.isDir) {
-        index.Set(path, info);
+    if (!S_ISDIR(st.st_mode)) {
+        index.Set(path, InfoOf(st));
         return;
     }
-    const InodeInfo* known = index.Find(path);
-    if (known != nullptr && known->inode == info.inode) {
-        return;  // scanned already: ends loops and repeated scans
-    }
-    index.Set(path, info);
-    DIR* dir = opendir(path.c_str());
-    if (dir == nullptr) {
-        return;
-    }
-    // The names are read and the directory closed before descending, so a deep tree holds one
-    // directory open at a time.
-    std::vector<std::string> children;
-    while (const dirent* entry = readdir(dir)) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
-            continue;
+    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    struct stat opened {};
+    if (fd < 0 || fstat(fd, &opened) != 0 || opened.st_ino != st.st_ino || opened.st_dev != st.st_dev) {
+        if (fd >= 0) {
+            close(fd);
         }
-        std::string child = path + "/" + entry->d_name;
-        if (child.size() <= kMaxPathLength) {
-            children.push_back(std::move(child));
-        }
+        return;  // not the directory lstat saw
     }
-    closedir(dir);
-    for (const std::string& child : children) {
-        RecordInodeInfoRecursive(child, index);
-    }
+    RecordDirectory(fd, path, InfoOf(st), index, 0);
 }
 
 void FileAuditWatch::EraseInodeInfo(const std::string& path)
@@ -547,6 +614,9 @@ void FileAuditWatch::InitSyscallHandlers()
     for (const auto& [name, handler] : kNewerFormCalls) {
         handlers_.emplace(name, handler);
     }
+    for (const auto& [name, handler] : kMoreChangingCalls) {
+        handlers_.emplace(name, handler);
+    }
 }
 
 FileAuditWatch::Handler FileAuditWatch::FindHandler(const std::string& syscallName) const
@@ -566,9 +636,9 @@ void FileAuditWatch::CheckMessageInfo(const AuditEventMessage& msg)
     if (name.empty()) {
         return;
     }
-    if (const Handler handler = FindHandler(name)) {
-        (this->*handler)(msg, name);
-    }
+    // A call newer than every list still creates and deletes entries the kernel records.
+    const Handler handler = FindHandler(name);
+    (this->*(handler != nullptr ? handler : &FileAuditWatch::HandleCreatesAndDeletes))(msg, name);
     AUDIT_CPU_CHECK(kFileWatchTaskName);
 }
 
@@ -597,6 +667,31 @@ std::string FileAuditWatch::PathOfRecord(const AuditLogPath& record)
     return GetFilePathByInode(Number(record.inode, 10), GetDevFromStr(record.dev));
 }
 
+std::string FileAuditWatch::CreatedName(const AuditEvent& event, size_t at)
+{
+    // The kernel writes the directory of a created entry as the last PARENT record before it; its
+    // name there may be the working directory's while its inode is the real parent's (a call
+    // relative to a directory descriptor), so the index names the directory by inode.
+    const AuditLogPath& created = event.paths[at];
+    const std::string name = LastComponent(created.path);
+    for (size_t i = at; i-- > 0;) {
+        if (event.paths[i].nametype == "PARENT") {
+            const std::string dir = PathOfRecord(event.paths[i]);
+            if (!dir.empty() && !name.empty()) {
+                return (dir == "/" ? "" : dir) + "/" + name;
+            }
+            break;
+        }
+    }
+    return created.hostPath;  // the working directory's form, its directory resolved
+}
+
+std::string FileAuditWatch::PathOrName(const AuditLogPath& record)
+{
+    const std::string path = PathOfRecord(record);
+    return path.empty() ? record.hostPath : path;
+}
+
 bool FileAuditWatch::Prepare(const AuditEventMessage& msg, Extra& extra)
 {
     if (!msg.event || msg.event->paths.empty()) {
@@ -618,17 +713,15 @@ void FileAuditWatch::CheckObjTypeOpen(const AuditEventMessage& msg, const std::s
         return;
     }
     const AuditEvent& event = *msg.event;
-    for (const AuditLogPath& record : event.paths) {
-        unsigned kind = 0;
+    for (size_t i = 0; i < event.paths.size(); ++i) {
+        const AuditLogPath& record = event.paths[i];
         if (record.nametype == "NORMAL") {
-            kind = event.comm == "touch" ? kNotifyAttrib : kNotifyModify;
+            const bool touch = event.comm == "touch";
+            MakeEvent(touch ? record.hostPath : PathOfRecord(record), touch ? kNotifyAttrib : kNotifyModify, "",
+                      event.cwd, extra);
         } else if (record.nametype == "CREATE") {
-            kind = kNotifyCreate;
-        } else {
-            continue;
+            MakeEvent(CreatedName(event, i), kNotifyCreate, "", event.cwd, extra);
         }
-        const std::string path = kind == kNotifyModify ? PathOfRecord(record) : record.name;
-        MakeEvent(path, kind, "", event.cwd, extra);
     }
 }
 
@@ -640,11 +733,17 @@ void FileAuditWatch::HandleOpen(const AuditEventMessage& msg, const std::string&
     }
     const AuditEvent& event = *msg.event;
     TraceArguments(syscallName, event, false);
-    const unsigned long flags = Number(syscallName == "openat" ? event.a2 : event.a1, 16);
+    unsigned long flags = Number(syscallName == "openat" ? event.a2 : event.a1, 16);
+    if (syscallName == "openat2") {
+        // openat2 passes its flags in a structure; the kernel writes them, in octal, as OPENAT2.
+        const SDK::AuditFields* how = event.parsedEvent.FindRecord("OPENAT2");
+        flags = how == nullptr ? 0 : Number(std::string(how->View("oflag")), 8);
+    }
     const AuditLogPath* first = FirstRecord(event);
     if ((flags & 0x40UL) != 0 && event.items == 2) {  // O_CREAT of a new file
-        AUDIT_LOG_DEBUG("new file %s", first->name);
-        MakeEvent(first->name, kNotifyCreate, "", event.cwd, extra);
+        const std::string path = CreatedName(event, event.paths.size() - 1);
+        AUDIT_LOG_DEBUG("new file %s", path);
+        MakeEvent(path, kNotifyCreate, "", event.cwd, extra);
     } else if ((flags & 0x3UL) != 0 && event.items == 1) {  // opened for writing
         MakeEvent(PathOfRecord(*first), event.comm == "touch" ? kNotifyAttrib : kNotifyModify, "", event.cwd, extra);
     }
@@ -658,7 +757,7 @@ void FileAuditWatch::HandleMkdir(const AuditEventMessage& msg, const std::string
         return;
     }
     const AuditEvent& event = *msg.event;
-    const std::string& path = FirstRecord(event)->name;
+    const std::string path = CreatedName(event, event.paths.size() - 1);
     AUDIT_LOG_DEBUG("new dir  %s", path);
     MakeEvent(path, kNotifyCreate, "", event.cwd, extra);
 }
@@ -671,7 +770,7 @@ void FileAuditWatch::HandleLink(const AuditEventMessage& msg, const std::string&
         return;
     }
     const AuditEvent& event = *msg.event;
-    MakeEvent(FirstRecord(event)->name, kNotifyCreate, "", event.cwd, extra);
+    MakeEvent(CreatedName(event, event.paths.size() - 1), kNotifyCreate, "", event.cwd, extra);
 }
 
 void FileAuditWatch::CheckObjTypeRm(const AuditEventMessage& msg, const std::string& syscallName)
@@ -697,8 +796,12 @@ void FileAuditWatch::CheckObjTypeMove(const AuditEventMessage& msg, const std::s
         return;
     }
     const AuditEvent& event = *msg.event;
-    std::string source = SecondRecord(event)->name;
-    std::string destination = FirstRecord(event)->name;
+    // The source is the first DELETE record (a second one is the entry the rename replaced), the
+    // destination the CREATE record, which comes last.
+    const auto deleted = std::find_if(event.paths.begin(), event.paths.end(),
+                                      [](const AuditLogPath& record) { return record.nametype == "DELETE"; });
+    std::string source = PathOrName(deleted != event.paths.end() ? *deleted : *SecondRecord(event));
+    std::string destination = CreatedName(event, event.paths.size() - 1);
     const bool sourceWatched = CheckFileRecursive(source, event.cwd);
     const bool destinationWatched = CheckFileRecursive(destination, event.cwd);
     if (!destinationWatched) {
@@ -724,7 +827,8 @@ void FileAuditWatch::HandleChmod(const AuditEventMessage& msg, const std::string
     }
     const AuditEvent& event = *msg.event;
     TraceArguments(syscallName, event, false);
-    const unsigned long requested = Number(syscallName == "fchmodat" ? event.a2 : event.a1, 16);
+    const bool atForm = syscallName == "fchmodat" || syscallName == "fchmodat2";
+    const unsigned long requested = Number(atForm ? event.a2 : event.a1, 16);
     if (event.items < 1) {
         return;
     }
@@ -772,17 +876,53 @@ void FileAuditWatch::HandleChown(const AuditEventMessage& msg, const std::string
     }
 }
 
+void FileAuditWatch::HandleXattr(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (Prepare(msg, extra)) {
+        MakeEvent(PathOfRecord(*FirstRecord(*msg.event)), kNotifyAttrib, "", msg.event->cwd, extra);
+    }
+}
+
+void FileAuditWatch::HandleTruncate(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (Prepare(msg, extra)) {
+        MakeEvent(PathOfRecord(*FirstRecord(*msg.event)), kNotifyModify, "", msg.event->cwd, extra);
+    }
+}
+
+void FileAuditWatch::HandleCreatesAndDeletes(const AuditEventMessage& msg, const std::string& syscallName)
+{
+    (void)syscallName;
+    Extra extra;
+    if (!Prepare(msg, extra)) {
+        return;
+    }
+    const AuditEvent& event = *msg.event;
+    for (size_t i = 0; i < event.paths.size(); ++i) {
+        if (event.paths[i].nametype == "CREATE") {
+            MakeEvent(CreatedName(event, i), kNotifyCreate, "", event.cwd, extra);
+        } else if (event.paths[i].nametype == "DELETE") {
+            MakeEvent(PathOfRecord(event.paths[i]), kNotifyDelete, "", event.cwd, extra);
+        }
+    }
+}
+
 void FileAuditWatch::MakeEvent(const std::string& path, unsigned mask, const std::string& destPath,
                                const std::string& cwd, const Extra& extra)
 {
     if (path.empty()) {
         return;
     }
-    const std::string target = Absolute(path, cwd);
+    // Names formed from the index or the records are absolute and are not resolved again.
+    const std::string target = path.front() == '/' ? path : Absolute(path, cwd);
     if (!CheckFileRecursive(target, cwd)) {
         return;
     }
-    const std::string destination = destPath.empty() ? std::string() : Absolute(destPath, cwd);
+    const std::string destination = destPath.empty() || destPath.front() == '/' ? destPath : Absolute(destPath, cwd);
     bool isDir = IsDirFile(target);
     switch (mask) {
     case kNotifyCreate:

@@ -13,6 +13,11 @@
 #include <sys/sysmacros.h>
 
 #include <random>
+#include <linux/fs.h>
+#include <sys/syscall.h>
+#include <fcntl.h>
+#include <thread>
+#include <atomic>
 
 using namespace Engine;
 using TestSupport::NamedTask;
@@ -186,9 +191,19 @@ Notes Notify(FileAuditWatch& watch, Subscriber& sink, const std::shared_ptr<Audi
     return Take(sink, root);
 }
 
-std::string Record(const std::string& path, const std::string& inode, const std::string& type, const std::string& mode = "0100644")
+// A PATH record's fields; a name with a blank is written in hex, as the kernel writes it.
+std::string Record(const std::string& path, const std::string& inode, const std::string& type, const std::string& mode = "0100644",
+                   const std::string& dev = "")
 {
-    return "name=\"" + path + "\" inode=" + inode + " mode=" + mode + " nametype=" + type;
+    std::string name = "\"" + path + "\"";
+    if (path.find(' ') != std::string::npos) {
+        name.clear();
+        for (const unsigned char c : path) {
+            name += "0123456789ABCDEF"[c >> 4];
+            name += "0123456789ABCDEF"[c & 15];
+        }
+    }
+    return "name=" + name + " inode=" + inode + " mode=" + mode + " nametype=" + type + (dev.empty() ? "" : " dev=" + dev);
 }
 
 }  // namespace
@@ -208,7 +223,13 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
     watch.Index().Set(w + "/a", InodeInfo{100, false, 0xfe00});  // the index knows the file as a, and c
     watch.Index().Set(w + "/c", InodeInfo{100, false, 0xfe00});
     watch.Index().Set(w + "/d", InodeInfo{200, true, 0xfe00});
+    watch.Index().Set(w, InodeInfo{1, true, 0xfe00});
+    for (const auto& [name, inode] : {std::pair<const char*, uint64_t>{"/t", 300}, {"/conf", 400}, {"/other", 500}}) {
+        watch.Index().Set(w + name, InodeInfo{inode, false, 0xfe00});
+    }
     ASSERT_EQ(mkdir((w + "/e").c_str(), 0755), 0);  // a path resolves only as far as the disk has it
+    ASSERT_EQ(mkdir((w + "/d2").c_str(), 0755), 0);
+    ASSERT_EQ(symlink("/tmp", (w + "/ln").c_str()), 0);
     const std::string b = Record(w + "/b", "100", "NORMAL");
     TestSupport::LogCapture capture(Poco::Message::PRIO_DEBUG);
     for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/filewatch-calls.txt")) {
@@ -216,12 +237,14 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
         std::vector<std::string> records;
         for (const std::string& item : SDK::StrUtils::Split(row[3], " ")) {
             std::vector<std::string> f = SDK::StrUtils::Split(item, ":");
-            f.resize(4);
-            const std::string path = f[0].rfind("W", 0) == 0 ? w + f[0].substr(1) : f[0];
+            f.resize(5);
+            std::string path = f[0].rfind("W", 0) == 0 ? w + f[0].substr(1) : f[0];
+            std::replace(path.begin(), path.end(), '+', ' ');
+            std::replace(f[4].begin(), f[4].end(), '.', ':');
             records.push_back(item == "b"        ? b
                               : item == "parent" ? Record(w, "1", "PARENT", "040755")
                               : f[1].empty()     ? "name=\"" + path + "\" nametype=" + f[2]
-                                                 : Record(path, f[1], f[2], f[3].empty() ? "0100644" : f[3]));
+                                                 : Record(path, f[1], f[2], f[3].empty() ? "0100644" : f[3], f[4]));
         }
         const std::vector<std::string> call = SDK::StrUtils::Split(row[0], " ");
         const auto option = [&](const std::string& name, const std::string& otherwise) {
@@ -232,7 +255,7 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
                                      option("arch=", "c000003e"), option("success=", "yes"));
         EXPECT_EQ(Notify(watch, sink, event, w), row[4].empty() ? Notes{} : SDK::StrUtils::Split(row[4], "; ")) << row[0] << ": " << row[5];
     }
-    EXPECT_EQ(Take(flat, w), (Notes{"256 W/n", "256 W/e/deep", "256 W/s"}));
+    EXPECT_EQ(Take(flat, w), (Notes{"256 W/n", "256 W/e/deep", "256 W/s", "256 W/x", "256 W/evil job", "256 W/ln", "256 W/fifo", "256 W/q"}));
     for (const char* text : {"old attr is 33261, new attr is 33188", "type=chmod", "a1=1ed"}) {  // the new mode first
         EXPECT_TRUE(capture.channel().Has(text)) << text;
     }
@@ -297,6 +320,52 @@ TEST(FileWatchEvents, TheIndexFollowsCreatesMovesAndDeletes)
     std::filesystem::remove_all(w + "/t");
     EXPECT_EQ(Notify(watch, sink, Synthetic(263, "a1=0 a2=200 a3=0", "rm", {parent, gone}), w), Notes{"512 W/t dir"});
     EXPECT_EQ(known(), (Notes{"W/", "W/g"}));
+}
+
+// A link swapped in for a created file, or for a directory while the tree is walked, leads the
+// watch nowhere: the create is named by itself, and the walk never records what lies outside.
+TEST(FileWatchEvents, LinksSwappedInRedirectNothing)
+{
+    TestSupport::TempDir dir;
+    const std::string w = dir.path() + "/w";
+    dir.Write("w/sub/inner", "x");
+    dir.Write("outside/secret", "x");
+    FileAuditWatch watch;
+    ASSERT_TRUE(watch.InitFileWatchLock());
+    Subscriber sink("sink");
+    watch.AddFileNotifyRule(Rule(w, true, kAllKinds, &sink));
+    watch.AddFileNotifyRule(Rule(dir.path() + "/outside", true, kAllKinds, &sink));
+    watch.RecordInodeInfo(w);
+    struct stat st {};
+    ASSERT_EQ(stat(w.c_str(), &st), 0);
+    const std::string parent = Record(w, std::to_string(st.st_ino), "PARENT", "040755");
+    // The file was created, then replaced by a link into the other watched tree before its event
+    // was handled.
+    ASSERT_EQ(symlink((dir.path() + "/outside/secret").c_str(), (w + "/new").c_str()), 0);
+    EXPECT_EQ(Notify(watch, sink, Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, Record("new", "9", "CREATE")}), w),
+              Notes{"256 W/new"});
+    ASSERT_NE(watch.Index().Find(w + "/new"), nullptr);
+    ASSERT_EQ(lstat((w + "/new").c_str(), &st), 0);
+    EXPECT_EQ(watch.Index().Find(w + "/new")->inode, st.st_ino) << "the link itself is recorded";
+
+    // A directory and a link to the outside tree change places over and over while the tree is
+    // walked again and again.
+    ASSERT_EQ(symlink((dir.path() + "/outside").c_str(), (dir.path() + "/link").c_str()), 0);
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+        while (!stop) {
+            syscall(SYS_renameat2, AT_FDCWD, (w + "/sub").c_str(), AT_FDCWD, (dir.path() + "/link").c_str(), RENAME_EXCHANGE);
+        }
+    });
+    bool escaped = false;
+    for (int walk = 0; walk < 3000 && !escaped; ++walk) {
+        InodeIndex index;
+        FileAuditWatch::RecordInodeInfoRecursive(w, index);
+        escaped = index.Find(w + "/sub/secret") != nullptr;
+    }
+    stop = true;
+    swapper.join();
+    EXPECT_FALSE(escaped) << "the walk followed a link swapped in for a directory";
 }
 
 namespace {
