@@ -234,9 +234,9 @@ private:
     std::string PathOfRecord(const AuditLogPath& record);
     // The index's path of the record, or else its own name (its directory resolved).
     std::string PathOrName(const AuditLogPath& record);
-    // The name of the entry the record at index at created: the index's path of the last PARENT
-    // record before it, "/", and the entry's own last component; the record's own name when the
-    // index does not know that directory.
+    // The name of the entry the record at index at created: the index's path of its PARENT record
+    // (the one named by its directory, else the last before it), "/", and the entry's own last
+    // component; the record's own name when the index does not know that directory.
     std::string CreatedName(const AuditEvent& event, size_t at);
     // Every handler's start: false (nothing to do) without an event, PATH records or a SYSCALL
     // record; otherwise extra holds the SYSCALL record's fields, the notification's extra map.

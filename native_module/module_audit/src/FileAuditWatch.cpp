@@ -72,6 +72,14 @@ std::string Absolute(const std::string& path, const std::string& cwd)
     return LinuxAuditUtil::RealPathOfParent(path.front() == '/' ? path : cwd + "/" + path);
 }
 
+std::string WithoutTrailingSlashes(std::string path)
+{
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
+    }
+    return path;
+}
+
 // The last component of a path (trailing slashes ignored).
 std::string LastComponent(std::string path)
 {
@@ -669,21 +677,34 @@ std::string FileAuditWatch::PathOfRecord(const AuditLogPath& record)
 
 std::string FileAuditWatch::CreatedName(const AuditEvent& event, size_t at)
 {
-    // The kernel writes the directory of a created entry as the last PARENT record before it; its
-    // name there may be the working directory's while its inode is the real parent's (a call
-    // relative to a directory descriptor), so the index names the directory by inode.
+    // The kernel writes the directory of each name it looked up as a PARENT record, named by the
+    // name's directory part (the working directory for a name without one) and carrying the
+    // directory's inode: for a call relative to a directory descriptor that inode is the real
+    // parent's, whatever the name says. The records come in the order the call copied its names
+    // in (a rename's new name first on these kernels), so the entry's own PARENT is the one whose
+    // name is its directory; failing that, the last PARENT before it.
     const AuditLogPath& created = event.paths[at];
     const std::string name = LastComponent(created.path);
+    const std::string dir = created.path.substr(0, created.path.size() - std::min(created.path.size(), name.size()));
+    const AuditLogPath* parent = nullptr;
     for (size_t i = at; i-- > 0;) {
-        if (event.paths[i].nametype == "PARENT") {
-            const std::string dir = PathOfRecord(event.paths[i]);
-            if (!dir.empty() && !name.empty()) {
-                return (dir == "/" ? "" : dir) + "/" + name;
-            }
+        const AuditLogPath& record = event.paths[i];
+        if (record.nametype != "PARENT") {
+            continue;
+        }
+        if (parent == nullptr) {
+            parent = &record;
+        }
+        if (WithoutTrailingSlashes(record.path) == WithoutTrailingSlashes(dir)) {
+            parent = &record;
             break;
         }
     }
-    return created.hostPath;  // the working directory's form, its directory resolved
+    const std::string parentPath = parent == nullptr ? std::string() : PathOfRecord(*parent);
+    if (parentPath.empty() || name.empty()) {
+        return created.hostPath;  // the working directory's form, its directory resolved
+    }
+    return (parentPath == "/" ? "" : parentPath) + "/" + name;
 }
 
 std::string FileAuditWatch::PathOrName(const AuditLogPath& record)
