@@ -143,6 +143,8 @@ public:
     uint32_t AddFileWatch(const AuditFileSystemCtrlMessage& msg);
     /// Removes the first rule equal to the message's, whichever task holds it. Its id, or 0.
     uint32_t RmFileWatch(const AuditFileSystemCtrlMessage& msg);
+    /// Removes every rule of task; returns the paths that no remaining rule watches.
+    std::vector<std::string> RmFileWatchesOf(const Framework::Task* task);
     /// Asks the audit task to install (RegisterFileRule) or remove (UnregisterFileRule) the audit
     /// watch rule ("PATH -p wa") under the tag "submodule".
     void RegisterFileRule(const std::string& rule);

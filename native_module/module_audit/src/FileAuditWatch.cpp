@@ -355,6 +355,28 @@ uint32_t FileAuditWatch::RmFileWatch(const AuditFileSystemCtrlMessage& msg)
     return id;
 }
 
+std::vector<std::string> FileAuditWatch::RmFileWatchesOf(const Framework::Task* task)
+{
+    Locked lock(ruleLock_);
+    if (!lock) {
+        return {};
+    }
+    std::set<std::string> freed;
+    for (FileNotifyRule& rule : rules_) {
+        if (rule.valid && rule.task == task) {
+            freed.insert(rule.path);
+            rule.valid = false;
+            rule.path.clear();
+        }
+    }
+    for (const FileNotifyRule& rule : rules_) {
+        if (rule.valid) {
+            freed.erase(rule.path);  // another subscriber still needs its audit watch
+        }
+    }
+    return {freed.begin(), freed.end()};
+}
+
 void FileAuditWatch::Send(const std::string& rule, const std::string& operate)
 {
     auto* message = new AuditFileSystemCtrlMessage(task_, "", {}, _FileNotifyOpt{});

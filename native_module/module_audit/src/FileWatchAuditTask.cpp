@@ -77,7 +77,10 @@ int FileWatchAuditTask::Receive(const AuditUnsubscribeMessage& msg)
         AUDIT_LOG_ERROR("Unsubscribe without a sender task refused.");
         return 2;
     }
-    SendDirectMsg(kAuditTaskName, new AuditUnsubscribeMessage(this));
+    // Only the sender's rules go, and with them the audit watches nobody else needs.
+    for (const std::string& path : watch_.RmFileWatchesOf(msg.sender)) {
+        watch_.UnregisterFileRule(path + " -p " + FileAuditWatch::PermToStr(kAuditWatchPerm));
+    }
     return 0;
 }
 

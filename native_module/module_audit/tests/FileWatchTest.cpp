@@ -436,9 +436,15 @@ TEST(FileWatchTask, AsksTheAuditTaskForEachNewWatchAndEachRemovalOfAHeldOne)
     EXPECT_TRUE(audit.Take().empty()) << "messages without a sender change nothing";
     EXPECT_EQ(lifecycle.channel().Texts().size(), 2U);
 
+    // An unsubscribe takes the sender's rules only, and the audit watch once nobody needs it.
+    task.Receive(WatchMessage(&one, dir.path(), kNotifyCreate, true));
+    audit.Take();
     EXPECT_EQ(task.Receive(AuditUnsubscribeMessage(&two)), 0);
-    EXPECT_EQ(audit.Take(), Notes{"unsubscribe from=filewatch_audit_task"});
-    EXPECT_TRUE(task.Watch().Rules()[1].valid) << "the watch's own rules stay";
+    EXPECT_TRUE(audit.Take().empty()) << "task one still watches the path";
+    EXPECT_FALSE(task.Watch().Rules()[1].valid);
+    EXPECT_TRUE(task.Watch().Rules()[0].valid);
+    EXPECT_EQ(task.Receive(AuditUnsubscribeMessage(&one)), 0);
+    EXPECT_EQ(audit.Take(), Notes{"-W " + wa});
     task.UnInit();
     EXPECT_EQ(audit.Take(), Notes{"unsubscribe from=filewatch_audit_task"});
     EXPECT_TRUE(lifecycle.channel().Has("Uninit task(filewatch_audit_task)."));
