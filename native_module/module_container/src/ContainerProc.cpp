@@ -1,6 +1,8 @@
 #include "ContainerProc.h"
 
 #include <algorithm>
+#include <cstring>
+#include <regex>
 #include <sstream>
 
 namespace Container {
@@ -53,9 +55,30 @@ CgroupOwner OwnerFromComponent(const std::string& component, const std::string& 
     return {};
 }
 
+// True when path lies where container runtimes make their cgroups: their own slices and cgroup
+// roots, which only root can create in, or a rootless runtime's place under a user's own systemd
+// instance (user@UID.service, delegated to that user: a container found there is one of that
+// user's own processes). A directory of the runtimes' names anywhere else (under a login session,
+// say) is no container.
+bool PlacedByRuntime(const std::string& path)
+{
+    static const char* const kRoots[] = {"/system.slice/", "/machine.slice/", "/kubepods/", "/kubepods.slice/",
+                                         "/docker/", "/libpod_parent/"};
+    for (const char* root : kRoots) {
+        if (path.compare(0, std::strlen(root), root) == 0) {
+            return true;
+        }
+    }
+    static const std::regex kRootless("^/user\\.slice/user-([0-9]+)\\.slice/user@\\1\\.service/.*");
+    return std::regex_match(path, kRootless);
+}
+
 CgroupOwner OwnerFromPath(const std::string& path)
 {
     CgroupOwner owner;
+    if (!PlacedByRuntime(path)) {
+        return owner;
+    }
     std::string parent;
     std::istringstream components(path);
     for (std::string component; std::getline(components, component, '/');) {
