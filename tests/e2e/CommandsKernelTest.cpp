@@ -2,6 +2,8 @@
 // their decoded events and notifications, and no rule is left behind.
 #include "KernelAudit.h"
 
+#include <fcntl.h>
+
 #include <Poco/HexBinaryDecoder.h>
 
 #include <arpa/inet.h>
@@ -37,17 +39,22 @@ TEST_F(CommandsKernel, AuditPrintsTheDecodedEventsOfRealActions)
     const std::string renamed = dir_ + "/renamed";
     const std::string hostile = dir_ + "/bad\xff\xfe";  // a program name that is no UTF-8
     sockaddr_in address{};
-    const auto events = AuditWhile({"exit,always -F arch=b64 -S connect -F pid=" + pid, "exit,always -F arch=b64 -S execve -F ppid=" + pid,
+    const auto events = AuditWhile({"exit,always -F arch=b64 -S connect -F pid=" + pid, "exit,always -F arch=b64 -S execve,execveat -F ppid=" + pid,
+                                    "exit,always -F arch=b64 -S fchmodat2 -F pid=" + pid,
                                     "--watch", dir_, "--tag", "t"},
                                    [&] {
         std::ofstream(file).flush();
         std::ofstream(file, std::ios::app) << "x";
         ASSERT_EQ(chmod(file.c_str(), 0600), 0);
+        ASSERT_EQ(syscall(452, AT_FDCWD, file.c_str(), 0640, 0), 0) << "fchmodat2, newer than auditctl";
         ASSERT_EQ(rename(file.c_str(), renamed.c_str()), 0);
         ASSERT_EQ(unlink(renamed.c_str()), 0);
-        // An exec as an unprivileged user: as root, auditd's BPRM_FCAPS record would close the
-        // event before its EXECVE record (a documented limit of the assembly).
+        // An exec as an unprivileged user, one as root (the kernel writes BPRM_FCAPS between its
+        // SYSCALL and EXECVE records), and one through fexecve (execveat).
         TestSupport::Program({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "/bin/echo", "hwe2e-marker"}).Wait();
+        TestSupport::Program({"/bin/echo", "hwe2e-root"}).Wait();
+        TestSupport::Program({"/usr/bin/python3", "-c",
+                              "import os; os.execve(os.open('/bin/echo', os.O_RDONLY), ['echo', 'hwe2e-fexecve'], {})"}).Wait();
         std::filesystem::copy_file("/bin/true", hostile);
         std::filesystem::permissions(hostile, std::filesystem::perms::owner_all);
         TestSupport::Program({hostile}).Wait();
@@ -76,6 +83,15 @@ TEST_F(CommandsKernel, AuditPrintsTheDecodedEventsOfRealActions)
     ASSERT_TRUE(exec) << "no execve";
     EXPECT_EQ(exec->getValue<std::string>("exe") + " " + exec->getValue<std::string>("ppid"), "/usr/bin/echo " + pid);
     EXPECT_TRUE(exec->getValue<bool>("execute"));
+    for (const char* marker : {"hwe2e-root", "hwe2e-fexecve"}) {
+        const Json whole = Find(events, [&](const Json& e) {
+            return e->getObject("execve")->optValue<std::string>("a1", "") == "\"" + std::string(marker) + "\"";
+        });
+        ASSERT_TRUE(whole) << marker << ": no execve with its arguments";
+        EXPECT_FALSE(whole->getValue<std::string>("cwd").empty()) << marker;
+        EXPECT_FALSE(whole->getArray("paths")->empty()) << marker;
+    }
+    EXPECT_TRUE(Find(events, [](const Json& e) { return e->getValue<int>("syscall") == 452; })) << "no fchmodat2";
     const Json bad = Find(events, [&](const Json& e) { return e->getValue<std::string>("exe").compare(0, 4, "hex:") == 0; });
     ASSERT_TRUE(bad) << "no hex-marked program name";
     std::istringstream hex(bad->getValue<std::string>("exe").substr(4));
