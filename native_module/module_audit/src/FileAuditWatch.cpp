@@ -706,8 +706,9 @@ std::string FileAuditWatch::CreatedName(const AuditEvent& event, size_t at)
     // in (a rename's new name first on these kernels), so the entry's own PARENT is the one whose
     // name is its directory; failing that, the last PARENT before it.
     const AuditLogPath& created = event.paths[at];
-    const std::string name = LastComponent(created.path);
-    const std::string dir = created.path.substr(0, created.path.size() - std::min(created.path.size(), name.size()));
+    const std::string path = WithoutTrailingSlashes(created.path);
+    const std::string name = LastComponent(path);
+    const std::string dir = path.substr(0, path.size() - std::min(path.size(), name.size()));
     const AuditLogPath* parent = nullptr;
     for (size_t i = at; i-- > 0;) {
         const AuditLogPath& record = event.paths[i];

@@ -255,7 +255,7 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
                                      option("arch=", "c000003e"), option("success=", "yes"));
         EXPECT_EQ(Notify(watch, sink, event, w), row[4].empty() ? Notes{} : SDK::StrUtils::Split(row[4], "; ")) << row[0] << ": " << row[5];
     }
-    EXPECT_EQ(Take(flat, w), (Notes{"256 W/n", "256 W/e/deep", "256 W/s", "256 W/x", "256 W/evil job", "256 W/ln", "256 W/fifo", "256 W/q"}));
+    EXPECT_EQ(Take(flat, w), (Notes{"256 W/n", "256 W/e/deep", "256 W/s", "256 W/x", "256 W/evil job", "256 W/ln", "256 W/hl", "256 W/fifo", "256 W/q"}));
     for (const char* text : {"old attr is 33261, new attr is 33188", "type=chmod", "a1=1ed"}) {  // the new mode first
         EXPECT_TRUE(capture.channel().Has(text)) << text;
     }
