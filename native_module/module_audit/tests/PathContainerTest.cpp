@@ -77,6 +77,18 @@ TEST(PathHelpers, HostPathsAreResolvedAndNamesMadeAbsolute)
     EXPECT_EQ(host("(null)", dir.path()), "") << "no name";
     EXPECT_EQ(DecodedAuditText("2F746D702F6120622F"), "/tmp/a b/");
 
+    // A container's directories resolve inside its root: a link inside leads inside, an absolute
+    // link leads to the root's own directory, never to the host's.
+    dir.Write("root/usr/lib/x", "");
+    ASSERT_EQ(symlink("usr/lib", (dir.path() + "/root/lib").c_str()), 0);
+    ASSERT_EQ(symlink("/usr/lib", (dir.path() + "/root/abs").c_str()), 0);
+    ASSERT_EQ(symlink("/etc", (dir.path() + "/root/etc").c_str()), 0);
+    const std::string root = dir.path() + "/root";
+    EXPECT_EQ(LinuxAuditUtil::RealPathInRoot(root, "/lib/x"), root + "/usr/lib/x");
+    EXPECT_EQ(LinuxAuditUtil::RealPathInRoot(root, "/abs/x"), root + "/usr/lib/x");
+    EXPECT_EQ(LinuxAuditUtil::RealPathInRoot(root, "/etc/passwd"), "") << "the container has no /etc: nothing, not the host's";
+    EXPECT_EQ(LinuxAuditUtil::RealPathInRoot(root, "/../../etc/passwd"), "") << "no way up out of the root";
+
     const std::tuple<const char*, const char*, const char*> absolute[] = {
         {"/home/u", "a.txt", "/home/u/a.txt"}, {"/home/u", "/etc/passwd", "/etc/passwd"}, {"/tmp", "./a", "/tmp/./a"},
         {"", "a", "/a"}, {"/tmp", "", ""}};
