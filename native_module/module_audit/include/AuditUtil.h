@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <string_view>
 
 namespace Framework {
@@ -69,12 +70,14 @@ public:
     /// Forgets the cached provider and the call count (for a new engine in the same process).
     static void ResetContainerMetaCache();
 
-    /// The canonical absolute path of path, or empty. When resolution fails because a component
-    /// is missing, the part resolved so far (possibly empty).
-    static std::string RealPathOrEmpty(const char* path);
     /// path with its directory resolved and its last component kept as it is, so a symbolic link is
     /// named by itself; path itself when its directory does not resolve.
     static std::string RealPathOfParent(const std::string& path);
+    /// path without its trailing slashes ("/" stays "/").
+    static std::string WithoutTrailingSlashes(std::string path);
+    /// path split at its last component, trailing slashes ignored: ("/a", "b") for "/a/b/",
+    /// ("/", "b") for "/b", ("", "b") for "b".
+    static std::pair<std::string, std::string> SplitLastComponent(const std::string& path);
     /// path (absolute, as the process inside a container named it) resolved inside base, the
     /// directory on the host that holds the container's view of it, as openat2's RESOLVE_IN_ROOT
     /// does: no link leads out of base. Its last component is kept; empty when it cannot resolve.

@@ -462,34 +462,25 @@ void LinuxAuditUtil::ResetContainerMetaCache()
     g_containerMetaCalls = 0;
 }
 
-std::string LinuxAuditUtil::RealPathOrEmpty(const char* path)
-{
-    if (path == nullptr) {
-        return {};
-    }
-    char resolved[PATH_MAX + 1] = {0};
-    static_assert(PATH_MAX == kPathBufferSize, "path buffers are 4096 bytes");
-    if (realpath(path, resolved) != nullptr) {
-        return resolved;
-    }
-    // glibc leaves the prefix it could resolve in the buffer when a component is missing.
-    return errno == ENOENT ? std::string(resolved) : std::string();
-}
-
-namespace {
-
-// path split at its last component: trailing slashes dropped, "/" for a top-level name.
-std::pair<std::string, std::string> SplitLast(std::string path)
+std::string LinuxAuditUtil::WithoutTrailingSlashes(std::string path)
 {
     while (path.size() > 1 && path.back() == '/') {
         path.pop_back();
     }
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return {std::string(), path};
-    }
-    return {slash == 0 ? std::string("/") : path.substr(0, slash), path.substr(slash + 1)};
+    return path;
 }
+
+std::pair<std::string, std::string> LinuxAuditUtil::SplitLastComponent(const std::string& path)
+{
+    std::string whole = WithoutTrailingSlashes(path);
+    const size_t slash = whole.rfind('/');
+    if (slash == std::string::npos) {
+        return {std::string(), whole};
+    }
+    return {slash == 0 ? std::string("/") : whole.substr(0, slash), whole.substr(slash + 1)};
+}
+
+namespace {
 
 std::string Joined(const std::string& dir, const std::string& name)
 {
@@ -502,7 +493,7 @@ std::string LinuxAuditUtil::RealPathOfParent(const std::string& path)
 {
     // Only a directory that resolves whole counts: the prefix realpath leaves behind for a missing
     // component would drop the components after it.
-    const auto [dir, name] = SplitLast(path);
+    const auto [dir, name] = SplitLastComponent(path);
     const bool whole = dir.empty() || name.empty() || name == "." || name == "..";
     char resolved[PATH_MAX + 1] = {0};
     if (realpath(whole ? path.c_str() : dir.c_str(), resolved) == nullptr) {
@@ -513,7 +504,7 @@ std::string LinuxAuditUtil::RealPathOfParent(const std::string& path)
 
 std::string LinuxAuditUtil::RealPathInRoot(const std::string& base, const std::string& path)
 {
-    const auto [dir, name] = SplitLast(path);
+    const auto [dir, name] = SplitLastComponent(path);
     if (dir.empty() || name.empty() || name == "." || name == "..") {
         return {};
     }

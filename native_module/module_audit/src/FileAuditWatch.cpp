@@ -72,22 +72,6 @@ std::string Absolute(const std::string& path, const std::string& cwd)
     return LinuxAuditUtil::RealPathOfParent(path.front() == '/' ? path : cwd + "/" + path);
 }
 
-std::string WithoutTrailingSlashes(std::string path)
-{
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
-    }
-    return path;
-}
-
-// The last component of a path (trailing slashes ignored).
-std::string LastComponent(std::string path)
-{
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
-    }
-    return path.substr(path.rfind('/') + 1);
-}
 
 // Holds a watch lock for a scope when it could be taken.
 class Locked {
@@ -706,9 +690,7 @@ std::string FileAuditWatch::CreatedName(const AuditEvent& event, size_t at)
     // in (a rename's new name first on these kernels), so the entry's own PARENT is the one whose
     // name is its directory; failing that, the last PARENT before it.
     const AuditLogPath& created = event.paths[at];
-    const std::string path = WithoutTrailingSlashes(created.path);
-    const std::string name = LastComponent(path);
-    const std::string dir = path.substr(0, path.size() - std::min(path.size(), name.size()));
+    const auto [dir, name] = LinuxAuditUtil::SplitLastComponent(created.path);
     const AuditLogPath* parent = nullptr;
     for (size_t i = at; i-- > 0;) {
         const AuditLogPath& record = event.paths[i];
@@ -718,7 +700,7 @@ std::string FileAuditWatch::CreatedName(const AuditEvent& event, size_t at)
         if (parent == nullptr) {
             parent = &record;
         }
-        if (WithoutTrailingSlashes(record.path) == WithoutTrailingSlashes(dir)) {
+        if (LinuxAuditUtil::WithoutTrailingSlashes(record.path) == dir) {
             parent = &record;
             break;
         }
