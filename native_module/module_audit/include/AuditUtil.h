@@ -6,8 +6,8 @@
 
 #include <cstddef>
 #include <string>
-#include <utility>
 #include <string_view>
+#include <utility>
 
 namespace Framework {
 class ContainerMetaInfo;

@@ -203,10 +203,9 @@ public:
     void CheckObjTypeMove(const AuditEventMessage& msg, const std::string& syscallName);
     void HandleChmod(const AuditEventMessage& msg, const std::string& syscallName);
     void HandleChown(const AuditEventMessage& msg, const std::string& syscallName);
-    /// An extended attribute set or removed: an attribute change of the file, named by inode.
-    void HandleXattr(const AuditEventMessage& msg, const std::string& syscallName);
-    /// A truncation: a modify of the file, named by inode.
-    void HandleTruncate(const AuditEventMessage& msg, const std::string& syscallName);
+    /// A truncation (a modify) or an extended attribute set or removed (an attribute change) of
+    /// the file, named by inode.
+    void HandleChangeByInode(const AuditEventMessage& msg, const std::string& syscallName);
     /// A call no list names: creates and deletes for its CREATE and DELETE records.
     void HandleCreatesAndDeletes(const AuditEventMessage& msg, const std::string& syscallName);
     /// Resolves path (and destPath), keeps the index in step with what happened to it and

@@ -894,8 +894,10 @@ void AuditLog::DeliverFileSystemEvent(const std::shared_ptr<AuditEvent>& event)
     }
     // The key names the watch the kernel matched, which holds even where the records name the
     // file by another path (a call relative to a directory descriptor names the working directory).
-    if (const std::string watched = getFilepathFromKey(LinuxAuditUtil::UnquotedText(event->key)); !watched.empty()) {
-        CheckFilepathAndDeliver(event, watched);
+    if (!pathRoutes.empty()) {
+        if (const std::string watched = getFilepathFromKey(LinuxAuditUtil::UnquotedText(event->key)); !watched.empty()) {
+            CheckFilepathAndDeliver(event, watched);
+        }
     }
     for (const auto& [key, dest] : chosenFileDests_) {
         AUDIT_CPU_CHECK(kAuditTaskName);

@@ -52,9 +52,9 @@ const std::pair<const char*, FileAuditWatch::Handler> kNewerFormCalls[] = {
 // Further calls that change a watched file: attribute changes, truncation, the newest forms of
 // chmod and open, and the creation of special files.
 const std::pair<const char*, FileAuditWatch::Handler> kMoreChangingCalls[] = {
-    {"truncate", &FileAuditWatch::HandleTruncate},   {"setxattr", &FileAuditWatch::HandleXattr},
-    {"lsetxattr", &FileAuditWatch::HandleXattr},     {"removexattr", &FileAuditWatch::HandleXattr},
-    {"lremovexattr", &FileAuditWatch::HandleXattr},  {"fchmodat2", &FileAuditWatch::HandleChmod},
+    {"truncate", &FileAuditWatch::HandleChangeByInode},    {"setxattr", &FileAuditWatch::HandleChangeByInode},
+    {"lsetxattr", &FileAuditWatch::HandleChangeByInode},   {"removexattr", &FileAuditWatch::HandleChangeByInode},
+    {"lremovexattr", &FileAuditWatch::HandleChangeByInode}, {"fchmodat2", &FileAuditWatch::HandleChmod},
     {"openat2", &FileAuditWatch::HandleOpen},        {"mknod", &FileAuditWatch::HandleMkdir},
     {"mknodat", &FileAuditWatch::HandleMkdir},
 };
@@ -902,21 +902,12 @@ void FileAuditWatch::HandleChown(const AuditEventMessage& msg, const std::string
     }
 }
 
-void FileAuditWatch::HandleXattr(const AuditEventMessage& msg, const std::string& syscallName)
+void FileAuditWatch::HandleChangeByInode(const AuditEventMessage& msg, const std::string& syscallName)
 {
-    (void)syscallName;
     Extra extra;
     if (Prepare(msg, extra)) {
-        MakeEvent(PathOfRecord(*FirstRecord(*msg.event)), kNotifyAttrib, "", msg.event->cwd, extra);
-    }
-}
-
-void FileAuditWatch::HandleTruncate(const AuditEventMessage& msg, const std::string& syscallName)
-{
-    (void)syscallName;
-    Extra extra;
-    if (Prepare(msg, extra)) {
-        MakeEvent(PathOfRecord(*FirstRecord(*msg.event)), kNotifyModify, "", msg.event->cwd, extra);
+        const unsigned kind = syscallName == "truncate" ? kNotifyModify : kNotifyAttrib;
+        MakeEvent(PathOfRecord(*FirstRecord(*msg.event)), kind, "", msg.event->cwd, extra);
     }
 }
 
