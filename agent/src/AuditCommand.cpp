@@ -1,7 +1,7 @@
 #include "AuditCommand.h"
 
 #include "AgentConfig.h"
-#include "EventJson.h"
+#include "EventLines.h"
 #include "LiveSession.h"
 #include "RuleText.h"
 
@@ -58,10 +58,15 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
         keys.push_back(kCliTaskName + "***" + request.tag + "***" + path + "***wapidppid");
     }
 
+    Export::LineOptions options;
+    options.flat = request.flat;
+    Export::EventLines lines(options);
     LiveSession session(engine, kCommand, err);
     const bool started = session.Start(kCliTaskName, [&](const Engine::AuditEventMessage& msg) {
         if (msg.event) {
-            session.Print(out, Export::DecodedEventToJson(*msg.event, msg.tag));
+            std::string line;
+            lines.AppendEvent(line, *msg.event, msg.tag);
+            session.Print(out, line);
         }
     });
     if (!started) {

@@ -1,6 +1,6 @@
 #include "DecodeCommand.h"
 
-#include "EventJson.h"
+#include "EventLines.h"
 
 #include "AuditLog.h"
 #include "AuditMessages.h"
@@ -20,18 +20,24 @@ constexpr int32_t kSyscallNumbers = 1024;
 // Receives the delivered events and prints them.
 class PrintingTask : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
 public:
-    explicit PrintingTask(std::ostream& out)
-        : Framework::Task("decode_print_task", "decode", Framework::TaskCondition::kOnEvent, 4096), out_(out) {}
+    PrintingTask(std::ostream& out, const Export::LineOptions& options)
+        : Framework::Task("decode_print_task", "decode", Framework::TaskCondition::kOnEvent, 4096), out_(out),
+          lines_(options) {}
     int Receive(const Engine::AuditEventMessage& msg) override
     {
         if (msg.event) {
-            out_ << Export::DecodedEventToJson(*msg.event) << "\n";
+            line_.clear();
+            lines_.AppendEvent(line_, *msg.event, "");
+            line_ += '\n';
+            out_ << line_;
         }
         return 0;
     }
 
 private:
     std::ostream& out_;
+    Export::EventLines lines_;
+    std::string line_;
 };
 
 // A route without filters under every system-call number of both architectures.
@@ -48,14 +54,15 @@ void RouteEverything(Engine::AuditLog& log, Framework::Task* receiver)
 
 }  // namespace
 
-int RunDecodeCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
+int RunDecodeCommand(const std::vector<std::string>& args, const Export::LineOptions& lines, std::ostream& out,
+                     std::ostream& err)
 {
     std::ifstream file;
     std::istream* in = OpenInput(args, file, "decode", err);
     if (in == nullptr) {
         return 2;
     }
-    PrintingTask printer(out);
+    PrintingTask printer(out, lines);
     Framework::Task sender("decode_task", "decode", Framework::TaskCondition::kOnEvent, 1);
     Engine::AuditLog log(&sender, nullptr);
     RouteEverything(log, &printer);

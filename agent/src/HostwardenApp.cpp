@@ -37,6 +37,8 @@ void HostwardenApp::defineOptions(Poco::Util::OptionSet& options)
                                                        "delete, modify, attrib, moved_from, moved_to or their "
                                                        "numbers (default all)")
                           .argument("LIST"));
+    options.addOption(Poco::Util::Option("flat", "", "decode, audit, watch: print the audit module's own records "
+                                                     "instead of ECS lines (for debugging)"));
     options.addOption(Poco::Util::Option("config", "", "run: the configuration file (JSON; default "
                                                        "etc/hostwarden.json of the installation)")
                           .argument("FILE"));
@@ -60,6 +62,8 @@ void HostwardenApp::handleOption(const std::string& name, const std::string& val
         recursive_ = true;
     } else if (name == "events") {
         events_ = value;
+    } else if (name == "flat") {
+        flat_ = true;
     } else if (name == "config") {
         configFile_ = value;
     }
@@ -120,13 +124,16 @@ int HostwardenApp::main(const std::vector<std::string>& args)
         return RunParseCommand(rest, std::cout, std::cerr);
     }
     if (command == "decode") {
-        return RunDecodeCommand(rest, std::cout, std::cerr);
+        Export::LineOptions lines;
+        lines.flat = flat_;
+        return RunDecodeCommand(rest, lines, std::cout, std::cerr);
     }
     if (command == "audit") {
         AuditRequest request;
         request.rules = rest;
         request.watches = watches_;
         request.tag = tag_;
+        request.flat = flat_;
         return RunAuditCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
     }
     if (command == "watch") {
@@ -135,6 +142,7 @@ int HostwardenApp::main(const std::vector<std::string>& args)
         request.recursive = recursive_;
         request.events = events_;
         request.tag = tag_;
+        request.flat = flat_;
         return RunWatchCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
     }
     if (command == "containers") {

@@ -27,6 +27,7 @@ private:
     std::string tag_ = "cli";
     std::vector<std::string> watches_;
     bool recursive_ = false;
+    bool flat_ = false;
     std::string events_;
     std::string logLevel_;
     std::string logFile_;

@@ -1,7 +1,7 @@
 #include "WatchCommand.h"
 
 #include "AgentConfig.h"
-#include "EventJson.h"
+#include "EventLines.h"
 #include "LiveSession.h"
 #include "RuleText.h"
 
@@ -48,10 +48,15 @@ int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, cons
         paths.push_back(path);
     }
 
+    Export::LineOptions options;
+    options.flat = request.flat;
+    Export::EventLines lines(options);
     LiveSession session(engine, kCommand, err);
     const bool started = session.Start(kWatchTaskName, [&](const Engine::AuditEventMessage& msg) {
         if (!msg.event) {  // a notification, not an audit event
-            session.Print(out, Export::NotificationToJson(msg.result, request.tag));
+            std::string line;
+            lines.AppendNotification(line, msg.result, request.tag);
+            session.Print(out, line);
         }
     });
     if (!started) {

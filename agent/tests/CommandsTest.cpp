@@ -15,7 +15,12 @@ TEST(ParseAndDecodeCommands, PrintRealCapturesAsTheirGoldenJson)
 {
     using Command = int (*)(const std::vector<std::string>&, std::ostream&, std::ostream&);
     for (const char* capture : {"kernel-6.18-raw", "kernel-6.18-enriched"}) {
-        for (const auto& [name, command] : {std::pair<const char*, Command>{"parse", Agent::RunParseCommand}, {"decode", Agent::RunDecodeCommand}}) {
+        const Command decode = [](const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+            Export::LineOptions flat;
+            flat.flat = true;
+            return Agent::RunDecodeCommand(args, flat, out, err);
+        };
+        for (const auto& [name, command] : {std::pair<const char*, Command>{"parse", Agent::RunParseCommand}, {"decode", decode}}) {
             std::ostringstream out, err;
             EXPECT_EQ(command({TestSupport::FixturesDir() + capture + ".log"}, out, err), 0) << err.str();
             EXPECT_EQ(err.str(), "") << name << " " << capture;
@@ -35,7 +40,7 @@ TEST(ParseCommand, ReportsBadLinesByNumberAndSaysSoInItsStatus)
               "{\"time_ms\":1002,\"serial\":3,\"records\":[{\"type\":\"SYSCALL\",\"fields\":{\"syscall\":\"2\","
               "\"name\":\"\\\"a\\\\\\\"b\\\"\"}},{\"type\":\"CWD\",\"fields\":{\"cwd\":\"\\\"/\\\"\"}}]}\n");
     EXPECT_EQ(Agent::RunParseCommand({"/no/such/log"}, out, err), 2);
-    EXPECT_EQ(Agent::RunDecodeCommand({"/no/such/log"}, out, err), 2) << "decode reads the same way";
+    EXPECT_EQ(Agent::RunDecodeCommand({"/no/such/log"}, Export::LineOptions(), out, err), 2) << "decode reads the same way";
     EXPECT_EQ(err.str(), "line 2: not an audit record, skipped\nline 4: not an audit record, skipped\n"
                          "hostwarden parse: cannot read /no/such/log\nhostwarden decode: cannot read /no/such/log\n");
 }

@@ -118,6 +118,11 @@ public:
     uint32_t events = 0;      ///< event mask
 };
 
+/// Keys of a notification's extra map besides the SYSCALL record's fields: its event's time
+/// (milliseconds since the epoch) and serial number, in decimal.
+inline constexpr const char* kNotifyTimeMs = "time_ms";
+inline constexpr const char* kNotifySerial = "serial";
+
 /// The payload of a file notification.
 struct HW_AUDIT_API AuditEventResult {
     std::string path;      ///< the file the notification is about

@@ -724,11 +724,16 @@ bool FileAuditWatch::Prepare(const AuditEventMessage& msg, Extra& extra)
         return false;
     }
     const SDK::AuditFields& fields = LinuxAuditUtil::getSyscallMsg(msg.event->parsedEvent);
-    extra.reserve(fields.size());
+    if (fields.empty()) {
+        return false;
+    }
+    extra.reserve(fields.size() + 2);
     for (const auto& [name, value] : fields) {
         extra.emplace(name, value);
     }
-    return !extra.empty();
+    extra.emplace(kNotifyTimeMs, std::to_string(msg.event->parsedEvent.header[0]));
+    extra.emplace(kNotifySerial, std::to_string(msg.event->parsedEvent.header[1]));
+    return true;
 }
 
 void FileAuditWatch::CheckObjTypeOpen(const AuditEventMessage& msg, const std::string& syscallName)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "EventLines.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -22,12 +24,14 @@ struct OutputSettings {
     std::string rotateSize = "10 M";  ///< rotation size as Poco's FileChannel takes it
     int keep = 5;                     ///< rotated files kept
     bool toStdout = true;             ///< also to standard output
+    LineOptions lines;                ///< ECS or flat; raw records; argument bytes kept
 };
 
 /// The agent's configuration file (JSON):
 ///   {"log": {"level": "information", "file": ""},
 ///    "cpu": {"share": 0},
-///    "output": {"file": "...", "rotate_size": "10 M", "keep": 5, "stdout": true},
+///    "output": {"file": "...", "rotate_size": "10 M", "keep": 5, "stdout": true,
+///               "format": "ecs", "original": false, "max_args_bytes": 65536},
 ///    "subscriptions": [{"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve"},
 ///                      {"tag": "etc", "watch": "/etc", "recursive": true, "events": "create,delete"}]}
 /// Every section and key is optional; unknown ones are errors. In paths "$INSTALLATION" stands

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AgentConfig.h"
+#include "EventLines.h"
 
 #include "AuditMessages.h"
 
@@ -77,6 +78,7 @@ private:
     std::chrono::steady_clock::time_point installDeadline_;
 
     AgentConfig config_;
+    EventLines lines_;
     std::FILE* console_;
     Hooks hooks_;
     Poco::AutoPtr<Poco::FileChannel> file_;

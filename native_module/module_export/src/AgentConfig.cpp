@@ -122,6 +122,30 @@ Reader::Read Rotation(std::string& out)
     };
 }
 
+Reader::Read Format(bool& flat)
+{
+    return [&flat](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isString() || (v.toString() != "ecs" && v.toString() != "flat")) {
+            problem = "must be \"ecs\" or \"flat\"";
+            return false;
+        }
+        flat = v.toString() == "flat";
+        return true;
+    };
+}
+
+Reader::Read ArgBytes(size_t& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isInteger() || v.convert<long>() < 1024 || v.convert<long>() > 16L * 1024 * 1024) {
+            problem = "must be a whole number of bytes from 1024 to 16777216";
+            return false;
+        }
+        out = static_cast<size_t>(v.convert<long>());
+        return true;
+    };
+}
+
 Reader::Read Share(double& out)
 {
     return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
@@ -272,7 +296,10 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
               return reader.Walk(v, "output", {{"file", Text(outputFile)},
                                                {"rotate_size", Rotation(config.output.rotateSize)},
                                                {"keep", Count(config.output.keep)},
-                                               {"stdout", Flag(config.output.toStdout)}});
+                                               {"stdout", Flag(config.output.toStdout)},
+                                               {"format", Format(config.output.lines.flat)},
+                                               {"original", Flag(config.output.lines.original)},
+                                               {"max_args_bytes", ArgBytes(config.output.lines.maxArgBytes)}});
           }},
          {"subscriptions", subscriptions}});
     if (!ok) {

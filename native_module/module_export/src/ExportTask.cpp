@@ -1,6 +1,5 @@
 #include "ExportTask.h"
 
-#include "EventJson.h"
 #include "RuleText.h"
 
 #include "AuditConstants.h"
@@ -55,7 +54,7 @@ std::vector<std::string> Keys(const std::vector<Subscription>& subscriptions)
 
 ExportTask::ExportTask(AgentConfig config, std::FILE* console, Hooks hooks)
     : Framework::Task(kExportTaskName, "export_feature", Framework::TaskCondition::kLoop, 65536),
-      config_(std::move(config)), console_(console), hooks_(std::move(hooks))
+      config_(std::move(config)), lines_(config_.output.lines), console_(console), hooks_(std::move(hooks))
 {
     if (!hooks_.stop) {
         hooks_.stop = [](int code) {
@@ -238,9 +237,9 @@ const std::string& ExportTask::NotificationTag(const Engine::AuditEventResult& r
 int ExportTask::Receive(const Engine::AuditEventMessage& msg)
 {
     if (msg.event) {
-        AppendDecodedEvent(pending_, *msg.event, msg.tag);
+        lines_.AppendEvent(pending_, *msg.event, msg.tag);
     } else {
-        AppendNotification(pending_, msg.result, NotificationTag(msg.result));
+        lines_.AppendNotification(pending_, msg.result, NotificationTag(msg.result));
     }
     pending_ += '\n';
     return 0;

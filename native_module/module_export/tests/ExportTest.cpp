@@ -68,12 +68,13 @@ TEST(ExportTask, WritesEachTurnOnceInValidUtf8)
     task.EndTurn();
     const std::string first = ReadFile(config.output.file);
     EXPECT_EQ(std::count(first.begin(), first.end(), '\n'), 2);
-    EXPECT_NE(first.find("\"tag\":\"exec\""), std::string::npos);
-    EXPECT_NE(first.find("\"exe\":\"hex:2F746D702FFFFE\""), std::string::npos) << "valid UTF-8 whatever the bytes";
-    EXPECT_NE(first.find("{\"tag\":\"\",\"path\":\"/nowhere/f\",\"event\":192,\"kind\":\"move\",\"isDir\":true,\"destPath\":\"/nowhere/g\","
-                         "\"extra\":{\"comm\":\"mv\",\"syscall\":\"82\"}}\n"),
-              std::string::npos)
-        << "no subscription covers it: no tag";
+    EXPECT_NE(first.find("\"tags\":[\"exec\"]"), std::string::npos);
+    EXPECT_NE(first.find("\"executable\":\"hex:2F746D702FFFFE\""), std::string::npos) << "valid UTF-8 whatever the bytes";
+    const std::string move = first.substr(first.find('\n') + 1);
+    EXPECT_EQ(move.find("\"tags\""), std::string::npos) << "no subscription covers it: no tag";
+    EXPECT_NE(move.find("\"action\":\"move\""), std::string::npos);
+    EXPECT_NE(move.find("\"file\":{\"path\":\"/nowhere/g\",\"type\":\"dir\"}"), std::string::npos) << move;
+    EXPECT_NE(move.find("\"old_path\":\"/nowhere/f\""), std::string::npos) << move;
 
     task.UnInit();
 }

@@ -408,3 +408,45 @@ std::vector<AuditEvent> AuditParser::TakeEvents()
 }
 
 }  // namespace SDK
+
+namespace SDK {
+
+namespace {
+
+int HexDigit(char c)
+{
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    return -1;
+}
+
+}  // namespace
+
+std::string AuditValueText(std::string_view raw)
+{
+    if (raw.size() >= 2 && raw.front() == '"' && raw.back() == '"') {
+        return std::string(raw.substr(1, raw.size() - 2));
+    }
+    if (raw.empty() || raw.size() % 2 != 0) {
+        return std::string(raw);
+    }
+    std::string text(raw.size() / 2, '\0');
+    for (size_t i = 0; i < text.size(); ++i) {
+        const int high = HexDigit(raw[2 * i]);
+        const int low = HexDigit(raw[2 * i + 1]);
+        if (high < 0 || low < 0) {
+            return std::string(raw);
+        }
+        text[i] = static_cast<char>(high * 16 + low);
+    }
+    return text;
+}
+
+}  // namespace SDK

@@ -151,3 +151,12 @@ private:
 };
 
 }  // namespace SDK
+
+namespace SDK {
+
+/// The text an audit field value stands for: a quoted value without its quotes; a value made of
+/// hexadecimal digit pairs (the audit system's form for a text with blanks, quotes, control or
+/// non-ASCII bytes) decoded; anything else as written.
+std::string AuditValueText(std::string_view raw);
+
+}  // namespace SDK
