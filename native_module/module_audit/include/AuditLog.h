@@ -12,6 +12,7 @@
 
 namespace Framework {
 class Task;
+struct ContainerInfo;
 }
 
 namespace Engine {
@@ -134,6 +135,9 @@ private:
     // of events that end on different processors, so several are open at once. Each is shared
     // from the start so handing it on needs no second allocation.
     std::vector<OpenEvent> openEvents_;
+    // The container of the event whose paths are being made: asked once per event, not per path.
+    const AuditEvent* containerOf_ = nullptr;
+    std::shared_ptr<Framework::ContainerInfo> container_;
 };
 
 /// Decimal text to int32; -1 for empty, non-numeric or out-of-range text.

@@ -446,6 +446,30 @@ std::string UnquotedOrHexDecoded(std::string_view raw)
     return opened ? value : StringValueFromHex(value);
 }
 
+// The container of an event's process: the one its rule key names, else the one its parent or
+// the process itself runs in; null on the host.
+std::shared_ptr<Framework::ContainerInfo> ContainerOf(Framework::ContainerMetaInfo& provider, const AuditEvent& event,
+                                                      int32_t pid, int32_t ppid)
+{
+    std::string id;
+    getContainerId(event.key, id);
+    std::shared_ptr<Framework::ContainerInfo> info;
+    if (id.empty()) {
+        if ((provider.GetContainerInfoByPid(ppid, info) || provider.GetContainerInfoByPid(pid, info)) && info) {
+            AUDIT_LOG_TRACE("got a process in container, containerid %s, pid %d, ppid %d", info->id, pid, ppid);
+            id = info->id;
+        }
+        if (id.empty()) {
+            return nullptr;
+        }
+    }
+    info.reset();
+    if (!provider.GetContainerInfoById(id, info)) {
+        return nullptr;
+    }
+    return info;
+}
+
 // The quoted text of raw without its quotes, when raw is exactly "...": a view into raw itself.
 bool PlainQuoted(std::string_view raw, std::string_view& inner)
 {
@@ -616,6 +640,7 @@ int AuditLog::setFileSystemInfo(const std::shared_ptr<AuditEvent>& event)
     }
     const std::vector<const SDK::AuditFields*> records = event->parsedEvent.FindRecords("PATH");
     event->paths.reserve(records.size());
+    containerOf_ = nullptr;
     for (const SDK::AuditFields* record : records) {
         if (GenerateLogPathForOneRecord(event, *record, event->cwd) != 0) {
             return -1;
@@ -764,20 +789,15 @@ int AuditLog::LogPathProcForContainer(const std::shared_ptr<AuditEvent>& event, 
     if ((ppid == -1 && event->ppid != "-1") || (pid == -1 && event->pid != "-1")) {
         return -1;
     }
-    std::string id;
-    getContainerId(event->key, id);
     std::shared_ptr<Framework::ContainerInfo> info;
-    if (id.empty()) {
-        if ((provider->GetContainerInfoByPid(ppid, info) || provider->GetContainerInfoByPid(pid, info)) && info) {
-            AUDIT_LOG_TRACE("got a process in container, containerid %s, pid %d, ppid %d", info->id, pid, ppid);
-            id = info->id;
-        }
-        if (id.empty()) {
-            return 0;
-        }
+    if (containerOf_ == event.get()) {
+        info = container_;
+    } else {
+        info = ContainerOf(*provider, *event, pid, ppid);
+        containerOf_ = event.get();
+        container_ = info;
     }
-    info.reset();
-    if (!provider->GetContainerInfoById(id, info) || !info) {
+    if (!info) {
         return 0;
     }
     AUDIT_LOG_TRACE("got containerinfo");

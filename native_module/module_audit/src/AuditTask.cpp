@@ -1,5 +1,8 @@
 #include "AuditTask.h"
 
+#include <chrono>
+#include <thread>
+
 #include "AuditConstants.h"
 #include "AuditLogging.h"
 #include "AuditUtil.h"
@@ -17,6 +20,11 @@ namespace {
 constexpr int kWaitMs = 100;
 constexpr int kMessagesPerTurn = 128;
 constexpr uint64_t kScanIntervalMs = 300;
+// auditd writes the log a record at a time; once a write wakes the task it lets the moment's
+// other writes land, so that one read takes them all instead of a wake and a read per record:
+// it waits a step at a time while writes go on, at most the whole time.
+constexpr auto kGatherStep = std::chrono::milliseconds(1);
+constexpr auto kGatherTime = std::chrono::milliseconds(4);
 
 int Parse(const AuditSyscallCtrlMessage& msg, SyscallRule& rule)
 {
@@ -133,6 +141,12 @@ int AuditTask::Run()
     while (GetState() != Framework::kTaskStop) {
         if (GetEventWaiter().WaitAndHandleEvent(NextWaitMs(), kMessagesPerTurn) == -1) {
             BulkConsumeMsg(kMessagesPerTurn);
+        }
+        if (logChanged_) {
+            const auto end = std::chrono::steady_clock::now() + kGatherTime;
+            do {
+                std::this_thread::sleep_for(kGatherStep);
+            } while (logChanges_.Drain() && std::chrono::steady_clock::now() < end);
         }
         Turn(SDK::TimeUtils::GetCurrentTimestampMS(), lastScan);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -57,8 +58,11 @@ private:
 /// never taken for the old one, and a pid neither known nor alive gives nothing.
 class ProcessTable {
 public:
-    /// At most capacity processes are kept.
-    explicit ProcessTable(ProcessSource& source, size_t capacity = 65536);
+    /// At most capacity processes are kept. A live process found again within recheck of its
+    /// last check is taken as the same one: the kernel hands out pids in turn, so a pid comes
+    /// back only after every other free pid has been used, which takes far longer.
+    explicit ProcessTable(ProcessSource& source, size_t capacity = 65536,
+                          std::chrono::milliseconds recheck = std::chrono::milliseconds(100));
 
     /// Learns every live process.
     void Seed();
@@ -80,6 +84,7 @@ private:
     struct Entry {
         ProcessFacts facts;
         uint64_t seenMs = 0;  // the event time it was last learnt or used at
+        std::chrono::steady_clock::time_point checked;  // when it was last found alive with its start time
     };
     bool Store(int32_t pid, Entry entry);
     // Forgets processes that have ended more than kEndedKeptMs before nowMs (all ended ones when
@@ -88,6 +93,7 @@ private:
 
     ProcessSource& source_;
     size_t capacity_;
+    std::chrono::milliseconds recheck_;
     std::unordered_map<int32_t, Entry> entries_;
     uint64_t lastSweepMs_ = 0;
     ProcessFacts overflow_;  // the answer of a Find the full table could not keep

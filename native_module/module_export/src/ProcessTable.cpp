@@ -181,7 +181,8 @@ std::vector<int32_t> ProcProcessSource::Pids()
     return pids;
 }
 
-ProcessTable::ProcessTable(ProcessSource& source, size_t capacity) : source_(source), capacity_(capacity) {}
+ProcessTable::ProcessTable(ProcessSource& source, size_t capacity, std::chrono::milliseconds recheck)
+    : source_(source), capacity_(capacity), recheck_(recheck) {}
 
 void ProcessTable::Seed()
 {
@@ -196,10 +197,9 @@ void ProcessTable::Seed()
 
 void ProcessTable::Exec(int32_t pid, uint64_t timeMs, ProcessFacts facts)
 {
-    uint64_t start = 0;
-    // A program start keeps the process's start time; a live process that started after the
-    // exec is another one, and an ended one leaves the time unknown.
-    facts.startMs = source_.StartMs(pid, start) && start <= timeMs + kClockSlackMs ? start : 0;
+    // The start time is learnt when the process is next asked for: a process alive then that
+    // started before the exec is this one (program starts keep the process's start time).
+    facts.startMs = 0;
     Entry entry;
     entry.facts = std::move(facts);
     entry.seenMs = timeMs;
@@ -238,9 +238,15 @@ const ProcessFacts* ProcessTable::Find(int32_t pid, uint64_t timeMs)
     if (pid <= 0) {
         return nullptr;
     }
+    const auto now = std::chrono::steady_clock::now();
+    const auto it = entries_.find(pid);
+    if (it != entries_.end() && it->second.facts.startMs != 0 && now - it->second.checked < recheck_ &&
+        it->second.facts.startMs <= timeMs + kClockSlackMs) {
+        it->second.seenMs = std::max(it->second.seenMs, timeMs);
+        return &it->second.facts;
+    }
     uint64_t liveStart = 0;
     const bool alive = source_.StartMs(pid, liveStart);
-    const auto it = entries_.find(pid);
     if (it != entries_.end()) {
         Entry& entry = it->second;
         const uint64_t known = entry.facts.startMs;
@@ -254,6 +260,7 @@ const ProcessFacts* ProcessTable::Find(int32_t pid, uint64_t timeMs)
         }
         if (known == liveStart || (known == 0 && liveStart <= entry.seenMs + kClockSlackMs)) {
             entry.facts.startMs = liveStart;
+            entry.checked = now;
             if (liveStart > timeMs + kClockSlackMs) {
                 return nullptr;  // the process now holding the pid started after the moment asked
             }
@@ -270,6 +277,7 @@ const ProcessFacts* ProcessTable::Find(int32_t pid, uint64_t timeMs)
         return nullptr;
     }
     entry.seenMs = timeMs;
+    entry.checked = now;
     if (!Store(pid, entry)) {
         overflow_ = std::move(entry.facts);  // a full table still answers
         return &overflow_;
