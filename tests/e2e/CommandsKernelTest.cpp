@@ -108,7 +108,7 @@ TEST_F(CommandsKernel, AuditPrintsTheDecodedEventsOfRealActions)
 // and goes on in the new one, so every notification arrives.
 TEST_F(CommandsKernel, WatchLosesNothingWhileAuditdRotatesItsLog)
 {
-    auto watch = Hostwarden({"watch", dir_, "--events", "create", "--tag", "t"});
+    auto watch = Hostwarden({"watch", "--flat", dir_, "--events", "create", "--tag", "t"});
     ASSERT_TRUE(watch->WaitFor("path(s) watched", false)) << watch->err;
     ASSERT_TRUE(KernelLists("-w " + dir_ + " "));
     std::string status;
@@ -149,7 +149,7 @@ TEST_F(CommandsKernel, RunExportsWhatItsConfigurationSubscribesAndStopsCleanly)
 
     const std::string events = dir_ + "/out/events.jsonl";
     Configure(Getpgid("marker") + R"(, {"tag": "files", "watch": ")" + dir_ + R"(", "recursive": true})",
-              R"({"file": ")" + events + R"(", "stdout": false})");
+              R"({"file": ")" + events + R"(", "stdout": false, "format": "flat"})");
     auto run = Hostwarden({"run"});
     ASSERT_TRUE(run->WaitFor("Every subscription is installed in the kernel.", false)) << run->err;
     EXPECT_EQ(E2E::ListKernelRules().find("export_task***killed"), std::string::npos);

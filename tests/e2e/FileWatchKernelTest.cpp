@@ -111,7 +111,7 @@ TEST_F(FileWatchKernel, RealActionsGiveTheNotificationsTheModuleSynthesises)
         std::filesystem::create_directories(dir_ + dir);
     }
     std::ofstream(dir_ + "/rec/existing") << "seed\n";
-    std::ofstream(home_ + "/etc/hostwarden.json") << R"({"output": {"stdout": true}, "subscriptions": [
+    std::ofstream(home_ + "/etc/hostwarden.json") << R"({"output": {"stdout": true, "format": "flat"}, "subscriptions": [
         {"tag": "rec", "watch": ")" << dir_ << R"(/rec", "recursive": true},
         {"tag": "flat", "watch": ")" << dir_ << R"(/flat"},
         {"tag": "sync", "watch": ")" << dir_ << R"(/sync", "events": "create"}]})";

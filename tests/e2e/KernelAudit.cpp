@@ -116,7 +116,7 @@ int KernelTest::Auditctl(const std::string& args, std::string* output) const
 std::vector<Poco::JSON::Object::Ptr> KernelTest::AuditWhile(std::vector<std::string> args, const std::function<void()>& act,
                                                               const std::string& marker)
 {
-    args.insert(args.begin(), "audit");
+    args.insert(args.begin(), {"audit", "--flat"});  // the module's own records
     auto audit = Hostwarden(args);
     EXPECT_TRUE(audit->WaitFor("printing events", false)) << audit->err;
     act();

@@ -34,7 +34,7 @@ protected:
     int Auditctl(const std::string& args, std::string* output = nullptr) const;
     /// Waits until the kernel's rule list holds text (or, with present false, no longer does).
     static bool KernelLists(const std::string& text, bool present = true);
-    /// Runs hostwarden audit with args while act runs, then makes the directory marker (in a
+    /// Runs hostwarden audit --flat with args while act runs, then makes the directory marker (in a
     /// watched directory) and returns every event printed up to it: the log keeps the order, so
     /// once the marker is out so is everything act did.
     std::vector<Poco::JSON::Object::Ptr> AuditWhile(std::vector<std::string> args, const std::function<void()>& act,
