@@ -442,7 +442,8 @@ ExecArgs DecodeExecArgs(const SDK::AuditEvent& event, size_t maxBytes)
             const bool newArgument = static_cast<int64_t>(index) != current;
             current = static_cast<int64_t>(index);
             if (over) {
-                result.cutBytes += value.size() / 2;  // hex or quoted, about this many bytes
+                const bool quoted = value.size() >= 2 && value.front() == '"';
+                result.cutBytes += quoted ? value.size() - 2 : value.size() / 2;
                 result.cutArgs += newArgument ? 1 : 0;
                 continue;
             }

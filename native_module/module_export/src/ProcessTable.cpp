@@ -65,9 +65,15 @@ void CutArgs(std::vector<std::string>& args, size_t maxBytes, uint64_t extraArgs
     if (kept < args.size()) {
         std::string& crossing = args[kept];
         size_t keep = maxBytes - used;
-        // Back to the start of a UTF-8 character, so a text argument stays text.
-        while (keep > 0 && keep < crossing.size() && (static_cast<unsigned char>(crossing[keep]) & 0xC0) == 0x80) {
-            --keep;
+        // Back to the start of a UTF-8 character (at most three bytes back, where its lead byte
+        // stands), so a text argument stays text; other bytes are cut where the bound falls.
+        for (size_t back = 1; back <= 3 && back <= keep && keep < crossing.size() &&
+                              (static_cast<unsigned char>(crossing[keep]) & 0xC0) == 0x80;
+             ++back) {
+            if ((static_cast<unsigned char>(crossing[keep - back]) & 0xC0) == 0xC0) {
+                keep -= back;
+                break;
+            }
         }
         cutBytes += crossing.size() - keep;
         cutArgs += 1;
