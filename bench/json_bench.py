@@ -41,8 +41,8 @@ laurel_config = os.path.join(work, "laurel.toml")
 with open(laurel_config, "w") as out:
     out.write('directory = "%s"\nuser = "root"\nstatusreport-period = 0\n'
               '[auditlog]\nfile = "audit.log"\nsize = 4000000000\ngenerations = 1\n'
-              '[translate]\nuniversal = false\nuser-db = false\n'
-              '[enrich]\npid = false\nexecve-env = []\ncontainer = false\nscript = false\n' % laurel_dir)
+              '[translate]\nuniversal = false\nuser-db = true\n'
+              '[enrich]\npid = true\nexecve-env = []\ncontainer = false\nscript = false\n' % laurel_dir)
 
 
 def cpu_of(command, stdin=None, stdout=subprocess.DEVNULL):
@@ -75,7 +75,7 @@ laurel_events = sum(1 for _ in open(os.path.join(laurel_dir, "audit.log"), "rb")
 print("%d lines of real captures, replicated" % len(lines))
 print("hostwarden decode: %.2f s of processor time (median of %d; %s), %d JSON events, all valid UTF-8 JSON" % (
     statistics.median(ours), runs, ", ".join("%.2f" % t for t in ours), events))
-print("laurel 0.5, no enrichment: %.2f s of processor time (median of %d; %s), %d JSON events" % (
+print("laurel 0.5, user names and parent information on: %.2f s of processor time (median of %d; %s), %d JSON events" % (
     statistics.median(theirs), runs, ", ".join("%.2f" % t for t in theirs), laurel_events))
 print("hostwarden / laurel: %.0f %%" % (100 * statistics.median(ours) / statistics.median(theirs)))
 subprocess.run(["rm", "-rf", work])

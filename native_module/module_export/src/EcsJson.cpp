@@ -349,6 +349,11 @@ void AuditdPart(SDK::JsonWriter& json, const SDK::AuditFields& syscall, std::str
             json.Field(name, syscall.View(name));
         }
     }
+    // The kernel rule's key, which names the agent's subscription; "(null)" when it has none.
+    const std::string key = SDK::AuditValueText(syscall.View("key"));
+    if (!key.empty() && key != "(null)") {
+        json.Field("key", key);
+    }
     json.EndObject();
     if (event != nullptr && !event->paths.empty()) {
         json.Key("paths");
