@@ -275,10 +275,12 @@ const ProcessFacts* ProcessTable::Find(int32_t pid, uint64_t timeMs)
         }
         entries_.erase(it);  // the pid has changed hands since
     }
-    if (!alive || liveStart > timeMs + kClockSlackMs) {
+    if (!alive) {
         return nullptr;
     }
     Entry entry;
+    // Read checks the start time again after reading, so a process that took the pid meanwhile
+    // is refused here too.
     if (!source_.Read(pid, entry.facts) || entry.facts.startMs > timeMs + kClockSlackMs) {
         return nullptr;
     }
