@@ -14,6 +14,10 @@ struct SyscallEntry {
     const char* name;
 };
 
+/// The audit architectures of the two tables, as records write them (arch=).
+inline constexpr const char* kAuditArch64 = "c000003e";
+inline constexpr const char* kAuditArch32 = "40000003";
+
 /// The kernel's x86_64 table, numbers 0 to 323 (generated, see tools/gen_syscall_tables.py).
 extern const SyscallEntry kSyscalls64[];
 extern const size_t kSyscalls64Count;

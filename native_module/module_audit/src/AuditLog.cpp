@@ -615,7 +615,7 @@ int AuditLog::getCWD(const std::shared_ptr<AuditEvent>& event, std::string& cwd)
 
 bool AuditLog::IsChangeMode(const std::shared_ptr<AuditEvent>& event)
 {
-    const auto& table = event->arch == "c000003e" ? syscallNameToNumber64 : syscallNameToNumber32;
+    const auto& table = event->arch == kAuditArch64 ? syscallNameToNumber64 : syscallNameToNumber32;
     for (const char* name : {"chmod", "fchmod", "fchmodat"}) {
         int32_t number = 0;
         if (table.Find(name, number) && number == event->syscall) {
@@ -862,7 +862,7 @@ bool AuditLog::CheckFileEventInfo(auditFileSystemDest* dest, const std::shared_p
 
 void AuditLog::DeliverSyscallEvent(const std::shared_ptr<AuditEvent>& event)
 {
-    SyscallRouteMap& routes = event->arch == "c000003e" ? syscallRoutes64 : syscallRoutes32;
+    SyscallRouteMap& routes = event->arch == kAuditArch64 ? syscallRoutes64 : syscallRoutes32;
     AUDIT_LOG_TRACE("syscall arch is %s", event->arch);
     auto [it, end] = routes.equal_range(event->syscall);
     for (; it != end; ++it) {

@@ -53,10 +53,8 @@ public:
 
 /// The argument list of a program start, from every EXECVE record of its event.
 struct ExecArgs {
-    std::vector<std::string> args;  ///< decoded, split arguments joined; cut at the size bound
+    std::vector<std::string> args;  ///< decoded, split arguments joined; cut at the size bound with a marker
     uint64_t count = 0;             ///< argc as the kernel gave it
-    uint64_t cutArgs = 0;           ///< arguments left out or shortened
-    uint64_t cutBytes = 0;          ///< bytes left out
 };
 
 /// Decodes the EXECVE records of an event (quoted or hex arguments, long ones split into

@@ -26,7 +26,6 @@ public:
     void Exec(int32_t pid, uint64_t timeMs, ProcessFacts facts) override;
 
 private:
-    size_t maxArgBytes_;
     Framework::ContainerMetaInfo* containers_;
     bool containersLooked_ = false;
     IdNames names_;

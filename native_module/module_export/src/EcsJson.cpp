@@ -1,6 +1,7 @@
 #include "EcsJson.h"
 
 #include "EventJson.h"
+#include "FileAuditWatch.h"
 #include "SyscallTables.h"
 
 #include "sdk/JsonWriter.h"
@@ -13,7 +14,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <map>
 #include <chrono>
 #include <cstring>
 #include <ctime>
@@ -39,10 +39,10 @@ int32_t ParsePid(std::string_view text)
 
 std::string_view ArchName(std::string_view arch)
 {
-    if (arch == "c000003e") {
+    if (arch == Engine::kAuditArch64) {
         return "x86_64";
     }
-    if (arch == "40000003") {
+    if (arch == Engine::kAuditArch32) {
         return "i386";
     }
     return arch;
@@ -54,9 +54,9 @@ std::string SyscallName(std::string_view arch, std::string_view number)
     std::string name;
     if (ParseDecimal(number, value) && value <= INT32_MAX) {
         const auto n = static_cast<int32_t>(value);
-        if (arch == "c000003e") {
+        if (arch == Engine::kAuditArch64) {
             Engine::syscallNumberToName64.Find(n, name);
-        } else if (arch == "40000003") {
+        } else if (arch == Engine::kAuditArch32) {
             Engine::syscallNumberToName32.Find(n, name);
         }
     }
@@ -104,6 +104,21 @@ CallKind KindOfCall(std::string_view name)
         }
     }
     return {"process", "info", nullptr};
+}
+
+// What ECS calls a file notification's event.
+CallKind KindOfNotification(int kind)
+{
+    switch (kind) {
+    case Engine::kNotifyCreate: return {"file", "creation", nullptr};
+    case Engine::kNotifyDelete: return {"file", "deletion", nullptr};
+    case Engine::kNotifyModify:
+    case Engine::kNotifyAttrib:
+    case Engine::kNotifyMovedFrom:
+    case Engine::kNotifyMovedTo:
+    case Engine::kNotifyMove: return {"file", "change", nullptr};
+    default: return {"file", "info", nullptr};
+    }
 }
 
 // A decimal id with its name (left out when unknown) as an object's id and name members.
@@ -268,6 +283,15 @@ std::string_view Outcome(std::string_view success)
     return success == "yes" ? "success" : success == "no" ? "failure" : "unknown";
 }
 
+// hostwarden.container: what ECS has no field for.
+void ContainerRoot(SDK::JsonWriter& json, const ContainerFacts& container)
+{
+    json.Key("container");
+    json.BeginObject();
+    json.Field("root_path", container.rootPath);
+    json.EndObject();
+}
+
 void ContainerPart(SDK::JsonWriter& json, const ContainerFacts& container)
 {
     json.Key("container");
@@ -428,6 +452,8 @@ ExecArgs DecodeExecArgs(const SDK::AuditEvent& event, size_t maxBytes)
     ExecArgs result;
     size_t kept = 0;
     bool over = false;     // the bound is reached: pieces from here on are counted only
+    uint64_t laterArgs = 0;   // arguments after the one that crossed the bound
+    uint64_t droppedBytes = 0;
     int64_t current = -1;  // the argument the last piece belonged to
     for (const SDK::AuditFields* record : event.FindRecords("EXECVE")) {
         for (const auto& [name, value] : *record) {
@@ -448,8 +474,8 @@ ExecArgs DecodeExecArgs(const SDK::AuditEvent& event, size_t maxBytes)
             current = static_cast<int64_t>(index);
             if (over) {
                 const bool quoted = value.size() >= 2 && value.front() == '"';
-                result.cutBytes += quoted ? value.size() - 2 : value.size() / 2;
-                result.cutArgs += newArgument ? 1 : 0;
+                droppedBytes += quoted ? value.size() - 2 : value.size() / 2;
+                laterArgs += newArgument ? 1 : 0;
                 continue;
             }
             std::string piece = SDK::AuditValueText(value);
@@ -459,7 +485,7 @@ ExecArgs DecodeExecArgs(const SDK::AuditEvent& event, size_t maxBytes)
             if (kept + piece.size() > maxBytes) {
                 // One byte past the bound shows CutArgs where to cut; the rest is counted here.
                 const size_t room = maxBytes - kept + 1;
-                result.cutBytes += piece.size() - room;
+                droppedBytes += piece.size() - room;
                 piece.resize(room);
                 over = true;
             }
@@ -468,8 +494,7 @@ ExecArgs DecodeExecArgs(const SDK::AuditEvent& event, size_t maxBytes)
         }
     }
     if (over) {
-        CutArgs(result.args, maxBytes, result.cutArgs, result.cutBytes);
-        result.cutArgs += 1;
+        CutArgs(result.args, maxBytes, laterArgs, droppedBytes);
     }
     return result;
 }
@@ -551,10 +576,7 @@ void EcsEncoder::AppendEvent(std::string& line, const Engine::AuditEvent& event,
         json.Key("hostwarden");
         json.BeginObject();
         if (inContainer) {
-            json.Key("container");
-            json.BeginObject();
-            json.Field("root_path", container.rootPath);
-            json.EndObject();
+            ContainerRoot(json, container);
         }
         if (!event.paths.empty()) {
             json.Key("paths");
@@ -608,13 +630,7 @@ void EcsEncoder::AppendNotification(std::string& line, const Engine::AuditEventR
     SDK::JsonWriter json(line);
     json.BeginObject();
     Header(json, settings_, timeMs, tag);
-    static const std::map<std::string, CallKind> kKinds = {
-        {"create", {"file", "creation", nullptr}}, {"delete", {"file", "deletion", nullptr}},
-        {"modify", {"file", "change", nullptr}},   {"attrib", {"file", "change", nullptr}},
-        {"moved_from", {"file", "change", nullptr}}, {"moved_to", {"file", "change", nullptr}},
-        {"move", {"file", "change", nullptr}}};
-    const auto found = kKinds.find(kind);
-    EventPart(json, found == kKinds.end() ? CallKind{"file", "info", nullptr} : found->second, kind,
+    EventPart(json, KindOfNotification(result.event), kind,
               Outcome(syscall.View("success")), serial != 0 ? std::to_string(serial) : std::string(), nullptr);
 
     json.Key("file");
@@ -679,10 +695,7 @@ void EcsEncoder::AppendNotification(std::string& line, const Engine::AuditEventR
     }
     json.EndObject();
     if (inContainer) {
-        json.Key("container");
-        json.BeginObject();
-        json.Field("root_path", container.rootPath);
-        json.EndObject();
+        ContainerRoot(json, container);
     }
     json.EndObject();
     json.EndObject();

@@ -6,7 +6,7 @@
 namespace Export {
 
 HostEnrichment::HostEnrichment(size_t maxArgBytes, Framework::ContainerMetaInfo* containers)
-    : maxArgBytes_(maxArgBytes), containers_(containers), containersLooked_(containers != nullptr),
+    : containers_(containers), containersLooked_(containers != nullptr),
       source_(maxArgBytes), table_(source_)
 {
     table_.Seed();
@@ -47,8 +47,7 @@ bool HostEnrichment::GroupName(const std::string& root, uint32_t gid, std::strin
 
 const ProcessFacts* HostEnrichment::Process(int32_t pid, uint64_t timeMs)
 {
-    const ProcessFacts* facts = table_.Find(pid, timeMs);
-    return facts;
+    return table_.Find(pid, timeMs);
 }
 
 void HostEnrichment::Exec(int32_t pid, uint64_t timeMs, ProcessFacts facts)
