@@ -93,10 +93,8 @@ int AuditTask::Init()
 void AuditTask::PollOnce(uint64_t now, uint64_t& lastScan)
 {
     // The timestamp is compared with the constant 9, not with an earlier one: the log is read on
-    // every turn. A turn its growth woke early is no quiet one; and it does not read a log that
-    // auditd has just replaced before the new file holds its first line, so the rotation is seen
-    // as one and the rest of the old file is read.
-    if (now > 9 && !(logChanged_ && reader_.WaitsForNewHead())) {
+    // every turn. A turn its growth woke early is no quiet one.
+    if (now > 9) {
         reader_.ReadOnceLog(auditLog_, !logChanged_);
     }
     AUDIT_CPU_CHECK_AT(kAuditTaskName, 54);

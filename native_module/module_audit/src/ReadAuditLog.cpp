@@ -4,229 +4,316 @@
 #include "AuditLog.h"
 #include "AuditLogging.h"
 
-#include "sdk/FileUtils.h"
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <fstream>
 
 namespace Engine {
 
 namespace {
 
 constexpr size_t kHeadSize = 64;
-constexpr int kPollLines = 200;          // one poll hands over at most 201 lines
-constexpr int kPredecessorLines = 500;   // finishing a rotated file: at most 501
+constexpr int kPollLines = 200;                // one poll hands over at most 201 lines
+constexpr size_t kReadChunk = 64 * 1024;
+constexpr size_t kMaxLine = 1024 * 1024;       // no audit record is this long: skipped and counted
+constexpr int kRotatedNames = 99;              // log.1 ... log.99 are searched for skipped rotations
+constexpr size_t kMaxOpenFiles = 16;
+constexpr size_t kFinishedKept = 16;
 constexpr int32_t kSizeErrorsPerReport = 1000;
 
-std::string ErrnoText()
+bool SameFile(const struct stat& st, dev_t dev, ino_t ino)
 {
-    return std::to_string(errno);
+    return st.st_dev == dev && st.st_ino == ino;
+}
+
+bool Later(const struct timespec& a, const struct timespec& b)
+{
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec >= b.tv_nsec;
+}
+
+// Opens a regular file for reading; a FIFO or device put at the log's name is never waited on.
+int OpenRegular(const std::string& path, struct stat& st)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        return -1;
+    }
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace
 
-bool ReadAuditLog::ReadFileHead(std::string path, std::string& head)
+ReadAuditLog::~ReadAuditLog()
 {
-    FILE* file = std::fopen(path.c_str(), "r");
-    if (file == nullptr) {
-        AUDIT_LOG_DEBUG("Read log(%s) head failed, errno(%s).", path, ErrnoText());
-        return false;
-    }
+    Clear();
+}
+
+bool ReadAuditLog::ReadFileHead(int fd, std::string& head)
+{
     char buffer[kHeadSize + 1] = {0};
-    const size_t got = std::fread(buffer, 1, kHeadSize, file);
-    std::fclose(file);
-    if (got != kHeadSize) {
-        AUDIT_LOG_DEBUG("Read log(%s) head failed, head too small.", path);
+    if (pread(fd, buffer, kHeadSize, 0) != static_cast<ssize_t>(kHeadSize)) {
         return false;
     }
     head = buffer;  // up to the first NUL byte
     return true;
 }
 
-void ReadAuditLog::GetLogHead()
-{
-    if (ReadFileHead(logPath, logHead)) {
-        AUDIT_LOG_INFO("Read audit log(%s) head(%s) success.", logPath, logHead);
-        headRead = true;
-    }
-}
-
 void ReadAuditLog::SetAuditLogPath(const std::string& path)
 {
+    Clear();
     logPath = path;
-    long size = 0;
-    if (SDK::FileUtils::GetFileSize(logPath, size) != 0) {
+    followed_ = true;
+    FollowNewFile(true);
+    if (files_.empty()) {
         AUDIT_LOG_ERROR("Get audit log size and head failed, errno(%d).", errno);
-        return;
     }
-    position = size;
-    GetLogHead();
-}
-
-bool ReadAuditLog::WaitsForNewHead() const
-{
-    long size = 0;
-    return position >= 0 && SDK::FileUtils::GetFileSize(logPath, size) == 0 && size < position &&
-           size < static_cast<long>(kHeadSize);
 }
 
 void ReadAuditLog::Clear()
 {
+    while (!files_.empty()) {
+        CloseFront();
+    }
+    finished_.clear();
+    buffer_.clear();
     logPath.clear();
-    logHead.clear();
     position = -1;
-    headRead = false;
     sizeErrorCount = 0;
+    followed_ = false;
+    skipping_ = false;
+}
+
+void ReadAuditLog::CloseFront()
+{
+    File& front = files_.front();
+    close(front.fd);
+    finished_.push_back({front.dev, front.ino});
+    if (finished_.size() > kFinishedKept) {
+        finished_.pop_front();
+    }
+    files_.pop_front();
+    buffer_.clear();
+    skipping_ = false;
+    position = files_.empty() ? -1 : 0;  // every later file is read from its start
+}
+
+bool ReadAuditLog::Known(dev_t dev, ino_t ino) const
+{
+    const auto same = [&](const auto& entry) { return entry.dev == dev && entry.ino == ino; };
+    return std::any_of(files_.begin(), files_.end(), same) || std::any_of(finished_.begin(), finished_.end(), same);
 }
 
 void ReadAuditLog::CountSizeError()
 {
-    const std::string error = ErrnoText();
     if (sizeErrorCount + 1 > kSizeErrorsPerReport - 1) {
         sizeErrorCount = 0;
-        AUDIT_LOG_ERROR("Get audit log size failed, errno(%s).", error);
+        AUDIT_LOG_ERROR("Get audit log size failed, errno(%d).", errno);
     } else {
         ++sizeErrorCount;
     }
 }
 
+void ReadAuditLog::FollowNewFile(bool atEnd)
+{
+    struct stat st {};
+    if (stat(logPath.c_str(), &st) != 0) {
+        if (!files_.empty()) {
+            CountSizeError();  // gone for now: what is open is still read
+        }
+        return;
+    }
+    if (Known(st.st_dev, st.st_ino)) {
+        return;
+    }
+    const int fd = OpenRegular(logPath, st);
+    if (fd < 0) {
+        return;
+    }
+    File file{fd, st.st_dev, st.st_ino, {}};
+    if (files_.empty()) {
+        position = atEnd ? static_cast<int64_t>(st.st_size) : 0;
+        ReadFileHead(fd, file.head);
+        files_.push_back(std::move(file));
+        return;
+    }
+    std::vector<File> skipped;
+    FollowSkippedRotations(files_.back(), skipped);
+    AUDIT_LOG_INFO("Audit log(%s) rotated: %d file(s) to finish before the new one.", logPath,
+                   static_cast<int>(files_.size() + skipped.size()));
+    for (File& rotated : skipped) {
+        files_.push_back(std::move(rotated));
+    }
+    files_.push_back(std::move(file));
+    while (files_.size() > kMaxOpenFiles) {
+        ++rotationLosses;
+        AUDIT_LOG_ERROR("Audit log(%s) rotated %d times faster than it was read; an unread file is dropped.", logPath,
+                        static_cast<int>(kMaxOpenFiles));
+        CloseFront();
+    }
+    unread_ = true;
+}
+
+void ReadAuditLog::FollowSkippedRotations(const File& newest, std::vector<File>& found)
+{
+    struct stat last {};
+    if (fstat(newest.fd, &last) != 0) {
+        return;
+    }
+    bool anchored = false;
+    for (int n = 1; n <= kRotatedNames; ++n) {
+        struct stat st {};
+        const std::string name = logPath + "." + std::to_string(n);
+        if (stat(name.c_str(), &st) != 0) {
+            break;
+        }
+        // The file we read last, or one written before it ended, closes the search.
+        if (SameFile(st, newest.dev, newest.ino) || Known(st.st_dev, st.st_ino) || !Later(st.st_mtim, last.st_mtim)) {
+            anchored = true;
+            break;
+        }
+        const int fd = OpenRegular(name, st);
+        if (fd >= 0) {
+            found.push_back(File{fd, st.st_dev, st.st_ino, {}});
+        }
+    }
+    std::reverse(found.begin(), found.end());  // oldest first
+    if (!anchored && !found.empty() && last.st_nlink == 0) {
+        ++rotationLosses;
+        AUDIT_LOG_ERROR("Audit log(%s) rotated past its oldest kept file before it was read: 1 or more rotated "
+                        "files are lost.", logPath);
+    }
+}
+
+bool ReadAuditLog::ReadLines(AuditLog& auditLog, int& count)
+{
+    const int fd = files_.front().fd;
+    size_t start = 0;
+    for (;;) {
+        const size_t newline = buffer_.find('\n', start);
+        if (newline == std::string::npos) {
+            buffer_.erase(0, start);
+            start = 0;
+            if (buffer_.size() >= kMaxLine) {
+                position += static_cast<int64_t>(buffer_.size());
+                buffer_.clear();
+                if (!skipping_) {
+                    ++droppedLines;
+                    AUDIT_LOG_WARN("Audit log(%s) holds a line longer than %d bytes; it is skipped.", logPath,
+                                   static_cast<int>(kMaxLine));
+                }
+                skipping_ = true;
+            }
+            const size_t held = buffer_.size();
+            buffer_.resize(held + kReadChunk);
+            const ssize_t got = pread(fd, &buffer_[held], kReadChunk, position + static_cast<int64_t>(held));
+            buffer_.resize(held + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got <= 0) {
+                return false;
+            }
+            continue;
+        }
+        if (skipping_) {
+            position += static_cast<int64_t>(newline + 1 - start);
+            start = newline + 1;
+            skipping_ = false;
+            continue;
+        }
+        if (count > kPollLines) {
+            unread_ = true;  // this line is handed over by the next poll
+            break;
+        }
+        line_.assign(buffer_, start, newline - start);
+        position += static_cast<int64_t>(newline + 1 - start);  // the line and its newline
+        start = newline + 1;
+        AUDIT_LOG_DEBUG("Read audit log(%s).", line_);
+        auditLog.HandleOneLineLog(line_);
+        ++count;
+    }
+    buffer_.erase(0, start);
+    return true;
+}
+
+bool ReadAuditLog::AtEnd(AuditLog& auditLog, int& count)
+{
+    File& front = files_.front();
+    if (files_.size() > 1) {
+        // A newer file holds the log's name, so auditd has closed this one: it is complete,
+        // and a last line without its newline will not get one.
+        if (!buffer_.empty() && !skipping_) {
+            line_ = buffer_;
+            auditLog.HandleOneLineLog(line_);
+            ++count;
+        }
+        CloseFront();
+        return true;
+    }
+    struct stat st {};
+    const int64_t readTo = position + static_cast<int64_t>(buffer_.size());
+    if (fstat(front.fd, &st) != 0 || st.st_size >= readTo) {
+        return false;
+    }
+    // Shorter than what was read: cut back in place, or copied elsewhere and emptied.
+    buffer_.clear();
+    skipping_ = false;
+    struct stat copied {};
+    const std::string predecessor = logPath + ".1";
+    std::string head;
+    const int copy = front.head.empty() ? -1 : OpenRegular(predecessor, copied);
+    if (copy >= 0 && !Known(copied.st_dev, copied.st_ino) && copied.st_size >= readTo && ReadFileHead(copy, head) &&
+        head == front.head) {
+        AUDIT_LOG_INFO("Audit log(%s) was copied to %s and emptied: the copy is finished first.", logPath, predecessor);
+        files_.push_front(File{copy, copied.st_dev, copied.st_ino, head});
+        files_[1].head.clear();
+        return true;  // the copy goes on at position; the emptied file follows from its start
+    }
+    if (copy >= 0) {
+        close(copy);
+    }
+    if (ReadFileHead(front.fd, head) && head == front.head) {
+        AUDIT_LOG_WARN("Audit log(%s) size changed smaller, but not rotated.", logPath);
+        position = st.st_size;
+        return false;
+    }
+    AUDIT_LOG_WARN("Audit log(%s) was truncated: it is read again from its start.", logPath);
+    front.head.clear();
+    position = 0;
+    return true;
+}
+
 void ReadAuditLog::ReadOnceLog(AuditLog& auditLog, bool quietTurn)
 {
     unread_ = false;
-    if (position < 0) {
-        HandleInvalidPositionScenarios();
+    if (!followed_) {
         return;
     }
-    long size = 0;
-    if (SDK::FileUtils::GetFileSize(logPath, size) != 0) {
+    FollowNewFile(false);
+    if (files_.empty()) {
         CountSizeError();
         return;
     }
-    if (position < size) {
-        ReadLog(logPath, kPollLines, auditLog);
-    } else if (position == size) {
-        if (quietTurn) {
-            auditLog.HandleNoEofScenarios();
-        }
-    } else {
-        HandleRotatedScenarios(size, auditLog);
-    }
-}
-
-void ReadAuditLog::ReadLog(std::string path, int maxLines, AuditLog& auditLog)
-{
-    std::ifstream in(path, std::ios::in);
-    if (!in.is_open()) {
-        AUDIT_LOG_DEBUG("Open audit log(%s) failed.", path);
-        return;
-    }
-    in.seekg(position, std::ios::beg);
     int count = 0;
-    std::string line;
-    for (;;) {
-        std::getline(in, line);
-        if (in.fail() || in.bad()) {
-            break;
+    while (!ReadLines(auditLog, count)) {
+        File& front = files_.front();
+        if (front.head.empty() && position >= static_cast<int64_t>(kHeadSize)) {
+            ReadFileHead(front.fd, front.head);  // known once the file is long enough
         }
-        if (maxLines < count) {
-            unread_ = true;  // this line is read again by the next call
-            break;
+        if (!AtEnd(auditLog, count)) {
+            if (count == 0 && buffer_.empty() && quietTurn) {
+                auditLog.HandleNoEofScenarios();
+            }
+            return;
         }
-        if (in.eof()) {
-            // No newline yet: auditd's write of this line is still going on (a reader can see a
-            // write cut at a page boundary). It is read whole by a later poll; reading it now
-            // would lose it, and the stream gives no offset after it.
-            break;
-        }
-        position += static_cast<int64_t>(line.size()) + 1;  // the line and its newline, without asking the stream
-        AUDIT_LOG_DEBUG("Read audit log(%s).", line);
-        auditLog.HandleOneLineLog(line);
-        ++count;
     }
-}
-
-void ReadAuditLog::HandleInvalidPositionScenarios()
-{
-    long size = 0;
-    if (SDK::FileUtils::GetFileSize(logPath, size) != 0) {
-        CountSizeError();
-        return;
-    }
-    position = size;
-    headRead = false;
-    GetLogHead();
-}
-
-void ReadAuditLog::HandleRotatedScenarios(long size, AuditLog& auditLog)
-{
-    if (!headRead) {
-        AUDIT_LOG_DEBUG("Audit log(%s) head not get, can not check whether rotated.", logPath);
-        position = size;
-        headRead = false;
-        GetLogHead();
-        return;
-    }
-    std::string head;
-    if (!ReadFileHead(logPath, head)) {
-        position = -1;
-        return;
-    }
-    AUDIT_CPU_CHECK(kAuditTaskName);
-    if (head == logHead) {
-        AUDIT_LOG_WARN("Audit log(%s) size changed smaller, but not rotated.", logPath);
-        position = size;
-        return;
-    }
-    AUDIT_LOG_INFO("Audit log(%s) maybe rotated.", logPath);
-    HandleRotatedLog(size, auditLog);
-}
-
-void ReadAuditLog::HandleRotatedLog(long size, AuditLog& auditLog)
-{
-    const std::string predecessor = logPath + ".1";
-    long oldSize = 0;
-    if (SDK::FileUtils::GetFileSize(predecessor, oldSize) != 0) {
-        position = size;
-        headRead = false;
-        GetLogHead();
-        return;
-    }
-    if (position == oldSize) {
-        // The old file was read to its end: start the new one from its beginning now.
-        headRead = false;
-        GetLogHead();
-        position = 0;
-        ReadLog(logPath, kPollLines, auditLog);
-        return;
-    }
-    std::string oldHead;
-    if (!ReadFileHead(predecessor, oldHead)) {
-        AUDIT_LOG_ERROR("Get audit log(%s) head failed.", predecessor);
-        position = size;
-        headRead = false;
-        GetLogHead();
-        return;
-    }
-    AUDIT_CPU_CHECK(kAuditTaskName);
-    if (oldHead == logHead) {
-        // The predecessor is the file we were reading: finish it, then the new one from its start.
-        ReadLog(predecessor, kPredecessorLines, auditLog);
-        if (unread_) {
-            ++rotationLosses;
-            AUDIT_LOG_WARN("Audit log(%s) rotated with more than %d lines unread; the rest of it is lost.", logPath,
-                           kPredecessorLines + 1);
-        }
-        headRead = false;
-        GetLogHead();
-        position = 0;
-        unread_ = true;  // the new file is read at the next poll
-        return;
-    }
-    AUDIT_LOG_ERROR("Get audit log(%s) head failed.", predecessor);
-    position = size;
-    headRead = false;
-    GetLogHead();
 }
 
 }  // namespace Engine
