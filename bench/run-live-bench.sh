@@ -4,7 +4,7 @@
 # while auditd rotates its log. Needs root; installs and starts auditd if needed. For the run,
 # auditd rotates its log every megabyte (max_log_file = 1) and the kernel's backlog holds 8,192
 # records; both are restored afterwards.
-# Usage: bench/run-live-bench.sh [latency|filewatch|cpu|rate|all]
+# Usage: bench/run-live-bench.sh [latency|filewatch|cpu|rate|all] | rotation [RUNS]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 [ "$(id -u)" = 0 ] || { echo "run-live-bench: needs root" >&2; exit 1; }
@@ -25,4 +25,4 @@ trap restore EXIT
 sed -i -E 's/^(max_log_file *=).*/\1 1/; s/^(max_log_file_action *=).*/\1 ROTATE/' "$conf"
 kill -HUP "$(pgrep -x auditd)"
 auditctl -b 8192 >/dev/null
-HOSTWARDEN_HOME="$PWD/install" ./build/bench/audit_live_bench "${1:-all}"
+HOSTWARDEN_HOME="$PWD/install" ./build/bench/audit_live_bench "${1:-all}" "${@:2}"

@@ -53,10 +53,6 @@ private:
         ino_t ino = 0;
         std::string head;  // first 64 bytes once known, to tell a copy of this file
     };
-    struct Identity {
-        dev_t dev = 0;
-        ino_t ino = 0;
-    };
 
     // Opens the log's name as the newest file when it is one we do not follow yet.
     void FollowNewFile(bool atEnd);
@@ -72,7 +68,6 @@ private:
     void CountSizeError();
 
     std::deque<File> files_;            // oldest first; the last is the one at the log's name
-    std::deque<Identity> finished_;     // recently read to their end, to recognise them again
     std::string buffer_;                // read from position on, not yet handed over
     std::string line_;                  // the line being handed over (its capacity is reused)
     bool skipping_ = false;             // inside an overlong line, dropped up to its newline

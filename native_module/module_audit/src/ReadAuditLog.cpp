@@ -21,13 +21,7 @@ constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kMaxLine = 1024 * 1024;       // no audit record is this long: skipped and counted
 constexpr int kRotatedNames = 99;              // log.1 ... log.99 are searched for skipped rotations
 constexpr size_t kMaxOpenFiles = 16;
-constexpr size_t kFinishedKept = 16;
 constexpr int32_t kSizeErrorsPerReport = 1000;
-
-bool SameFile(const struct stat& st, dev_t dev, ino_t ino)
-{
-    return st.st_dev == dev && st.st_ino == ino;
-}
 
 bool Later(const struct timespec& a, const struct timespec& b)
 {
@@ -81,7 +75,6 @@ void ReadAuditLog::Clear()
     while (!files_.empty()) {
         CloseFront();
     }
-    finished_.clear();
     buffer_.clear();
     logPath.clear();
     position = -1;
@@ -94,10 +87,6 @@ void ReadAuditLog::CloseFront()
 {
     File& front = files_.front();
     close(front.fd);
-    finished_.push_back({front.dev, front.ino});
-    if (finished_.size() > kFinishedKept) {
-        finished_.pop_front();
-    }
     files_.pop_front();
     buffer_.clear();
     skipping_ = false;
@@ -106,8 +95,8 @@ void ReadAuditLog::CloseFront()
 
 bool ReadAuditLog::Known(dev_t dev, ino_t ino) const
 {
-    const auto same = [&](const auto& entry) { return entry.dev == dev && entry.ino == ino; };
-    return std::any_of(files_.begin(), files_.end(), same) || std::any_of(finished_.begin(), finished_.end(), same);
+    // Only open files: a closed file's inode number may already belong to a new file.
+    return std::any_of(files_.begin(), files_.end(), [&](const File& file) { return file.dev == dev && file.ino == ino; });
 }
 
 void ReadAuditLog::CountSizeError()
@@ -173,8 +162,8 @@ void ReadAuditLog::FollowSkippedRotations(const File& newest, std::vector<File>&
         if (stat(name.c_str(), &st) != 0) {
             break;
         }
-        // The file we read last, or one written before it ended, closes the search.
-        if (SameFile(st, newest.dev, newest.ino) || Known(st.st_dev, st.st_ino) || !Later(st.st_mtim, last.st_mtim)) {
+        // The file we read last, or one written before it ended (read already), closes the search.
+        if (Known(st.st_dev, st.st_ino) || !Later(st.st_mtim, last.st_mtim)) {
             anchored = true;
             break;
         }
