@@ -284,7 +284,7 @@ long Rate(Subscriber& sub, Engine::AuditTask& audit, double linesPerSecond, pid_
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     const size_t arrived = sub.Arrived();
     std::printf("rate: %6.0f lines/s asked, %6.0f reached over %.1f s, %d rotations: %d of %d events arrived, %d lost; "
-                "kernel lost %ld; rotations with more unread than a poll reads: %llu\n",
+                "kernel lost %ld; rotated files lost before read: %llu\n",
                 linesPerSecond, 2 * count / generated, generated, rotations, static_cast<int>(arrived), count,
                 count - static_cast<int>(std::min<size_t>(arrived, static_cast<size_t>(count))), KernelLost() - lost0,
                 static_cast<unsigned long long>(audit.Reader().rotationLosses - losses0));

@@ -1,26 +1,37 @@
 #pragma once
 
 #include "AuditRule.h"
+#include "RuleKeeper.h"
 
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Engine {
 
 class AuditSyscallCtrlMessage;
 class AuditFileSystemCtrlMessage;
 
+/// An auditctl argument vector (without the program).
+using AuditctlArgs = std::vector<std::string>;
+
 /// The kernel audit rules the module installed for its subscribers: their keys and auditctl
-/// commands, so they can be removed per subscription, per task or all at once, put back when
-/// the kernel drops them, and installed late for watched paths that do not exist yet.
-/// Used on the audit task's thread only.
+/// argument vectors, so they can be removed per subscription, per task or all at once, and put
+/// back (by the rule keeper, off the caller's thread) when the kernel drops them. Changed on the
+/// audit task's thread only; every auditctl run holds one lock, so a put-back never races a
+/// removal.
 class AuditRules {
 public:
+    AuditRules() = default;
+    AuditRules(const AuditRules&) = delete;
+    AuditRules& operator=(const AuditRules&) = delete;
+
     /// Installs a syscall subscription. stripped is the rule text without -k; " -F arch=b64 " is
     /// inserted into it after the first token when the rule names no arch. True when auditctl ran
-    /// and succeeded; false when the key was installed already or auditctl failed (the command is
-    /// kept either way, for a later re-add).
+    /// and succeeded; false when the key was installed already or auditctl failed (the key then
+    /// waits in the rule keeper).
     bool AddAuditRule(const AuditSyscallCtrlMessage& msg, const SyscallRule& rule, std::string& stripped);
     /// Installs a file-system subscription (a watch, or the syscall form for the docker socket).
     bool AddAuditRule(const AuditFileSystemCtrlMessage& msg, const FileSystemRule& rule, std::string& stripped);
@@ -32,26 +43,32 @@ public:
     bool deleteRule(const std::string& key);
     /// True when the key is registered.
     bool RuleExists(const std::string& key) const;
-    /// True when the kernel's rule list, filtered by the key, mentions the key.
-    bool AuditctlRuleExist(const std::string& key);
-    /// Runs a registered key's command again (the kernel dropped the rule). Throws
-    /// std::out_of_range for an unregistered key.
-    void ReAddRule(const std::string& key);
-    /// Deletes and re-adds every registered watch on path (the file was replaced or created).
-    void ReAddRuleForFile(const std::string& path);
-    /// Removes every kernel rule whose key contains "_task***" and forgets all keys.
+    /// Asks the keeper to compare key with the kernel's list and put it back when missing.
+    void CheckRule(const std::string& key) { keeper_.Check(key); }
+    /// A watched path was created: watches waiting for it are retried at once.
+    void PathCreated(const std::string& path) { keeper_.Created(path); }
+    /// Lists the kernel's rules once and adds again each registered key of keys that it lacks.
+    /// Returns the registered keys that are still missing (their add failed).
+    std::set<std::string> ReAddMissing(const std::set<std::string>& keys);
+    /// Removes every kernel rule whose key contains "_task***", forgets all keys and waits.
     bool DeleteAllRules();
     /// Removes a task's kernel rules and every registered key that begins with its name.
     void UnregisterTask(const std::string& taskName);
-    /// Waits for the path of a watch key to come into existence.
-    void AddToScanFilePath(std::string key);
-    /// Installs the watches of waited-for paths that exist now.
-    void ScanCreatedFilepath();
+    /// The keys not known to be in the kernel: asked about, being checked, or waiting.
+    std::set<std::string> Waiting() const { return keeper_.Waiting(); }
 
-    /// Rule key to the exact auditctl argument text that added it.
-    std::map<std::string, std::string> ruleCommands;
-    /// Watched paths waiting to come into existence.
-    std::set<std::string> scanPaths;
+    /// The keys in auditctl's rule listing ("-l"): each line's -k or -F key= value.
+    static std::set<std::string> KeysInListing(const std::string& listing);
+
+    /// Rule key to the auditctl arguments that added it.
+    std::map<std::string, AuditctlArgs> ruleCommands;
+
+private:
+    // Registers the arguments under key and runs them, unless the key is installed already.
+    bool Install(const std::string& key, AuditctlArgs args);
+
+    mutable std::mutex kernelMutex_;
+    RuleKeeper keeper_{*this};  // last: its thread stops before the registry goes
 };
 
 /// The key of a syscall subscription: task "***" tag, first syscall, "pid", pid, "ppid", ppid
@@ -63,5 +80,7 @@ std::string getRuleKey(const std::string& taskName, const std::string& tag, cons
 std::string getFilepathFromKey(const std::string& key);
 /// The delete form of an add command: second character a becomes d, else w becomes W.
 std::string getDeleteRuleStr(std::string command);
+/// The delete form of an add's arguments (its first word in delete form).
+AuditctlArgs DeleteForm(AuditctlArgs args);
 
 }  // namespace Engine

@@ -61,11 +61,11 @@ public:
     const ReadAuditLog& Reader() const { return reader_; }
     /// One turn of Run after its wait: nothing while audit is unusable or no task subscribes;
     /// otherwise PollOnce. Then makes growth of the log end the next wait while the log is read.
-    void Turn(uint64_t now, uint64_t& lastScan);
+    void Turn(uint64_t now);
     /// How long the next wait may last: 100 ms, or none while the reader has unread lines.
     int NextWaitMs() const;
-    /// Polls the log, and rescans waited-for paths when lastScan is 300 ms or more behind now.
-    void PollOnce(uint64_t now, uint64_t& lastScan);
+    /// Polls the log.
+    void PollOnce(uint64_t now);
 
 private:
     template <typename Message, typename Rule>

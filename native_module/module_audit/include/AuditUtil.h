@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace Framework {
 class ContainerMetaInfo;
@@ -37,11 +38,19 @@ public:
     /// written as its number from the kernel's table: auditctl takes numbers for calls newer than it.
     static std::string SyscallNamesForAuditctl(const std::string& ruleText, const std::string& arch);
 
-    /// Runs the installation's bin/auditctl with args (with the installation's lib/ on the loader
-    /// path), capturing its output. True when it ran and exited 0.
-    static bool ExecAuditCmd(const std::string& args, std::string& output);
+    /// Runs the installation's bin/auditctl with args as its argument vector (with the
+    /// installation's lib/ on the loader path), capturing its output. True when it ran and exited 0.
+    static bool ExecAuditCmd(const std::vector<std::string>& args, std::string& output, size_t maxOutput = 4096);
     /// As above, discarding the output.
-    static bool ExecAuditCmd(const std::string& args);
+    static bool ExecAuditCmd(const std::vector<std::string>& args);
+    /// The words of a rule text, split on blanks (a rule with any other control character is
+    /// refused when parsed, so this is the split the rule was checked with).
+    static std::vector<std::string> RuleWords(const std::string& text);
+    /// The words joined by blanks, for logs and messages.
+    static std::string JoinWords(const std::vector<std::string>& words);
+    /// What makes a rule text unfit to be run or keyed: a control character, a quote, or "***"
+    /// (the rule key's separator); empty when there is nothing.
+    static std::string RuleTextProblem(const std::string& text);
     /// Writes "LD_LIBRARY_PATH=<installation>lib" into buffer (bounded by 4096). False on a null or
     /// empty buffer, an unknown installation, or an overlong result.
     static bool getLibraryPathEnv(char* buffer, size_t length);

@@ -336,16 +336,13 @@ void AuditLog::FixAuditConfigChange(const std::string& line)
     if (rules_ == nullptr) {
         return;
     }
+    // A rule of ours removed (by someone else, or by the kernel with its watched directory), or
+    // an add that failed: the keeper compares with the kernel's list and puts back what is missing.
     const std::string op = LinuxAuditUtil::GetField("op", line);
-    if (op == "remove_rule") {
+    if (op == "remove_rule" || (op == "add_rule" && LinuxAuditUtil::GetField("res", line) == "0")) {
         const std::string key = LinuxAuditUtil::GetField("key", line);
         if (rules_->RuleExists(key)) {
-            rules_->ReAddRule(key);  // someone else removed a rule of ours: put it back
-        }
-    } else if (op == "add_rule" && LinuxAuditUtil::GetField("res", line) == "0") {
-        const std::string key = LinuxAuditUtil::GetField("key", line);
-        if (rules_->RuleExists(key) && !rules_->AuditctlRuleExist(key)) {
-            rules_->AddToScanFilePath(key);  // install it once its path exists
+            rules_->CheckRule(key);
         }
     }
 }
@@ -771,7 +768,7 @@ int AuditLog::GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& eve
         }
     }
     if (path.nametype == "CREATE" && rules_ != nullptr && pathRoutes.count(path.hostPath) > 0) {
-        rules_->ReAddRuleForFile(path.hostPath);  // a watch that waited for this file
+        rules_->PathCreated(path.hostPath);  // a watch that waited for this file
     }
     path.item = DecimalOrMinusOne(item);
     event->paths.push_back(std::move(path));

@@ -5,8 +5,6 @@
 #include "AuditMessages.h"
 #include "AuditUtil.h"
 
-#include "sdk/DirUtils.h"
-#include "sdk/FileUtils.h"
 #include "sdk/StrUtils.h"
 
 namespace Engine {
@@ -14,17 +12,18 @@ namespace Engine {
 namespace {
 
 const std::string kDockerSocket = "/var/run/docker.sock";
-const std::string kAllModuleRules = "-D -k _task***";
+const AuditctlArgs kAllModuleRules = {"-D", "-k", "_task***"};
+constexpr size_t kListingBytes = 4 << 20;  // the whole rule list, however many rules there are
 
-// Registers the command under key and runs it, unless the key is installed already.
-bool Install(std::map<std::string, std::string>& commands, const std::string& key, const std::string& command)
+// The rule text's words after the operation word, then -k key.
+AuditctlArgs Arguments(const std::string& operate, const std::string& text, const std::string& key)
 {
-    std::string& stored = commands[key];
-    if (!stored.empty()) {
-        return false;
+    AuditctlArgs args{operate};
+    for (std::string& word : LinuxAuditUtil::RuleWords(text)) {
+        args.push_back(std::move(word));
     }
-    stored = command;  // kept even when auditctl fails, so a later re-add can use it
-    return LinuxAuditUtil::ExecAuditCmd(command);
+    args.insert(args.end(), {"-k", key});
+    return args;
 }
 
 }  // namespace
@@ -61,6 +60,29 @@ std::string getDeleteRuleStr(std::string command)
     return command;
 }
 
+AuditctlArgs DeleteForm(AuditctlArgs args)
+{
+    if (!args.empty()) {
+        args.front() = getDeleteRuleStr(args.front());
+    }
+    return args;
+}
+
+bool AuditRules::Install(const std::string& key, AuditctlArgs args)
+{
+    std::lock_guard<std::mutex> lock(kernelMutex_);
+    AuditctlArgs& stored = ruleCommands[key];
+    if (!stored.empty()) {
+        return false;
+    }
+    stored = std::move(args);  // kept even when auditctl fails, so a later re-add can use it
+    if (LinuxAuditUtil::ExecAuditCmd(stored)) {
+        return true;
+    }
+    keeper_.Wait(key);
+    return false;
+}
+
 bool AuditRules::AddAuditRule(const AuditSyscallCtrlMessage& msg, const SyscallRule& rule, std::string& stripped)
 {
     const std::string key = getRuleKey(SenderName(msg.sender), msg.tag, rule);
@@ -69,18 +91,16 @@ bool AuditRules::AddAuditRule(const AuditSyscallCtrlMessage& msg, const SyscallR
         const size_t space = stripped.find(' ');
         stripped.insert(space == std::string::npos ? stripped.size() : space, " -F arch=b64 ");
     }
-    const std::string command = LinuxAuditUtil::SyscallNamesForAuditctl(stripped, rule.arch);
-    return Install(ruleCommands, key, msg.operate + " " + command + " -k " + key);
+    return Install(key, Arguments(msg.operate, LinuxAuditUtil::SyscallNamesForAuditctl(stripped, rule.arch), key));
 }
 
 bool AuditRules::AddAuditRule(const AuditFileSystemCtrlMessage& msg, const FileSystemRule& rule, std::string& stripped)
 {
     const std::string key = getRuleKey(SenderName(msg.sender), msg.tag, rule);
     // A watch on the docker socket becomes a syscall-exit rule on that path for the subscriber's ppid.
-    const std::string command = rule.path == kDockerSocket
-                                    ? "-a exit,always -F path=" + kDockerSocket + " -F ppid=" + rule.ppid + " -k " + key
-                                    : msg.operate + " " + stripped + " -k " + key;
-    return Install(ruleCommands, key, command);
+    return Install(key, rule.path == kDockerSocket ? AuditctlArgs{"-a", "exit,always", "-F", "path=" + kDockerSocket, "-F",
+                                                                  "ppid=" + rule.ppid, "-k", key}
+                                                   : Arguments(msg.operate, stripped, key));
 }
 
 bool AuditRules::DeleteAuditRule(const AuditSyscallCtrlMessage& msg, const SyscallRule& rule)
@@ -98,9 +118,10 @@ bool AuditRules::deleteRule(const std::string& key)
     if (key.empty()) {
         return false;
     }
-    const std::string command = ruleCommands.at(key);
+    std::lock_guard<std::mutex> lock(kernelMutex_);
+    const AuditctlArgs args = ruleCommands.at(key);
     ruleCommands.erase(key);
-    LinuxAuditUtil::ExecAuditCmd(getDeleteRuleStr(command));
+    LinuxAuditUtil::ExecAuditCmd(DeleteForm(args));
     return true;
 }
 
@@ -109,72 +130,68 @@ bool AuditRules::RuleExists(const std::string& key) const
     return ruleCommands.find(key) != ruleCommands.end();
 }
 
-bool AuditRules::AuditctlRuleExist(const std::string& key)
+std::set<std::string> AuditRules::KeysInListing(const std::string& listing)
 {
-    std::string output;
-    LinuxAuditUtil::ExecAuditCmd(" -l -k " + key, output);
-    return output.find(key) != std::string::npos;
-}
-
-void AuditRules::ReAddRule(const std::string& key)
-{
-    if (key.empty()) {
-        return;
-    }
-    LinuxAuditUtil::ExecAuditCmd(ruleCommands.at(key));
-}
-
-void AuditRules::ReAddRuleForFile(const std::string& path)
-{
-    for (const auto& [key, command] : ruleCommands) {
-        AUDIT_CPU_CHECK(kAuditTaskName);
-        if (getFilepathFromKey(key) == path) {
-            LinuxAuditUtil::ExecAuditCmd(getDeleteRuleStr(command));
-            LinuxAuditUtil::ExecAuditCmd(command);
+    std::set<std::string> keys;
+    for (const std::string& line : SDK::StrUtils::Split(listing, "\n")) {
+        for (const std::string marker : {" -k ", " -F key="}) {
+            const size_t at = line.rfind(marker);
+            if (at != std::string::npos) {
+                keys.insert(SDK::StrUtils::Trim(line.substr(at + marker.size())));
+                break;
+            }
         }
     }
+    return keys;
+}
+
+std::set<std::string> AuditRules::ReAddMissing(const std::set<std::string>& keys)
+{
+    std::lock_guard<std::mutex> lock(kernelMutex_);
+    std::set<std::string> failed;
+    for (const std::string& key : keys) {
+        if (RuleExists(key)) {
+            failed.insert(key);
+        }
+    }
+    std::string listing;
+    if (failed.empty() || !LinuxAuditUtil::ExecAuditCmd({"-l"}, listing, kListingBytes)) {
+        return failed;  // unregistered keys are dropped; without a listing the rest waits
+    }
+    const std::set<std::string> listed = KeysInListing(listing);
+    for (auto it = failed.begin(); it != failed.end();) {
+        if (listed.count(*it) > 0) {
+            it = failed.erase(it);  // the kernel has it: nothing to do
+        } else if (LinuxAuditUtil::ExecAuditCmd(ruleCommands.at(*it))) {
+            AUDIT_LOG_INFO("Rule(%s) was missing from the kernel and is added again.", *it);
+            it = failed.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return failed;
 }
 
 bool AuditRules::DeleteAllRules()
 {
+    std::lock_guard<std::mutex> lock(kernelMutex_);
     LinuxAuditUtil::ExecAuditCmd(kAllModuleRules);
     ruleCommands.clear();
+    keeper_.Forget();
     return true;
 }
 
 void AuditRules::UnregisterTask(const std::string& taskName)
 {
     AUDIT_LOG_INFO("Unregister task(%s).", taskName);
-    const std::string command = "-D -k " + taskName + "***";
+    std::lock_guard<std::mutex> lock(kernelMutex_);
+    const AuditctlArgs command = {"-D", "-k", taskName + "***"};
     LinuxAuditUtil::ExecAuditCmd(command);
-    AUDIT_LOG_INFO("%s", command);
+    AUDIT_LOG_INFO("%s", LinuxAuditUtil::JoinWords(command));
     // A plain prefix test on the name: a task whose name starts another's takes its entries too.
     for (auto it = ruleCommands.begin(); it != ruleCommands.end();) {
         AUDIT_CPU_CHECK(kAuditTaskName);
         it = SDK::StrUtils::StartWith(it->first, taskName) ? ruleCommands.erase(it) : std::next(it);
-    }
-}
-
-void AuditRules::AddToScanFilePath(std::string key)
-{
-    const std::string path = getFilepathFromKey(key);
-    if (scanPaths.insert(path).second) {
-        AUDIT_LOG_INFO("Add (%s) to scan path set.", path);
-    }
-}
-
-void AuditRules::ScanCreatedFilepath()
-{
-    for (auto it = scanPaths.begin(); it != scanPaths.end();) {
-        AUDIT_CPU_CHECK(kAuditTaskName);
-        const std::string path = *it;
-        if (!SDK::FileUtils::IsFile(path) && !SDK::DirUtils::IsDir(path)) {
-            ++it;
-            continue;
-        }
-        AUDIT_LOG_INFO("(%s) is exist, add audit rule.", path);
-        ReAddRuleForFile(path);
-        it = scanPaths.erase(it);
     }
 }
 

@@ -19,7 +19,6 @@ namespace {
 
 constexpr int kWaitMs = 100;
 constexpr int kMessagesPerTurn = 128;
-constexpr uint64_t kScanIntervalMs = 300;
 // auditd writes the log a record at a time; once a write wakes the task it lets the moment's
 // other writes land, so that one read takes them all instead of a wake and a read per record:
 // it waits a step at a time while writes go on, at most the whole time.
@@ -90,7 +89,7 @@ int AuditTask::Init()
     return Framework::Task::Init();
 }
 
-void AuditTask::PollOnce(uint64_t now, uint64_t& lastScan)
+void AuditTask::PollOnce(uint64_t now)
 {
     // The timestamp is compared with the constant 9, not with an earlier one: the log is read on
     // every turn. A turn its growth woke early is no quiet one.
@@ -98,18 +97,13 @@ void AuditTask::PollOnce(uint64_t now, uint64_t& lastScan)
         reader_.ReadOnceLog(auditLog_, !logChanged_);
     }
     AUDIT_CPU_CHECK_AT(kAuditTaskName, 54);
-    if (now >= lastScan + kScanIntervalMs) {
-        lastScan = now;
-        rules_.ScanCreatedFilepath();
-    }
-    AUDIT_CPU_CHECK_AT(kAuditTaskName, 61);
 }
 
-void AuditTask::Turn(uint64_t now, uint64_t& lastScan)
+void AuditTask::Turn(uint64_t now)
 {
     const bool reading = AuditEnabled() && !subscribers_.empty();
     if (reading) {
-        PollOnce(now, lastScan);
+        PollOnce(now);
     }  // without subscribers the log is not read
     logChanged_ = false;
     FollowLogChanges(reading);
@@ -135,7 +129,6 @@ void AuditTask::FollowLogChanges(bool reading)
 
 int AuditTask::Run()
 {
-    uint64_t lastScan = 0;
     while (GetState() != Framework::kTaskStop) {
         if (GetEventWaiter().WaitAndHandleEvent(NextWaitMs(), kMessagesPerTurn) == -1) {
             BulkConsumeMsg(kMessagesPerTurn);
@@ -146,7 +139,7 @@ int AuditTask::Run()
                 std::this_thread::sleep_for(kGatherStep);
             } while (logChanges_.Drain() && std::chrono::steady_clock::now() < end);
         }
-        Turn(SDK::TimeUtils::GetCurrentTimestampMS(), lastScan);
+        Turn(SDK::TimeUtils::GetCurrentTimestampMS());
     }
     return 0;
 }

@@ -36,7 +36,6 @@ SharedLookupTable<std::string, ParameterNumber> parameterNumberMap = {
 namespace {
 
 constexpr size_t kPathBufferSize = 4096;
-constexpr size_t kCmdOutputSize = 4096;
 
 // Process-wide container provider cache; see GetContainerMeta.
 Framework::ContainerMetaInfo* g_containerMeta = nullptr;
@@ -140,6 +139,10 @@ int ParseRuleText(const std::string& text, const char* listOption, std::string& 
                   Field field, Complete complete)
 {
     enum class State { kFirst, kOption, kList, kField, kKey, kDead };
+    if (const std::string problem = LinuxAuditUtil::RuleTextProblem(text); !problem.empty()) {
+        AUDIT_LOG_WARN("A rule text is refused: it holds %s.", problem);
+        return kRuleRejected;  // it would be run or keyed otherwise than it was checked
+    }
     int result = kRuleParsed;
     State state = State::kFirst;
     for (const std::string& token : RuleTokens(text)) {
@@ -286,7 +289,7 @@ bool LinuxAuditUtil::getLibraryPathEnv(char* buffer, size_t length)
     return SDK::strcpy_s(buffer, kPathBufferSize, assignment.c_str()) == 0;
 }
 
-bool LinuxAuditUtil::ExecAuditCmd(const std::string& args, std::string& output)
+bool LinuxAuditUtil::ExecAuditCmd(const std::vector<std::string>& args, std::string& output, size_t maxOutput)
 {
     std::string home;
     if (SDK::PathUtils::GetInstallationPath(home) != 0) {
@@ -296,22 +299,54 @@ bool LinuxAuditUtil::ExecAuditCmd(const std::string& args, std::string& output)
     if (!SDK::FileUtils::IsFile(program)) {
         return false;
     }
-    const std::string command = program + " " + args;
     char libraryPath[kPathBufferSize] = {0};
     if (!getLibraryPathEnv(libraryPath, sizeof(libraryPath))) {
         AUDIT_LOG_ERROR("Get audit library path failed.");
         return false;
     }
-    const int status = SDK::ExecuteCmdUtils::ExecuteCmd(std::string(libraryPath) + " " + command, output, kCmdOutputSize);
-    AUDIT_LOG_INFO("Execute cmd audit(%s), ret(%d), result(%s), library path(%s).", command, status, output,
+    std::vector<std::string> argv{program};
+    argv.insert(argv.end(), args.begin(), args.end());
+    const int status = SDK::ExecuteCmdUtils::ExecuteArgs(argv, output, maxOutput, {libraryPath});
+    AUDIT_LOG_INFO("Execute cmd audit(%s), ret(%d), result(%s), library path(%s).", JoinWords(argv), status, output,
                    std::string(libraryPath));
     return status == 0;
 }
 
-bool LinuxAuditUtil::ExecAuditCmd(const std::string& args)
+bool LinuxAuditUtil::ExecAuditCmd(const std::vector<std::string>& args)
 {
     std::string scratch;
     return ExecAuditCmd(args, scratch);
+}
+
+std::vector<std::string> LinuxAuditUtil::RuleWords(const std::string& text)
+{
+    return RuleTokens(text);
+}
+
+std::string LinuxAuditUtil::JoinWords(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& word : words) {
+        text += (text.empty() ? "" : " ") + word;
+    }
+    return text;
+}
+
+std::string LinuxAuditUtil::RuleTextProblem(const std::string& text)
+{
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7f) {
+            return "a control character";
+        }
+        if (c == '"' || c == '\'') {
+            return "a quote";
+        }
+    }
+    if (text.find("***") != std::string::npos) {
+        return "\"***\", which separates the parts of a rule key";
+    }
+    return {};
 }
 
 namespace {

@@ -27,7 +27,7 @@ TEST(AuditRules, InstallsSyscallRulesWithAnArchAndSharesOneKeyPerSubscription)
     EXPECT_TRUE(open.AddTo(rules));
     EXPECT_EQ(open.stripped, "exit,always -F arch=b64  -S open");
     const std::string key = "net_task***topenpidppid";
-    EXPECT_EQ(rules.ruleCommands.at(key), "-a exit,always -F arch=b64 -S open -k " + key);
+    EXPECT_EQ(rules.ruleCommands.at(key), (AuditctlArgs{"-a", "exit,always", "-F", "arch=b64", "-S", "open", "-k", key}));
     TestSupport::SyscallSub same(&task, "t", "exit,always -S open,close -F success=1");  // same first syscall
     EXPECT_FALSE(same.AddTo(rules));
     EXPECT_TRUE(TestSupport::SyscallSub(&task, "t", "exit,always -F arch=b32 -S chmod").AddTo(rules));
@@ -60,27 +60,71 @@ TEST(AuditRules, InstallsWatchesAndTheDockerSocketForm)
     EXPECT_EQ(install.Commands().back(), "[-W][/tmp/fx/watched][-p][wa][-k][" + key + "]");
 }
 
-TEST(AuditRules, AFailedAddKeepsItsCommandForALaterReAddAndKeysAreLookedUpInTheKernel)
+// A failed add waits; a rule is added again only when the kernel's listing lacks its key, and the
+// listing is asked once for all keys.
+TEST(AuditRules, AFailedAddWaitsAndARuleIsPutBackOnlyWhenTheKernelLacksIt)
 {
+    const std::string key = "x_task***topenpidppid";
+    const std::string other = "x_task***tchmodpidppid";
+    NamedTask task("x_task");
+    AuditRules rules;
     {
         FakeInstallation failing(1);
-        NamedTask task("x_task");
-        AuditRules rules;
         EXPECT_FALSE(TestSupport::SyscallSub(&task, "t", "exit,always -S open").AddTo(rules));
-        ASSERT_TRUE(rules.RuleExists("x_task***topenpidppid"));
-        rules.ReAddRule("x_task***topenpidppid");
-        ASSERT_EQ(failing.Commands().size(), 2U);
-        EXPECT_EQ(failing.Commands()[0], failing.Commands()[1]);
-        EXPECT_THROW(rules.ReAddRule("unknown"), std::out_of_range);
-        rules.ReAddRule("");  // nothing
-        EXPECT_EQ(failing.Commands().size(), 2U);
+        EXPECT_TRUE(rules.RuleExists(key));
+        EXPECT_EQ(rules.Waiting(), std::set<std::string>{key});
     }
-    const std::string key = "fw_task***t***/x***wapidppid";
     {
-        FakeInstallation listing(0, "-w /x -p wa -k " + key);
-        EXPECT_TRUE(AuditRules().AuditctlRuleExist(key));
-        EXPECT_EQ(listing.Commands().back(), "[-l][-k][" + key + "]");
+        FakeInstallation install;
+        TestSupport::SyscallSub(&task, "t", "exit,always -S chmod").AddTo(rules);
     }
+    const std::string add = "[-a][exit,always][-F][arch=b64][-S][open][-k][" + key + "]";
+    {
+        FakeInstallation listed(0, "-a always,exit -F arch=b64 -S open -F key=" + key + "\n-w /x -p wa -k " + other);
+        EXPECT_TRUE(rules.ReAddMissing({key, other, "unregistered"}).empty());
+        EXPECT_EQ(listed.Commands(), std::vector<std::string>{"[-l]"});
+    }
+    {
+        FakeInstallation missing(0, "-a always,exit -F arch=b64 -S open -F key=" + key + "2");  // another key
+        EXPECT_TRUE(rules.ReAddMissing({key}).empty());
+        EXPECT_EQ(missing.Commands(), (std::vector<std::string>{"[-l]", add}));
+    }
+    {
+        FakeInstallation refusing(1);
+        EXPECT_EQ(rules.ReAddMissing({key, "unregistered"}), std::set<std::string>{key}) << "no listing: it waits";
+    }
+    EXPECT_EQ(AuditRules::KeysInListing("-w /x -p wa -k a***b\n-a always,exit -S open -F key=k2 \nNo rules\n"),
+              (std::set<std::string>{"a***b", "k2"}));
+}
+
+// A watch whose directory was removed comes back as soon as the directory does, however deep the
+// removal went: the keeper watches the nearest directory that still exists.
+TEST(AuditRules, AWatchWhoseDirectoryWentIsPutBackWhenTheDirectoryReturns)
+{
+    FakeInstallation kernel(-1, "");
+    TestSupport::TempDir dir;
+    NamedTask task("fw_task");
+    AuditRules rules;
+    const std::string file = dir.path() + "/a/b/file";
+    TestSupport::WatchSub watch(&task, "t", file + " -p wa");
+    EXPECT_FALSE(watch.AddTo(rules));
+    const std::string key = getRuleKey("fw_task", "t", watch.rule);
+    EXPECT_EQ(rules.Waiting(), std::set<std::string>{key});
+    ASSERT_EQ(mkdir((dir.path() + "/a").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((dir.path() + "/a/b").c_str(), 0755), 0);
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return rules.Waiting().empty(); }, 5));
+    EXPECT_EQ(kernel.Commands().back(), "[-w][" + file + "][-p][wa][-k][" + key + "]");
+
+    // Removed again (the kernel drops the rule and logs it): the log reader's check makes it wait.
+    const size_t runs = kernel.Commands().size();
+    ASSERT_EQ(rmdir((dir.path() + "/a/b").c_str()), 0);
+    rules.CheckRule(key);
+    rules.CheckRule(key);  // coalesced with the first: one listing, one add
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return kernel.Commands().size() == runs + 2; }, 5));
+    EXPECT_EQ(rules.Waiting(), std::set<std::string>{key});
+    ASSERT_EQ(mkdir((dir.path() + "/a/b").c_str(), 0755), 0);
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return rules.Waiting().empty(); }, 5));
+    EXPECT_TRUE(rules.DeleteAllRules());
 }
 
 TEST(AuditRules, RemovesPerTaskByNamePrefixAndAllAtOnce)
@@ -99,44 +143,7 @@ TEST(AuditRules, RemovesPerTaskByNamePrefixAndAllAtOnce)
     EXPECT_EQ(rules.ruleCommands.size(), 1U);
     EXPECT_TRUE(rules.RuleExists("net_task***topenpidppid"));
 
-    rules.scanPaths.insert("/waiting");
     EXPECT_TRUE(rules.DeleteAllRules());
     EXPECT_EQ(install.Commands().back(), "[-D][-k][_task***]");
     EXPECT_TRUE(rules.ruleCommands.empty());
-    EXPECT_EQ(rules.scanPaths.size(), 1U);  // waiting paths stay
-}
-
-TEST(AuditRules, WaitsForWatchedPathsAndInstallsThemWhenTheyAppear)
-{
-    FakeInstallation install;
-    TestSupport::LogCapture log(Poco::Message::PRIO_INFORMATION);
-    TestSupport::TempDir dir;
-    NamedTask task("fw_task");
-    AuditRules rules;
-    const std::string file = dir.path() + "/later";
-    const std::string subdir = dir.path() + "/dirlater";
-    TestSupport::WatchSub fileWatch(&task, "t", file + " -p wa");
-    TestSupport::WatchSub dirWatch(&task, "t", subdir + " -p wa");
-    fileWatch.AddTo(rules);
-    dirWatch.AddTo(rules);
-    const std::string fileKey = getRuleKey("fw_task", "t", fileWatch.rule);
-    rules.AddToScanFilePath(fileKey);
-    rules.AddToScanFilePath(fileKey);  // once only
-    rules.AddToScanFilePath(getRuleKey("fw_task", "t", dirWatch.rule));
-    EXPECT_EQ(rules.scanPaths, (std::set<std::string>{file, subdir}));
-    EXPECT_TRUE(log.channel().Has("Add (" + file + ") to scan path set."));
-
-    const size_t before = install.Commands().size();
-    rules.ScanCreatedFilepath();
-    EXPECT_EQ(install.Commands().size(), before);  // nothing exists yet
-    dir.Write("later", "x");
-    mkdir(subdir.c_str(), 0755);  // a directory counts as existing
-    rules.ScanCreatedFilepath();
-    EXPECT_TRUE(rules.scanPaths.empty());
-    EXPECT_TRUE(log.channel().Has("(" + file + ") is exist, add audit rule."));
-    const std::vector<std::string> commands = install.Commands();
-    ASSERT_EQ(commands.size(), before + 4);  // each: delete form, then the add again
-    EXPECT_EQ(commands[before + 1], "[-w][" + subdir + "][-p][wa][-k][" + getRuleKey("fw_task", "t", dirWatch.rule) + "]");
-    EXPECT_EQ(commands[before + 2], "[-W][" + file + "][-p][wa][-k][" + fileKey + "]");
-    EXPECT_EQ(commands[before + 3], "[-w][" + file + "][-p][wa][-k][" + fileKey + "]");
 }

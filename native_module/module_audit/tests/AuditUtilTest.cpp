@@ -6,28 +6,38 @@
 using Engine::LinuxAuditUtil;
 using TestSupport::FakeInstallation;
 
-TEST(ExecAuditCmd, RunsTheInstallationsAuditctlWithItsLibraryPathAndNoShell)
+TEST(ExecAuditCmd, RunsTheInstallationsAuditctlWithItsLibraryPathAndArgumentsAsTheyAre)
 {
     {
         FakeInstallation install;
         TestSupport::LogCapture log(Poco::Message::PRIO_INFORMATION);
         std::string output;
-        EXPECT_TRUE(LinuxAuditUtil::ExecAuditCmd("-l -k 'key1***' ; touch /tmp/hw_x $(id)", output));
+        EXPECT_TRUE(LinuxAuditUtil::ExecAuditCmd({"-l", "-k", "key1***' ; touch /tmp/hw_x $(id)", "a\tb"}, output));
         EXPECT_EQ(output, "printed-by-auditctl\n");
-        EXPECT_EQ(TestSupport::ReadFile(install.dir.path() + "/calls"), install.dir.path() + "/lib\n[-l][-k][key1***][;][touch][/tmp/hw_x][$(id)]\n");
-        EXPECT_TRUE(log.channel().Has("Execute cmd audit(" + install.dir.path() + "/bin/auditctl -l -k 'key1***' ; touch /tmp/hw_x $(id)), "
+        EXPECT_EQ(TestSupport::ReadFile(install.dir.path() + "/calls"),
+                  install.dir.path() + "/lib\n[-l][-k][key1***' ; touch /tmp/hw_x $(id)][a\tb]\n");
+        EXPECT_TRUE(log.channel().Has("Execute cmd audit(" + install.dir.path() + "/bin/auditctl -l -k key1***' ; touch /tmp/hw_x $(id) a\tb), "
                                       "ret(0), result(printed-by-auditctl\n), library path(LD_LIBRARY_PATH=" + install.dir.path() + "/lib)."));
         EXPECT_NE(access("/tmp/hw_x", F_OK), 0);
+
+        // An installation whose path has a blank runs its own auditctl, not a program named by
+        // the path's first word.
+        TestSupport::TempDir other;
+        const std::string blank = other.path() + "/with blank";
+        ASSERT_EQ(symlink(install.dir.path().c_str(), blank.c_str()), 0);
+        setenv("HOSTWARDEN_HOME", blank.c_str(), 1);
+        EXPECT_TRUE(LinuxAuditUtil::ExecAuditCmd({"-s"}));
+        EXPECT_EQ(install.Commands().back(), "[-s]");
     }
     {
         FakeInstallation failing(1);
-        EXPECT_FALSE(LinuxAuditUtil::ExecAuditCmd("-D -k x"));
+        EXPECT_FALSE(LinuxAuditUtil::ExecAuditCmd({"-D", "-k", "x"}));
         EXPECT_EQ(failing.Commands(), std::vector<std::string>{"[-D][-k][x]"});
     }
     TestSupport::TempDir empty;  // an installation without auditctl
     setenv("HOSTWARDEN_HOME", empty.path().c_str(), 1);
     std::string output = "untouched";
-    EXPECT_FALSE(LinuxAuditUtil::ExecAuditCmd("-l", output));
+    EXPECT_FALSE(LinuxAuditUtil::ExecAuditCmd({"-l"}, output));
     EXPECT_EQ(output, "untouched");
 
     setenv("HOSTWARDEN_HOME", "/usr/local/hostwarden", 1);

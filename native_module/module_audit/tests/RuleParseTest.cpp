@@ -43,12 +43,31 @@ std::pair<int, std::string> Parsed(const std::string& text)
     return {sub.parsed, Describe(sub.rule)};
 }
 
+// The table's escapes: \t, \n and \xNN.
+std::string Unescaped(const std::string& text)
+{
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\' || i + 1 == text.size()) {
+            out += text[i];
+        } else if (text[i + 1] == 'x' && i + 3 < text.size()) {
+            out += static_cast<char>(std::stoi(text.substr(i + 2, 2), nullptr, 16));
+            i += 3;
+        } else {
+            out += text[i + 1] == 't' ? '\t' : text[i + 1] == 'n' ? '\n' : text[i + 1];
+            ++i;
+        }
+    }
+    return out;
+}
+
 }  // namespace
 
 TEST(RuleParse, ResultCodesAndParsedRules)
 {
     for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/rule-parse.txt")) {
         row.resize(4);
+        row[1] = Unescaped(row[1]);
         const auto [code, parsed] = row[0] == "S" ? Parsed<SyscallSub>(row[1]) : Parsed<WatchSub>(row[1]);
         EXPECT_EQ(std::to_string(code), row[2]) << row[1];
         if (code == 0) {

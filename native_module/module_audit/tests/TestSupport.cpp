@@ -64,8 +64,10 @@ FakeInstallation::FakeInstallation(int exitCode, const std::string& printed)
               "[ -f \"$log\" ] || printf '%s\\n' \"$LD_LIBRARY_PATH\" > \"$log\"\n"
               "for a in \"$@\"; do printf '[%s]' \"$a\" >> \"$log\"; done\n"
               "printf '\\n' >> \"$log\"\n"
-              "echo '" + printed + "'\n"
-              "exit " + std::to_string(exitCode) + "\n",
+              "echo '" + printed + "'\n" +
+                  // Like the kernel, a watch whose directory is missing is refused.
+                  (exitCode < 0 ? "[ \"$1\" != -w ] || [ -d \"$(dirname \"$2\")\" ] || exit 1\nexit 0\n"
+                                : "exit " + std::to_string(exitCode) + "\n"),
               0755);
     setenv("HOSTWARDEN_HOME", dir.path().c_str(), 1);
 }

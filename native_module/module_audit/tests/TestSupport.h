@@ -47,6 +47,8 @@ private:
 /// records every call: its LD_LIBRARY_PATH once, then each call's arguments as [a][b]... lines.
 class FakeInstallation {
 public:
+    /// auditctl exits with exitCode; a negative one makes it refuse a watch (-w) whose directory
+    /// is missing, as the kernel does, and succeed otherwise.
     explicit FakeInstallation(int exitCode = 0, const std::string& printed = "printed-by-auditctl");
     ~FakeInstallation();
     /// The recorded argument lists, one per call.
