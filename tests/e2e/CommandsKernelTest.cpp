@@ -164,3 +164,25 @@ TEST_F(CommandsKernel, RunExportsWhatItsConfigurationSubscribesAndStopsCleanly)
     EXPECT_EQ(marker->getValue<int>("syscall"), SYS_getpgid);
     EXPECT_EQ(marker->getValue<std::string>("a0"), "67932") << "424242 in hexadecimal";
 }
+
+// The kernel drops a watch whose directory is removed; it is installed again as soon as the
+// directory is back (before the file is), so the file's creation is seen.
+TEST_F(CommandsKernel, AWatchedFileWhoseDirectoryIsRemovedIsWatchedAgainWhenTheDirectoryReturns)
+{
+    const std::string directory = dir_ + "/a/d";
+    const std::string file = directory + "/file";
+    std::filesystem::create_directories(directory);
+    std::ofstream(file).flush();
+    auto audit = Hostwarden({"audit", "--flat", "--watch", file, "--tag", "t"});
+    ASSERT_TRUE(audit->WaitFor("printing events", false)) << audit->err;
+    ASSERT_TRUE(KernelLists("-w " + file + " "));
+    std::filesystem::remove_all(dir_ + "/a");
+    ASSERT_TRUE(KernelLists("-w " + file + " ", false)) << "the kernel dropped it";
+    std::filesystem::create_directories(directory);
+    ASSERT_TRUE(KernelLists("-w " + file + " ")) << audit->err;
+    std::ofstream(file) << "back";
+    EXPECT_TRUE(audit->WaitFor("\"hostPath\":\"" + file + "\"", true)) << audit->out;
+    audit->Signal(SIGINT);
+    EXPECT_EQ(audit->Wait(), 0) << audit->err;
+    EXPECT_EQ(E2E::ListKernelRules().find(file), std::string::npos) << "unwatched on exit";
+}
