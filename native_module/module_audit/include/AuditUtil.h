@@ -48,9 +48,7 @@ public:
     static std::vector<std::string> RuleWords(const std::string& text);
     /// The words joined by blanks, for logs and messages.
     static std::string JoinWords(const std::vector<std::string>& words);
-    /// What makes a rule text unfit to be run or keyed: a control character, a quote, or "***"
-    /// (the rule key's separator); empty when there is nothing.
-    static std::string RuleTextProblem(const std::string& text);
+
     /// Writes "LD_LIBRARY_PATH=<installation>lib" into buffer (bounded by 4096). False on a null or
     /// empty buffer, an unknown installation, or an overlong result.
     static bool getLibraryPathEnv(char* buffer, size_t length);

@@ -7,6 +7,7 @@
 #include "AuditLogging.h"
 #include "AuditUtil.h"
 
+#include "sdk/AuditRuleText.h"
 #include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
 
@@ -171,6 +172,11 @@ int AuditTask::HandleRule(const Message& msg)
     }
     if (result == 2) {
         AUDIT_LOG_ERROR("Distract task(%s) rule(%s) failed.", sender, msg.rule);
+        return 2;
+    }
+    if (GetOperate(msg.operate) && getRuleKey(sender, msg.tag, rule).size() > SDK::kMaxAuditKeyLength) {
+        AUDIT_LOG_ERROR("Task(%s) rule(%s) refused: its key would be longer than the %d bytes the kernel takes.", sender,
+                        msg.rule, static_cast<int>(SDK::kMaxAuditKeyLength));
         return 2;
     }
     std::string stripped;

@@ -7,6 +7,7 @@
 #include "container/ContainerMetaInfo.h"
 #include "framework/Engine.h"
 #include "framework/Task.h"
+#include "sdk/AuditRuleText.h"
 #include "sdk/BoundedStr.h"
 #include "sdk/ExecuteCmdUtils.h"
 #include "sdk/FileUtils.h"
@@ -139,7 +140,7 @@ int ParseRuleText(const std::string& text, const char* listOption, std::string& 
                   Field field, Complete complete)
 {
     enum class State { kFirst, kOption, kList, kField, kKey, kDead };
-    if (const std::string problem = LinuxAuditUtil::RuleTextProblem(text); !problem.empty()) {
+    if (const std::string problem = SDK::AuditRuleTextProblem(text); !problem.empty()) {
         AUDIT_LOG_WARN("A rule text is refused: it holds %s.", problem);
         return kRuleRejected;  // it would be run or keyed otherwise than it was checked
     }
@@ -330,23 +331,6 @@ std::string LinuxAuditUtil::JoinWords(const std::vector<std::string>& words)
         text += (text.empty() ? "" : " ") + word;
     }
     return text;
-}
-
-std::string LinuxAuditUtil::RuleTextProblem(const std::string& text)
-{
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7f) {
-            return "a control character";
-        }
-        if (c == '"' || c == '\'') {
-            return "a quote";
-        }
-    }
-    if (text.find("***") != std::string::npos) {
-        return "\"***\", which separates the parts of a rule key";
-    }
-    return {};
 }
 
 namespace {

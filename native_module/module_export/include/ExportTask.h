@@ -21,6 +21,9 @@
 
 namespace Export {
 
+/// The export task's name: the first part of the kernel keys of its subscriptions.
+extern const std::string kExportTaskName;
+
 /// Where the export task reaches beyond itself (tests replace them).
 struct ExportHooks {
     /// Ends the agent with an exit code (the engine's RequestStop when empty).

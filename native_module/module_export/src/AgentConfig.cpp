@@ -1,9 +1,11 @@
 #include "AgentConfig.h"
 
+#include "ExportTask.h"
 #include "RuleText.h"
 
 #include "FileAuditWatch.h"
 
+#include "sdk/AuditRuleText.h"
 #include "sdk/FileUtils.h"
 #include "sdk/StrUtils.h"
 
@@ -212,9 +214,18 @@ bool WatchablePath(const std::string& path, std::string& resolved, std::string& 
         return false;
     }
     resolved = buffer;
-    if (resolved.find_first_of(" \t\n'\"") != std::string::npos) {
+    if (resolved.find(' ') != std::string::npos) {
         problem = "cannot watch '" + resolved + "': the module's rule syntax separates words by blanks, so paths "
-                  "with blanks or quotes cannot be watched";
+                  "with blanks cannot be watched";
+        return false;
+    }
+    if (const std::string what = SDK::AuditRuleTextProblem(resolved); !what.empty()) {
+        problem = "cannot watch a path that holds " + what;
+        return false;
+    }
+    if (const size_t length = FileWatchKey(resolved).size(); length > SDK::kMaxAuditKeyLength) {
+        problem = "cannot watch '" + resolved + "': its kernel rule key would be " + std::to_string(length) +
+                  " bytes, and the kernel takes at most " + std::to_string(SDK::kMaxAuditKeyLength);
         return false;
     }
     return true;
@@ -272,6 +283,12 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
                 }
             } else if (s.recursive || hasEvents) {
                 return reader.Fail(s.entry, "recursive and events belong to watches");
+            } else if (RuleOutline outline; !LintSyscallRule(s.syscall, outline, bad)) {
+                return reader.Fail(s.entry + ".syscall", bad);
+            } else if (SyscallRuleKey(kExportTaskName, s.tag, outline).size() > SDK::kMaxAuditKeyLength) {
+                return reader.Fail(s.entry, "its kernel rule key (task, tag, first system call, pid and ppid) would be "
+                                   "longer than the " + std::to_string(SDK::kMaxAuditKeyLength) +
+                                   " bytes the kernel takes: use a shorter tag");
             }
             for (const Subscription& earlier : config.subscriptions) {
                 // The file-watch task keeps one rule for both: one notification, two tags.

@@ -13,9 +13,10 @@
 
 namespace Export {
 
+const std::string kExportTaskName = "export_task";
+
 namespace {
 
-const std::string kExportTaskName = "export_task";
 constexpr int kWaitMs = 100;
 constexpr int kMessagesPerTurn = 1024;
 constexpr size_t kKeptBuffer = 256 * 1024;

@@ -2,6 +2,7 @@
 
 #include "AuditConstants.h"
 
+#include "sdk/AuditRuleText.h"
 #include "sdk/ExecuteCmdUtils.h"
 #include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
@@ -25,6 +26,10 @@ const std::set<std::string> kActions = {"never", "always"};
 
 bool LintSyscallRule(const std::string& text, RuleOutline& outline, std::string& problem)
 {
+    if (const std::string what = SDK::AuditRuleTextProblem(text); !what.empty()) {
+        problem = "the rule holds " + what;
+        return false;
+    }
     std::vector<std::string> tokens;
     for (const std::string& piece : SDK::StrUtils::Split(text, " ")) {
         if (!SDK::StrUtils::Trim(piece).empty()) {

@@ -1,6 +1,9 @@
 // The export module's pieces: the configuration it shares with the agent, the JSON of file
 // notifications, and the export task's output (driven turn by turn on the test's thread).
 #include "AgentConfig.h"
+#include "RuleText.h"
+
+#include <Poco/JSON/Object.h>
 #include "EventJson.h"
 #include "ExportTask.h"
 
@@ -49,6 +52,28 @@ TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)
     std::string error;
     EXPECT_FALSE(Export::LoadAgentConfig("/no/such/file.json", "/opt/hw/", config, error));
     EXPECT_EQ(error, "/no/such/file.json: cannot be read");
+
+    // Watched paths that exist but cannot be keyed or run: the key separator, a control
+    // character, a key longer than the kernel's limit (one character shorter is taken).
+    TestSupport::TempDir dir;
+    const std::string fits = dir.path() + "/" + std::string(255 - Export::FileWatchKey(dir.path() + "/").size(), 'd');
+    for (const auto& [name, problem] : std::vector<std::pair<std::string, std::string>>{
+             {"a***b", "cannot watch a path that holds \"***\""}, {"a\x01b", "cannot watch a path that holds a control"},
+             {fits.substr(dir.path().size() + 1) + "dd", "cannot watch '" + fits + "dd': its kernel rule key would be 257 bytes"},
+             {fits.substr(dir.path().size() + 1), ""}}) {
+        ASSERT_EQ(mkdir((dir.path() + "/" + name).c_str(), 0755), 0);
+        Poco::JSON::Object subscription;
+        subscription.set("tag", "t");
+        subscription.set("watch", dir.path() + "/" + name);
+        std::ostringstream text;
+        text << R"({"subscriptions": [)";
+        subscription.stringify(text);
+        text << "]}";
+        Export::AgentConfig parsed;
+        EXPECT_EQ(Export::ParseAgentConfig(text.str(), "/opt/hw/", parsed, error), problem.empty()) << name;
+        const std::string expected = problem.empty() ? error : "subscriptions[0].watch: " + problem;
+        EXPECT_EQ(error.compare(0, expected.size(), expected), 0) << error;
+    }
 }
 
 TEST(ExportTask, WritesEachTurnOnceInValidUtf8)
