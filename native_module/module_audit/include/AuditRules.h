@@ -57,9 +57,6 @@ public:
     /// The keys not known to be in the kernel: asked about, being checked, or waiting.
     std::set<std::string> Waiting() const { return keeper_.Waiting(); }
 
-    /// The keys in auditctl's rule listing ("-l"): each line's -k or -F key= value.
-    static std::set<std::string> KeysInListing(const std::string& listing);
-
     /// Rule key to the auditctl arguments that added it.
     std::map<std::string, AuditctlArgs> ruleCommands;
 

@@ -5,6 +5,7 @@
 #include "AuditMessages.h"
 #include "AuditUtil.h"
 
+#include "sdk/AuditRuleText.h"
 #include "sdk/StrUtils.h"
 
 namespace Engine {
@@ -130,46 +131,31 @@ bool AuditRules::RuleExists(const std::string& key) const
     return ruleCommands.find(key) != ruleCommands.end();
 }
 
-std::set<std::string> AuditRules::KeysInListing(const std::string& listing)
-{
-    std::set<std::string> keys;
-    for (const std::string& line : SDK::StrUtils::Split(listing, "\n")) {
-        for (const std::string marker : {" -k ", " -F key="}) {
-            const size_t at = line.rfind(marker);
-            if (at != std::string::npos) {
-                keys.insert(SDK::StrUtils::Trim(line.substr(at + marker.size())));
-                break;
-            }
-        }
-    }
-    return keys;
-}
-
 std::set<std::string> AuditRules::ReAddMissing(const std::set<std::string>& keys)
 {
     std::lock_guard<std::mutex> lock(kernelMutex_);
-    std::set<std::string> failed;
+    std::set<std::string> missing;  // registered keys not yet known to be in the kernel
     for (const std::string& key : keys) {
         if (RuleExists(key)) {
-            failed.insert(key);
+            missing.insert(key);
         }
     }
     std::string listing;
-    if (failed.empty() || !LinuxAuditUtil::ExecAuditCmd({"-l"}, listing, kListingBytes)) {
-        return failed;  // unregistered keys are dropped; without a listing the rest waits
+    if (missing.empty() || !LinuxAuditUtil::ExecAuditCmd({"-l"}, listing, kListingBytes)) {
+        return missing;  // unregistered keys are dropped; without a listing the rest waits
     }
-    const std::set<std::string> listed = KeysInListing(listing);
-    for (auto it = failed.begin(); it != failed.end();) {
+    const std::set<std::string> listed = SDK::AuditRuleListingKeys(listing);
+    for (auto it = missing.begin(); it != missing.end();) {
         if (listed.count(*it) > 0) {
-            it = failed.erase(it);  // the kernel has it: nothing to do
+            it = missing.erase(it);  // the kernel has it: nothing to do
         } else if (LinuxAuditUtil::ExecAuditCmd(ruleCommands.at(*it))) {
             AUDIT_LOG_INFO("Rule(%s) was missing from the kernel and is added again.", *it);
-            it = failed.erase(it);
+            it = missing.erase(it);
         } else {
             ++it;
         }
     }
-    return failed;
+    return missing;
 }
 
 bool AuditRules::DeleteAllRules()

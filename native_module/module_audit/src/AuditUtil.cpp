@@ -118,19 +118,6 @@ bool ApplySyscallField(const std::string& token, SyscallRule& rule)
     return true;
 }
 
-// The rule text's tokens: split on single spaces, trimmed, empty ones dropped.
-std::vector<std::string> RuleTokens(const std::string& text)
-{
-    std::vector<std::string> tokens;
-    for (const std::string& piece : SDK::StrUtils::Split(text, " ")) {
-        std::string token = SDK::StrUtils::Trim(piece);
-        if (!token.empty()) {
-            tokens.push_back(std::move(token));
-        }
-    }
-    return tokens;
-}
-
 // The token machine both rule kinds share. first(token) reads the first token and tells whether
 // it makes the rule a never/exclude one; listOption ("-S" or "-p") hands its token to list;
 // -F tokens go to field (false rejects at once); complete() says whether the rule has what it
@@ -146,7 +133,7 @@ int ParseRuleText(const std::string& text, const char* listOption, std::string& 
     }
     int result = kRuleParsed;
     State state = State::kFirst;
-    for (const std::string& token : RuleTokens(text)) {
+    for (const std::string& token : LinuxAuditUtil::RuleWords(text)) {
         switch (state) {
         case State::kFirst:
             if (first(token)) {
@@ -192,7 +179,7 @@ std::string LinuxAuditUtil::SyscallNamesForAuditctl(const std::string& ruleText,
     const int machine = arch == "b32" ? MACH_X86 : MACH_86_64;
     std::string out;
     bool list = false;
-    for (const std::string& token : RuleTokens(ruleText)) {
+    for (const std::string& token : RuleWords(ruleText)) {
         std::string word = token;
         if (list) {
             word.clear();
@@ -321,7 +308,14 @@ bool LinuxAuditUtil::ExecAuditCmd(const std::vector<std::string>& args)
 
 std::vector<std::string> LinuxAuditUtil::RuleWords(const std::string& text)
 {
-    return RuleTokens(text);
+    std::vector<std::string> words;
+    for (const std::string& piece : SDK::StrUtils::Split(text, " ")) {
+        std::string word = SDK::StrUtils::Trim(piece);
+        if (!word.empty()) {
+            words.push_back(std::move(word));
+        }
+    }
+    return words;
 }
 
 std::string LinuxAuditUtil::JoinWords(const std::vector<std::string>& words)

@@ -1,5 +1,6 @@
 // The rule registry against a recording auditctl: the commands it runs and the keys it keeps.
 #include "AuditUtil.h"
+#include "sdk/AuditRuleText.h"
 
 #include "TestSupport.h"
 
@@ -93,7 +94,7 @@ TEST(AuditRules, AFailedAddWaitsAndARuleIsPutBackOnlyWhenTheKernelLacksIt)
         FakeInstallation refusing(1);
         EXPECT_EQ(rules.ReAddMissing({key, "unregistered"}), std::set<std::string>{key}) << "no listing: it waits";
     }
-    EXPECT_EQ(AuditRules::KeysInListing("-w /x -p wa -k a***b\n-a always,exit -S open -F key=k2 \nNo rules\n"),
+    EXPECT_EQ(SDK::AuditRuleListingKeys("-w /x -p wa -k a***b\n-a always,exit -S open -F key=k2 \nNo rules\n"),
               (std::set<std::string>{"a***b", "k2"}));
 }
 

@@ -120,17 +120,10 @@ bool ListKernelRules(std::string& rules)
 
 std::vector<std::string> MissingKeys(const std::string& rules, const std::vector<std::string>& keys)
 {
+    const std::set<std::string> listed = SDK::AuditRuleListingKeys(rules);
     std::vector<std::string> missing;
     for (const std::string& key : keys) {
-        // auditctl lists a key as "key=KEY" (syscall rules) or "-k KEY" (watches), then a blank or
-        // the end of the line.
-        bool found = false;
-        for (size_t at = rules.find(key); at != std::string::npos && !found; at = rules.find(key, at + 1)) {
-            const size_t end = at + key.size();
-            const bool starts = (at >= 4 && rules.compare(at - 4, 4, "key=") == 0) || (at >= 3 && rules.compare(at - 3, 3, "-k ") == 0);
-            found = starts && (end == rules.size() || rules[end] == ' ' || rules[end] == '\n');
-        }
-        if (!found) {
+        if (listed.count(key) == 0) {
             missing.push_back(key);
         }
     }

@@ -19,4 +19,16 @@ std::string AuditRuleTextProblem(const std::string& text)
     return {};
 }
 
+std::set<std::string> AuditRuleListingKeys(const std::string& listing)
+{
+    std::set<std::string> keys;
+    for (const std::string marker : {" -k ", " -F key="}) {
+        for (size_t at = listing.find(marker); at != std::string::npos; at = listing.find(marker, at + 1)) {
+            const size_t start = at + marker.size();
+            keys.insert(listing.substr(start, listing.find_first_of(" \n", start) - start));
+        }
+    }
+    return keys;
+}
+
 }  // namespace SDK
