@@ -62,8 +62,9 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
     options.flat = request.flat;
     Export::EventLines lines(options);
     LiveSession session(engine, kCommand, err);
+    session.Limit(request.tag, request.rateLimit, lines, out);
     const bool started = session.Start(kCliTaskName, [&](const Engine::AuditEventMessage& msg) {
-        if (msg.event) {
+        if (msg.event && session.Admit(msg, msg.tag)) {
             std::string line;
             lines.AppendEvent(line, *msg.event, msg.tag);
             session.Print(out, line);

@@ -15,8 +15,9 @@ namespace Agent {
 struct AuditRequest {
     std::vector<std::string> rules;    ///< syscall rules in auditctl syntax ("exit,always -S connect")
     std::vector<std::string> watches;  ///< paths watched for writes and attribute changes
-    std::string tag = "cli";
-    bool flat = false;               ///< the module's flat records instead of ECS lines           ///< the tag of every subscription
+    std::string tag = "cli";         ///< printed with everything the command prints
+    bool flat = false;               ///< the module's flat records instead of ECS lines
+    uint32_t rateLimit = 0;          ///< events printed a second at most; 0 for no limit
 };
 
 /// hostwarden audit: runs the audit task and a subscriber task of its own in engine, subscribes

@@ -13,6 +13,7 @@
 #include <Poco/Util/Option.h>
 #include <Poco/Util/OptionCallback.h>
 
+#include <charconv>
 #include <iostream>
 
 namespace Agent {
@@ -37,6 +38,9 @@ void HostwardenApp::defineOptions(Poco::Util::OptionSet& options)
                                                        "delete, modify, attrib, moved_from, moved_to or their "
                                                        "numbers (default all)")
                           .argument("LIST"));
+    options.addOption(Poco::Util::Option("rate-limit", "", "audit, watch: print at most N events a second; what is "
+                                                           "dropped is summarised every 10 s (default: no limit)")
+                          .argument("N"));
     options.addOption(Poco::Util::Option("flat", "", "decode, audit, watch: print the audit module's own records "
                                                      "instead of ECS lines (for debugging)"));
     options.addOption(Poco::Util::Option("config", "", "run: the configuration file (JSON; default "
@@ -62,6 +66,8 @@ void HostwardenApp::handleOption(const std::string& name, const std::string& val
         recursive_ = true;
     } else if (name == "events") {
         events_ = value;
+    } else if (name == "rate-limit") {
+        rateLimit_ = value;
     } else if (name == "flat") {
         flat_ = true;
     } else if (name == "config") {
@@ -84,7 +90,8 @@ void HostwardenApp::ShowHelp() const
     help.setCommand(commandName());
     help.setWidth(100);
     help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE] | audit RULE... [--tag TAG] [--watch PATH]... |\n"
-                  "       watch PATH... [--recursive] [--events LIST] [--tag TAG] | containers]");
+                  "       watch PATH... [--recursive] [--events LIST] [--tag TAG] | containers]\n"
+                  "       (audit and watch also take [--rate-limit N])");
     help.setHeader("hostwarden: host-security agent.\n"
                    "  run (default)   load the modules of the installation and run until SIGINT or SIGTERM\n"
                    "  parse [FILE]    print each audit event of FILE (or standard input) as one JSON line\n"
@@ -99,6 +106,22 @@ void HostwardenApp::ShowHelp() const
                    "  containers      print each container the container module sees now (id, runtime, root\n"
                    "                  path on the host, mounts) as one JSON line");
     help.format(std::cout);
+}
+
+bool HostwardenApp::RateLimit(uint32_t& perSecond) const
+{
+    if (rateLimit_.empty()) {
+        return true;
+    }
+    uint64_t value = 0;
+    const char* end = rateLimit_.data() + rateLimit_.size();
+    if (std::from_chars(rateLimit_.data(), end, value).ptr != end || value < 1 || value > 1000000) {
+        std::cerr << "hostwarden: --rate-limit takes a whole number of events a second from 1 to 1000000, not '"
+                  << rateLimit_ << "'\n";
+        return false;
+    }
+    perSecond = static_cast<uint32_t>(value);
+    return true;
 }
 
 int HostwardenApp::main(const std::vector<std::string>& args)
@@ -134,6 +157,9 @@ int HostwardenApp::main(const std::vector<std::string>& args)
         request.watches = watches_;
         request.tag = tag_;
         request.flat = flat_;
+        if (!RateLimit(request.rateLimit)) {
+            return EXIT_USAGE;
+        }
         return RunAuditCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
     }
     if (command == "watch") {
@@ -143,6 +169,9 @@ int HostwardenApp::main(const std::vector<std::string>& args)
         request.events = events_;
         request.tag = tag_;
         request.flat = flat_;
+        if (!RateLimit(request.rateLimit)) {
+            return EXIT_USAGE;
+        }
         return RunWatchCommand(request, *this, [this] { WaitForStop(); }, std::cout, std::cerr);
     }
     if (command == "containers") {

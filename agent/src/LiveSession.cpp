@@ -6,6 +6,7 @@
 #include "framework/Module.h"
 #include "sdk/ExecuteCmdUtils.h"
 #include "sdk/PathUtils.h"
+#include "sdk/TimeUtils.h"
 
 #include <chrono>
 #include <ostream>
@@ -185,9 +186,36 @@ void LiveSession::Print(std::ostream& out, const std::string& line)
     }
 }
 
+void LiveSession::Limit(const std::string& tag, uint32_t perSecond, Export::EventLines& lines, std::ostream& out)
+{
+    limits_.Set(tag, perSecond);
+    noticeLines_ = &lines;
+    noticeOut_ = &out;
+}
+
+bool LiveSession::Admit(const Engine::AuditEventMessage& msg, const std::string& tag)
+{
+    const bool admitted = limits_.Admit(tag, std::chrono::steady_clock::now(), [&] { return Export::MessageAuthor(msg); });
+    PrintSummaries(false);
+    return admitted;
+}
+
+void LiveSession::PrintSummaries(bool all)
+{
+    if (noticeLines_ == nullptr) {
+        return;
+    }
+    for (const Export::AgentNotice& notice : limits_.TakeSummaries(std::chrono::steady_clock::now(), all)) {
+        std::string line;
+        noticeLines_->AppendNotice(line, notice, SDK::TimeUtils::GetCurrentTimestampMS());
+        Print(*noticeOut_, line);
+    }
+}
+
 void LiveSession::Stop()
 {
     engine_.StopAll();
+    PrintSummaries(true);
 }
 
 }  // namespace Agent

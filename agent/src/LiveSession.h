@@ -1,5 +1,8 @@
 #pragma once
 
+#include "EventLines.h"
+#include "RateLimits.h"
+
 #include "AuditMessages.h"
 
 #include "framework/Message.h"
@@ -43,12 +46,19 @@ public:
     /// Writes one line to out, from the subscriber's thread. When out fails (its reader has gone)
     /// the session ends as on SIGTERM: the command unsubscribes and stops.
     void Print(std::ostream& out, const std::string& line);
+    /// Lets Admit pass at most perSecond events a second of tag (0: every one); what it drops is
+    /// summarised in lines made by lines and printed to out, every 10 s and at Stop.
+    void Limit(const std::string& tag, uint32_t perSecond, Export::EventLines& lines, std::ostream& out);
+    /// True when msg, of tag, is to be printed; prints the summaries that are due. From the
+    /// subscriber's thread.
+    bool Admit(const Engine::AuditEventMessage& msg, const std::string& tag);
     /// The subscriber task, as the sender of control messages.
     Framework::Task* Subscriber() const { return subscriber_; }
     /// True once the kernel lists a rule under every key (present) or under none (not present),
     /// within a few seconds; each key still missing is named when present is true.
     bool WaitForKernelKeys(const std::vector<std::string>& keys, bool present);
     /// Stops and removes every task and the module; the audit task takes whatever rules are left.
+    /// Then prints what the limit dropped and has not summarised yet.
     void Stop();
 
     /// Empty when kernel audit is enabled and auditd runs (auditctl -s), else the reason.
@@ -61,6 +71,10 @@ private:
     Framework::Task* subscriber_ = nullptr;
     std::mutex outMutex_;
     bool outFailed_ = false;
+    Export::RateLimits limits_;
+    Export::EventLines* noticeLines_ = nullptr;
+    std::ostream* noticeOut_ = nullptr;
+    void PrintSummaries(bool all);
 };
 
 /// True when the installation's auditctl lists a kernel rule whose key is exactly key.

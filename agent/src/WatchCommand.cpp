@@ -52,8 +52,9 @@ int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, cons
     options.flat = request.flat;
     Export::EventLines lines(options);
     LiveSession session(engine, kCommand, err);
+    session.Limit(request.tag, request.rateLimit, lines, out);
     const bool started = session.Start(kWatchTaskName, [&](const Engine::AuditEventMessage& msg) {
-        if (!msg.event) {  // a notification, not an audit event
+        if (!msg.event && session.Admit(msg, request.tag)) {  // a notification, not an audit event
             std::string line;
             lines.AppendNotification(line, msg.result, request.tag);
             session.Print(out, line);

@@ -17,8 +17,9 @@ struct WatchRequest {
     std::vector<std::string> paths;  ///< files or directories
     bool recursive = false;          ///< every descendant, not only direct children
     std::string events;              ///< comma-separated kinds or numbers; empty for all
-    std::string tag = "cli";
-    bool flat = false;               ///< the module's flat records instead of ECS lines         ///< printed with every notification
+    std::string tag = "cli";         ///< printed with everything the command prints
+    bool flat = false;               ///< the module's flat records instead of ECS lines
+    uint32_t rateLimit = 0;          ///< notifications printed a second at most; 0 for no limit
 };
 
 /// hostwarden watch: runs the audit module's tasks and a subscriber of its own in engine, watches

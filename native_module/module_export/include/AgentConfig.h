@@ -8,6 +8,9 @@
 
 namespace Export {
 
+/// The events a second a subscription writes unless its configuration says otherwise.
+inline constexpr uint32_t kDefaultRateLimit = 5000;
+
 /// One subscription: a system-call rule, or a file watch.
 struct Subscription {
     std::string entry;        ///< where it stands in the file, such as "subscriptions[2]"
@@ -16,12 +19,13 @@ struct Subscription {
     std::string watch;        ///< the watched path, absolute and resolved; empty for a rule
     bool recursive = false;   ///< a watch covers every descendant, not only direct children
     uint32_t events = 0;      ///< the notification kinds a watch wants
+    uint32_t rateLimit = kDefaultRateLimit;  ///< events a second written at most; 0 for no limit
 };
 
 /// Where the events go.
 struct OutputSettings {
     std::string file;                 ///< JSON lines file (absolute); empty for none
-    std::string rotateSize = "10 M";  ///< rotation size as Poco's FileChannel takes it
+    uint64_t rotateBytes = 10 << 20;  ///< the size at which the file rotates; 0 for never
     int keep = 5;                     ///< rotated files kept
     bool toStdout = true;             ///< also to standard output
     LineOptions lines;                ///< ECS or flat; raw records; argument bytes kept
@@ -33,7 +37,8 @@ struct OutputSettings {
 ///    "output": {"file": "...", "rotate_size": "10 M", "keep": 5, "stdout": true,
 ///               "format": "ecs", "original": false, "max_args_bytes": 65536},
 ///    "subscriptions": [{"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve"},
-///                      {"tag": "etc", "watch": "/etc", "recursive": true, "events": "create,delete"}]}
+///                      {"tag": "etc", "watch": "/etc", "recursive": true, "events": "create,delete",
+///                       "rate_limit": 5000}]}
 /// Every section and key is optional; unknown ones are errors. In paths "$INSTALLATION" stands
 /// for the agent's installation directory, and a relative path is taken from there.
 struct AgentConfig {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "AgentNotice.h"
 #include "ProcessTable.h"
 
 #include "AuditEvent.h"
@@ -79,6 +80,9 @@ public:
     void AppendEvent(std::string& line, const Engine::AuditEvent& event, const std::string& tag);
     /// Appends one file notification with the file as it is now and the call's actor.
     void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag);
+
+    /// Appends the agent's own notice at timeMs (event.kind "metric", event.action its action).
+    void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs);
 
     const EcsSettings& Settings() const { return settings_; }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "AgentNotice.h"
+
 #include "AuditEvent.h"
 #include "AuditMessages.h"
 
@@ -20,6 +22,9 @@ std::string DecodedEventToJson(const Engine::AuditEvent& event, const std::strin
 void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag);
 /// The same as a text of its own.
 std::string NotificationToJson(const Engine::AuditEventResult& result, const std::string& tag);
+
+/// The agent's own notice at timeMs as one JSON object: tag, time_ms, and the notice's members.
+void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs);
 
 /// The name of a notification kind, or its number as text.
 std::string NotificationKindName(int kind);

@@ -30,6 +30,9 @@ public:
     /// One file notification, without the newline.
     void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag);
 
+    /// The agent's own notice at timeMs (milliseconds since the epoch), without the newline.
+    void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs);
+
 private:
     LineOptions options_;
     std::unique_ptr<Enrichment> enrichment_;

@@ -1,15 +1,14 @@
 #pragma once
 
 #include "AgentConfig.h"
+#include "EventFile.h"
 #include "EventLines.h"
+#include "RateLimits.h"
 
 #include "AuditMessages.h"
 
 #include "framework/Message.h"
 #include "framework/Task.h"
-
-#include <Poco/AutoPtr.h>
-#include <Poco/FileChannel.h>
 
 #include <atomic>
 #include <chrono>
@@ -36,7 +35,9 @@ struct ExportHooks {
 
 /// The task "export_task": subscribes what the agent's configuration names with the audit
 /// module's tasks, and writes every audit event and file notification it receives as one JSON
-/// line, with its subscription's tag, to standard output and to a size-rotated file.
+/// line, with its subscription's tag, to standard output and to a size-rotated file. Each tag's
+/// events pass its rate limit (subscriptions sharing a tag share the largest of their limits);
+/// what a limit drops, and what the file cannot take whole, is summarised in a line of its own.
 class ExportTask : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
 public:
     using Hooks = ExportHooks;
@@ -44,7 +45,7 @@ public:
     /// console receives the lines too (null for none).
     ExportTask(AgentConfig config, std::FILE* console, Hooks hooks = Hooks());
 
-    /// Opens the output file.
+    /// Opens the output file (-1 when it cannot).
     int Init() override;
     /// Subscribes, then handles events until stopped, writing once per turn.
     int Run() override;
@@ -60,8 +61,11 @@ public:
     /// The end of a turn of Run: follows the subscriptions until the kernel holds every one
     /// (stopping the agent with status 1 when the audit module refuses one, the audit system is
     /// not usable, or a rule does not reach the kernel within 10 s), reopens the output if asked,
-    /// and writes the turn's lines with one write each to standard output and the file.
+    /// adds the rate limits' due summaries, and writes the turn's lines with one write each to
+    /// standard output and the file.
     void EndTurn();
+    /// The summaries of every rate limit and of the output's losses not yet written, at the end.
+    void Finish();
 
     /// The tag of a notification: that of the watch subscriptions covering its path and kind, the
     /// next of them for each copy in a row (the file-watch task sends one copy per matching rule,
@@ -75,6 +79,8 @@ private:
     bool CheckKernel(bool& done);
     void Fail(int code);
     void Write();
+    void AddNotice(const AgentNotice& notice);
+    void AddSummaries(bool all);
 
     enum class Phase { kAnswering, kInstalling, kRunning };
     Phase phase_ = Phase::kRunning;
@@ -84,8 +90,11 @@ private:
     EventLines lines_;
     std::FILE* console_;
     Hooks hooks_;
-    Poco::AutoPtr<Poco::FileChannel> file_;
+    std::unique_ptr<EventFile> file_;
     std::string pending_;  // lines not yet written
+    RateLimits limits_;
+    uint64_t lost_ = 0;    // lines the file could not take since it last could
+    std::chrono::steady_clock::time_point lossStarted_;
     std::atomic<bool> reopen_{false};
     struct Answer {
         const Subscription* subscription;

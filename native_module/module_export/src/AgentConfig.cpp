@@ -1,5 +1,6 @@
 #include "AgentConfig.h"
 
+#include "EventFile.h"
 #include "ExportTask.h"
 #include "RuleText.h"
 
@@ -9,8 +10,6 @@
 #include "sdk/FileUtils.h"
 #include "sdk/StrUtils.h"
 
-#include <Poco/AutoPtr.h>
-#include <Poco/FileChannel.h>
 #include <Poco/JSON/Object.h>
 #include <Poco/JSON/Parser.h>
 
@@ -28,6 +27,7 @@ using Poco::JSON::Object;
 constexpr uint32_t kKnownKinds = Engine::kNotifyAccess | Engine::kNotifyModify | Engine::kNotifyAttrib |
                                  Engine::kNotifyMove | Engine::kNotifyCreate | Engine::kNotifyDelete;
 const std::string kInstallation = "$INSTALLATION";
+constexpr long kMaxRateLimit = 1000000;
 
 // Walks one JSON object: each known key's reader is called with its value; an unknown key, or a
 // reader's complaint, ends the walk with an error that names the entry.
@@ -105,21 +105,28 @@ Reader::Read Count(int& out)
     };
 }
 
-// A rotation as Poco's FileChannel takes it ("10 M", "100 K", "never", ...): the channel itself
-// says whether it can use the text.
-Reader::Read Rotation(std::string& out)
+// A rotation size in bytes ("10 M", "500 K", or "never" for 0).
+Reader::Read Rotation(uint64_t& out)
 {
     return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
-        if (!Text(out)(v, problem)) {
+        if (!v.isString() || !ParseRotateSize(v.toString(), out)) {
+            problem = "'" + v.toString() + "' is not a rotation size (such as \"10 M\", \"500 K\" or \"never\"; "
+                      "at least 4 K)";
             return false;
         }
-        try {
-            Poco::AutoPtr<Poco::FileChannel> probe(new Poco::FileChannel);
-            probe->setProperty(Poco::FileChannel::PROP_ROTATION, out);
-        } catch (const Poco::Exception&) {
-            problem = "'" + out + "' is not a rotation (such as \"10 M\", \"500 K\" or \"never\")";
+        return true;
+    };
+}
+
+// Events a second, 0 for no limit.
+Reader::Read RateLimit(uint32_t& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isInteger() || v.convert<long>() < 0 || v.convert<long>() > kMaxRateLimit) {
+            problem = "must be a whole number of events a second from 0 (no limit) to " + std::to_string(kMaxRateLimit);
             return false;
         }
+        out = v.convert<uint32_t>();
         return true;
     };
 }
@@ -258,6 +265,7 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
                                            {"syscall", Text(s.syscall)},
                                            {"watch", Text(watch)},
                                            {"recursive", Flag(s.recursive)},
+                                           {"rate_limit", RateLimit(s.rateLimit)},
                                            {"events", [&](const Poco::Dynamic::Var& v, std::string& p) {
                                                 hasEvents = true;
                                                 return Text(events)(v, p);
@@ -311,7 +319,7 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
           }},
          {"output", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "output", {{"file", Text(outputFile)},
-                                               {"rotate_size", Rotation(config.output.rotateSize)},
+                                               {"rotate_size", Rotation(config.output.rotateBytes)},
                                                {"keep", Count(config.output.keep)},
                                                {"stdout", Flag(config.output.toStdout)},
                                                {"format", Format(config.output.lines.flat)},

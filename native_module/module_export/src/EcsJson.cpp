@@ -603,6 +603,20 @@ void EcsEncoder::AppendEvent(std::string& line, const Engine::AuditEvent& event,
     }
 }
 
+void EcsEncoder::AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs)
+{
+    SDK::JsonWriter json(line);
+    json.BeginObject();
+    Header(json, settings_, timeMs, notice.tag);
+    json.Key("event");
+    json.BeginObject();
+    json.Field("kind", "metric");
+    json.Field("action", notice.action);
+    json.EndObject();
+    AppendNoticeFields(json, notice);
+    json.EndObject();
+}
+
 void EcsEncoder::AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag)
 {
     SDK::AuditFields syscall;

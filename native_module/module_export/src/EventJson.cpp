@@ -123,6 +123,18 @@ void AppendNotification(std::string& line, const Engine::AuditEventResult& resul
     json.EndObject();
 }
 
+void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs)
+{
+    SDK::JsonWriter json(line);
+    json.BeginObject();
+    if (!notice.tag.empty()) {
+        json.Field("tag", notice.tag);
+    }
+    json.Field("time_ms", timeMs);
+    AppendNoticeFields(json, notice);
+    json.EndObject();
+}
+
 std::string NotificationToJson(const Engine::AuditEventResult& result, const std::string& tag)
 {
     std::string line;

@@ -37,4 +37,13 @@ void EventLines::AppendNotification(std::string& line, const Engine::AuditEventR
     }
 }
 
+void EventLines::AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs)
+{
+    if (encoder_) {
+        encoder_->AppendNotice(line, notice, timeMs);
+    } else {
+        ::Export::AppendNotice(line, notice, timeMs);
+    }
+}
+
 }  // namespace Export

@@ -8,8 +8,12 @@
 #include "framework/Engine.h"
 #include "sdk/DirUtils.h"
 
+#include "sdk/TimeUtils.h"
+
 #include <Poco/Logger.h>
-#include <Poco/Message.h>
+
+#include <algorithm>
+#include <map>
 
 namespace Export {
 
@@ -57,6 +61,14 @@ ExportTask::ExportTask(AgentConfig config, std::FILE* console, Hooks hooks)
     : Framework::Task(kExportTaskName, "export_feature", Framework::TaskCondition::kLoop, 65536),
       config_(std::move(config)), lines_(config_.output.lines), console_(console), hooks_(std::move(hooks))
 {
+    std::map<std::string, uint32_t> limits;  // by tag: the largest, 0 (none) beating every number
+    for (const Subscription& s : config_.subscriptions) {
+        const auto [at, added] = limits.emplace(s.tag, s.rateLimit);
+        at->second = added ? at->second : (at->second == 0 || s.rateLimit == 0) ? 0 : std::max(at->second, s.rateLimit);
+    }
+    for (const auto& [tag, limit] : limits) {
+        limits_.Set(tag, limit);
+    }
     if (!hooks_.stop) {
         hooks_.stop = [](int code) {
             if (Framework::Engine* engine = Framework::Engine::Current()) {
@@ -74,15 +86,11 @@ int ExportTask::Init()
     if (!config_.output.file.empty()) {
         const std::string& path = config_.output.file;
         SDK::DirUtils::CreateDirs(path.substr(0, path.rfind('/')), 0750);
-        try {
-            file_ = new Poco::FileChannel(path);
-            file_->setProperty("rotation", config_.output.rotateSize);
-            file_->setProperty("archive", "number");
-            file_->setProperty("purgeCount", std::to_string(config_.output.keep));
-            file_->open();
-        } catch (const Poco::Exception& e) {
-            poco_error(Log(), "Cannot open the event output " + path + ": " + e.displayText());
-            file_ = nullptr;
+        file_ = std::make_unique<EventFile>(path, config_.output.rotateBytes, config_.output.keep);
+        std::string error;
+        if (!file_->Open(error)) {
+            poco_error(Log(), "Cannot open the event output " + path + ": " + error);
+            file_.reset();
             return -1;
         }
     }
@@ -154,7 +162,7 @@ int ExportTask::Run()
     while (BulkConsumeMsg(kMessagesPerTurn) > 0) {
         Write();
     }
-    Write();
+    Finish();
     return 0;
 }
 
@@ -198,16 +206,40 @@ void ExportTask::EndTurn()
             poco_information(Log(), "Every subscription is installed in the kernel.");
         }
     }
+    std::string error;
     if (reopen_.exchange(false) && file_) {
-        file_->close();
-        try {
-            file_->open();  // at the path anew: logrotate has moved the old file
+        // At the path anew: logrotate has moved the old file.
+        if (file_->Open(error)) {
             poco_information(Log(), "Reopened the event output.");
-        } catch (const Poco::Exception& e) {
-            poco_error(Log(), "Cannot reopen the event output: " + e.displayText());
+        } else {
+            poco_error(Log(), "Cannot reopen the event output " + file_->Path() + ": " + error);
         }
     }
+    AddSummaries(false);
     Write();
+}
+
+void ExportTask::Finish()
+{
+    AddSummaries(true);
+    Write();
+    if (lost_ > 0) {
+        poco_error(Log(), "The event output lost " + std::to_string(lost_) + " lines it could not write whole before the stop.");
+    }
+}
+
+void ExportTask::AddSummaries(bool all)
+{
+    for (const AgentNotice& notice : limits_.TakeSummaries(std::chrono::steady_clock::now(), all)) {
+        AddNotice(notice);
+    }
+}
+
+void ExportTask::AddNotice(const AgentNotice& notice)
+{
+    poco_warning(Log(), NoticeMessage(notice) + ".");
+    lines_.AppendNotice(pending_, notice, SDK::TimeUtils::GetCurrentTimestampMS());
+    pending_ += '\n';
 }
 
 void ExportTask::UnInit()
@@ -215,7 +247,7 @@ void ExportTask::UnInit()
     SendDirectMsg(Engine::kAuditTaskName, new Engine::AuditUnsubscribeMessage(this));
     SendDirectMsg(Engine::kFileWatchTaskName, new Engine::AuditUnsubscribeMessage(this));
     if (file_) {
-        file_->close();
+        file_->Close();
     }
     Framework::Task::UnInit();
 }
@@ -237,10 +269,14 @@ const std::string& ExportTask::NotificationTag(const Engine::AuditEventResult& r
 
 int ExportTask::Receive(const Engine::AuditEventMessage& msg)
 {
+    const std::string& tag = msg.event ? msg.tag : NotificationTag(msg.result);
+    if (!limits_.Admit(tag, std::chrono::steady_clock::now(), [&] { return MessageAuthor(msg); })) {
+        return 0;
+    }
     if (msg.event) {
-        lines_.AppendEvent(pending_, *msg.event, msg.tag);
+        lines_.AppendEvent(pending_, *msg.event, tag);
     } else {
-        lines_.AppendNotification(pending_, msg.result, NotificationTag(msg.result));
+        lines_.AppendNotification(pending_, msg.result, tag);
     }
     pending_ += '\n';
     return 0;
@@ -264,12 +300,25 @@ void ExportTask::Write()
         console_ = nullptr;
     }
     if (file_) {
-        // One write for the whole turn; the channel adds the last newline itself.
-        pending_.pop_back();
-        try {
-            file_->log(Poco::Message("export_module", pending_, Poco::Message::PRIO_INFORMATION));
-        } catch (const Poco::Exception& e) {
-            poco_error(Log(), "Cannot write the event output: " + e.displayText());
+        const auto now = std::chrono::steady_clock::now();
+        const size_t lost = file_->Write(pending_);  // one write for the whole turn
+        if (lost > 0 && lost_ == 0) {
+            poco_error(Log(), "The event output " + file_->Path() + " cannot take whole lines (" + file_->LastError() +
+                       "); counting what is lost until it can again.");
+            lossStarted_ = now;
+        }
+        lost_ += lost;
+        if (lost == 0 && lost_ > 0) {
+            // Space is back: the file says what it could not hold, as a line of its own.
+            AgentNotice notice;
+            notice.action = AgentNotice::kOutputLost;
+            notice.dropped = lost_;
+            notice.seconds = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now - lossStarted_).count());
+            poco_warning(Log(), NoticeMessage(notice) + "; writing again.");
+            std::string line;
+            lines_.AppendNotice(line, notice, SDK::TimeUtils::GetCurrentTimestampMS());
+            line += '\n';
+            lost_ = file_->Write(line) == 0 ? 0 : lost_;
         }
     }
     // A burst's turn leaves a large buffer behind; keep an ordinary turn's worth only.

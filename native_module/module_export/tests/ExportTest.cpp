@@ -24,12 +24,12 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
         "cpu": {"share": 0.25},
         "output": {"file": "var/events.jsonl", "rotate_size": "1 M", "keep": 2, "stdout": false},
         "subscriptions": [
-            {"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve"},
-            {"tag": "self", "watch": "$INSTALLATION", "recursive": true, "events": "create, 512"},
+            {"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve", "rate_limit": 0},
+            {"tag": "self", "watch": "$INSTALLATION", "recursive": true, "events": "create, 512", "rate_limit": 20},
             {"tag": "tmp", "watch": "/tmp/../tmp", "events": "moved_from,moved_to,6"}
         ]})", installation, config, error)) << error;
     EXPECT_EQ(config.logLevel + " " + std::to_string(config.cpuShare).substr(0, 4), "debug 0.25");
-    EXPECT_EQ(config.output.file + " " + config.output.rotateSize + " " + std::to_string(config.output.keep), installation + "var/events.jsonl 1 M 2");
+    EXPECT_EQ(config.output.file + " " + std::to_string(config.output.rotateBytes) + " " + std::to_string(config.output.keep), installation + "var/events.jsonl 1048576 2");
     EXPECT_FALSE(config.output.toStdout);
     ASSERT_EQ(config.subscriptions.size(), 3U);
     EXPECT_EQ(config.subscriptions[0].syscall, "exit,always -F arch=b64 -S execve");
@@ -37,7 +37,9 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
     EXPECT_TRUE(config.subscriptions[1].recursive);
     EXPECT_EQ(config.subscriptions[2].watch + " " + std::to_string(config.subscriptions[2].events), "/tmp 198") << "resolved";
     EXPECT_EQ(config.subscriptions[2].entry, "subscriptions[2]");
-
+    EXPECT_EQ(std::to_string(config.subscriptions[0].rateLimit) + " " + std::to_string(config.subscriptions[1].rateLimit) +
+                  " " + std::to_string(config.subscriptions[2].rateLimit),
+              "0 20 5000") << "no limit, its own, the default";
 }
 
 TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)
@@ -182,7 +184,7 @@ TEST(ExportTask, TheOutputRotatesBySizeAndWhatArrivedBeforeTheStopIsWritten)
     TestSupport::TempDir dir;
     Export::AgentConfig config;
     config.output.file = dir.path() + "/events.jsonl";
-    config.output.rotateSize = "1 K";
+    config.output.rotateBytes = 4096;
     config.output.keep = 1;
     Export::ExportTask rotating(config, nullptr);
     ASSERT_EQ(rotating.Init(), 0);
