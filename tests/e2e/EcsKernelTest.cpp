@@ -104,3 +104,52 @@ TEST_F(EcsKernel, RunExportsWhoDidWhatFromWhichParentWithNamesAndDecodedArgument
     run->Signal(SIGTERM);
     EXPECT_EQ(run->Wait(), 0) << run->err;
 }
+
+TEST_F(EcsKernel, AConnectFloodByAnUnprivilegedUserIsHeldToTheRateLimitAndItsSummaryNamesTheUserAndProgram)
+{
+    const std::string events = dir_ + "/events.jsonl";
+    std::ofstream(home_ + "/etc/hostwarden.json") << R"({"output": {"file": ")" << events
+                                                  << R"(", "stdout": false, "rotate_size": "1 M", "keep": 1},
+        "subscriptions": [{"tag": "connect", "syscall": "exit,always -F arch=b64 -S connect"}]})";
+    auto run = Hostwarden({"run"});
+    ASSERT_TRUE(run->WaitFor("Every subscription is installed in the kernel.", false)) << run->err;
+
+    TestSupport::Program({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "/usr/bin/python3",
+                          "-c",
+                          "import socket, time\n"
+                          "end = time.time() + 3\n"
+                          "while time.time() < end:\n"
+                          "    s = socket.socket(); s.connect_ex(('127.0.0.1', 9)); s.close()\n"})
+        .Wait();
+
+    Json notice;
+    ASSERT_TRUE(TestSupport::WaitUntil(
+        [&] {
+            for (const Json& line : E2E::JsonLines(ReadFile(events))) {
+                if (line->has("hostwarden")) {
+                    notice = line->getObject("hostwarden")->getObject("notice");
+                }
+            }
+            return static_cast<bool>(notice);
+        },
+        30))
+        << "no summary of the dropped events";
+    EXPECT_EQ(notice->getValue<std::string>("action"), "rate-limited");
+    EXPECT_EQ(notice->getValue<int>("limit"), 5000) << "the default";
+    EXPECT_GT(notice->getValue<uint64_t>("dropped"), 0U);
+    const Json user = notice->getArray("users")->getObject(0);
+    EXPECT_EQ(user->getValue<std::string>("id") + " " + user->getValue<std::string>("name"), "65534 nobody");
+    EXPECT_EQ(notice->getArray("programs")->getObject(0)->getValue<std::string>("executable").substr(0, 16),
+              "/usr/bin/python3");
+
+    // Rotated at a megabyte with one archive: the files stay within two megabytes and a turn's lines.
+    struct stat st {};
+    uint64_t bytes = 0;
+    for (const std::string& file : {events, events + ".1"}) {
+        bytes += stat(file.c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    }
+    EXPECT_LT(bytes, 3U << 20);
+    EXPECT_NE(stat((events + ".2").c_str(), &st), 0) << "one archive kept";
+    run->Signal(SIGTERM);
+    EXPECT_EQ(run->Wait(), 0) << run->err;
+}
