@@ -76,8 +76,9 @@ struct Recorded {
 
 const Recorded& RecordedTree()
 {
-    static const Recorded recorded = [] {
-        Recorded r;
+    static const Recorded& recorded = *[] {
+        auto* made = new Recorded;  // kept to the end of the run
+        Recorded& r = *made;
         Engine::FileAuditWatch::RecordInodeInfoRecursive(Tree(), r.index);
         std::vector<std::pair<uint64_t, uint64_t>> all;
         for (const auto& [path, info] : r.index.Entries()) {
@@ -87,7 +88,7 @@ const Recorded& RecordedTree()
         for (int i = 0; i < 1024; ++i) {
             r.probes.push_back(all[random() % all.size()]);
         }
-        return r;
+        return made;
     }();
     return recorded;
 }

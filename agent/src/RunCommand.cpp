@@ -1,6 +1,8 @@
 #include "RunCommand.h"
 
 #include "AgentConfig.h"
+
+#include "FileWatchAuditTask.h"
 #include "RuleText.h"
 
 #include "AuditMessages.h"
@@ -116,6 +118,7 @@ int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::fu
         return Poco::Util::Application::EXIT_CONFIG;
     }
     engine.SetConfigurationFile(configFile);
+    engine.config().setUInt64(Engine::kMaxWatchEntriesSetting, config.maxWatchEntries);
     if (config.cpuShare > 0) {
         SDK::InnerCpuCtrlUtils::Configure(config.cpuShare, kCpuCheckTicks);
     }

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "AuditMessages.h"
+#include "InodeIndex.h"
 
 #include <pthread.h>
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <unordered_map>
@@ -27,6 +29,7 @@ enum FileNotifyKind : uint32_t {
     kNotifyMove = 192,  ///< moved from and moved to: a rename within one directory
     kNotifyCreate = 256,
     kNotifyDelete = 512,
+    kNotifyOverflow = 0x4000,  ///< inotify's IN_Q_OVERFLOW: the watch's index is full; sent whatever the mask
 };
 
 /// One file-watch subscription.
@@ -38,55 +41,6 @@ struct FileNotifyRule {
     bool valid = false;               ///< the slot is in use
     uint32_t id = 0;                  ///< slot index + 1, never changes
     Framework::Task* task = nullptr;  ///< receives the notifications; not owned
-};
-
-/// What the inode index knows of one path.
-struct InodeInfo {
-    uint64_t inode = 0;  ///< st_ino
-    bool isDir = false;  ///< a directory when recorded
-    uint64_t dev = 0;    ///< st_dev
-};
-
-/// The paths under the watched trees that exist, with their inode and device, in path order.
-/// A second index by (inode, device) names a deleted or moved file without a scan of every
-/// entry; it gives exactly what a scan in path order gives: the first such path.
-class InodeIndex {
-public:
-    using Map = std::map<std::string, InodeInfo>;
-
-    /// The entry of path, or null.
-    const InodeInfo* Find(const std::string& path) const;
-    /// Sets (adds or replaces) the entry of path.
-    void Set(const std::string& path, const InodeInfo& info);
-    /// Removes path; false when it was not there.
-    bool Erase(const std::string& path);
-    /// Removes every entry below dir, as IsChildFile decides "below" (dir itself stays).
-    void EraseBelow(const std::string& dir);
-    /// The first path in path order with this inode and device, or empty (second index).
-    std::string PathOf(uint64_t inode, uint64_t dev) const;
-    /// The same answer found by scanning every entry in path order.
-    std::string PathOfByScan(uint64_t inode, uint64_t dev) const;
-
-    const Map& Entries() const { return paths_; }
-    size_t size() const { return paths_.size(); }
-
-private:
-    using Entry = Map::value_type;
-    struct InodeKey {
-        uint64_t inode;
-        uint64_t dev;
-    };
-    // Orders entries by inode, device, then path; an InodeKey sorts before every entry it names.
-    struct ByInode {
-        using is_transparent = void;
-        bool operator()(const Entry* a, const Entry* b) const;
-        bool operator()(const Entry* a, const InodeKey& b) const;
-        bool operator()(const InodeKey& a, const Entry* b) const;
-    };
-    void Unlink(Map::iterator it);
-
-    Map paths_;
-    std::set<const Entry*, ByInode> byInode_;  // points into paths_'s nodes, which never move
 };
 
 /// A pthread mutex that exists between Init and Destroy. Taking one that does not exist fails,
@@ -121,6 +75,7 @@ public:
 
     /// Fills the handler table.
     FileAuditWatch();
+    ~FileAuditWatch();
     FileAuditWatch(const FileAuditWatch&) = delete;
     FileAuditWatch& operator=(const FileAuditWatch&) = delete;
 
@@ -157,9 +112,14 @@ public:
     void SetTask(Framework::Task* task) { task_ = task; }
 
     // ---- inode index (the plain names take the index lock, the Ex names expect it held) ----
-    /// Records path and, for a directory, everything below it.
+    /// Records path; a directory's tree is queued and recorded by ScanStep, a bounded number of
+    /// entries at a time, so a large tree moved in does not hold up the notifications.
     void RecordInodeInfo(const std::string& path);
-    /// Records path (and below) into index, without following symbolic links.
+    /// Records up to budget entries of the queued trees; true while more remain. A watch whose
+    /// tree reaches the index's most entries gets an overflow notification.
+    bool ScanStep(size_t budget);
+    /// Records path and everything below it into index at once, without following symbolic
+    /// links (for tools and measurements).
     static void RecordInodeInfoRecursive(const std::string& path, InodeIndex& index);
     /// Forgets path and, when it was a directory, everything recorded below it.
     void EraseInodeInfo(const std::string& path);
@@ -239,6 +199,8 @@ private:
     // (the one named by its directory, else the last before it), "/", and the entry's own last
     // component; the record's own name when the index does not know that directory.
     std::string CreatedName(const AuditEvent& event, size_t at);
+    // Tells the watchers of each root that its index is full.
+    void NotifyOverflow(const std::vector<std::string>& roots);
     // Every handler's start: false (nothing to do) without an event, PATH records or a SYSCALL
     // record; otherwise extra holds the SYSCALL record's fields, the notification's extra map.
     static bool Prepare(const AuditEventMessage& msg, Extra& extra);
@@ -249,6 +211,8 @@ private:
     WatchLock indexLock_;
     std::vector<FileNotifyRule> rules_;  // guarded by ruleLock_; changed on the task thread only
     InodeIndex index_;                   // guarded by indexLock_
+    struct PendingScan;
+    std::unique_ptr<PendingScan> scan_;  // the trees still to record; guarded by indexLock_
     std::unordered_map<std::string, Handler> handlers_;
     Framework::Task* task_ = nullptr;
 };

@@ -5,7 +5,14 @@
 
 #include "framework/Task.h"
 
+#include <cstdint>
+
 namespace Engine {
+
+/// The engine setting that bounds the entries of each watched tree in the inode index.
+inline constexpr const char* kMaxWatchEntriesSetting = "audit.file_watch.max_entries";
+/// Its value when the agent does not set it: some 100 MB of index per watch at most.
+inline constexpr uint64_t kDefaultMaxWatchEntries = 500000;
 
 /// The task "filewatch_audit_task": other modules subscribe file watches with it; it asks the
 /// audit task for the matching audit watches and turns the audit events that come back into
@@ -17,11 +24,13 @@ class FileWatchAuditTask : public Framework::Task,
 public:
     FileWatchAuditTask();
 
-    /// Sets up the watch's locks and makes this task its owner.
+    /// Sets up the watch's locks, makes this task its owner, and bounds the entries per watch by
+    /// the engine's setting kMaxWatchEntriesSetting.
     int Init() override;
     /// Withdraws this task's audit subscriptions from the audit task.
     void UnInit() override;
-    /// Handles messages until stopped, waking at least every 3 seconds.
+    /// Handles messages until stopped, waking at least every 3 seconds; between turns records
+    /// the trees waiting in the index a bounded number of entries at a time.
     int Run() override;
 
     /// An audit event of one of the watches: notifies the subscribers it concerns. 0.

@@ -15,6 +15,7 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <deque>
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
@@ -95,94 +96,6 @@ private:
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// Inode index
-// ---------------------------------------------------------------------------------------------
-
-bool InodeIndex::ByInode::operator()(const Entry* a, const Entry* b) const
-{
-    return std::tie(a->second.inode, a->second.dev, a->first) < std::tie(b->second.inode, b->second.dev, b->first);
-}
-
-bool InodeIndex::ByInode::operator()(const Entry* a, const InodeKey& b) const
-{
-    return std::tie(a->second.inode, a->second.dev) < std::tie(b.inode, b.dev);
-}
-
-bool InodeIndex::ByInode::operator()(const InodeKey& a, const Entry* b) const
-{
-    return std::tie(a.inode, a.dev) < std::tie(b->second.inode, b->second.dev);
-}
-
-const InodeInfo* InodeIndex::Find(const std::string& path) const
-{
-    const auto it = paths_.find(path);
-    return it == paths_.end() ? nullptr : &it->second;
-}
-
-void InodeIndex::Set(const std::string& path, const InodeInfo& info)
-{
-    const auto [it, added] = paths_.try_emplace(path, info);
-    if (!added) {
-        byInode_.erase(&*it);  // its place in the second index depends on the old inode
-        it->second = info;
-    }
-    byInode_.insert(&*it);
-}
-
-void InodeIndex::Unlink(Map::iterator it)
-{
-    byInode_.erase(&*it);
-    paths_.erase(it);
-}
-
-bool InodeIndex::Erase(const std::string& path)
-{
-    const auto it = paths_.find(path);
-    if (it == paths_.end()) {
-        return false;
-    }
-    Unlink(it);
-    return true;
-}
-
-void InodeIndex::EraseBelow(const std::string& dir)
-{
-    // The paths below dir share the prefix dir + "/" (or dir itself when it ends in "/"), and
-    // paths with one prefix are neighbours in path order.
-    if (dir.empty()) {
-        return;  // nothing lies below an empty path
-    }
-    const std::string prefix = dir.back() == '/' ? dir : dir + "/";
-    auto it = paths_.lower_bound(prefix);
-    while (it != paths_.end() && it->first.compare(0, prefix.size(), prefix) == 0) {
-        if (it->first.size() > dir.size()) {
-            Unlink(it++);
-        } else {
-            ++it;
-        }
-    }
-}
-
-std::string InodeIndex::PathOf(uint64_t inode, uint64_t dev) const
-{
-    const auto it = byInode_.lower_bound(InodeKey{inode, dev});
-    if (it == byInode_.end() || (*it)->second.inode != inode || (*it)->second.dev != dev) {
-        return {};
-    }
-    return (*it)->first;
-}
-
-std::string InodeIndex::PathOfByScan(uint64_t inode, uint64_t dev) const
-{
-    for (const auto& [path, info] : paths_) {
-        if (info.inode == inode && info.dev == dev) {
-            return path;
-        }
-    }
-    return {};
-}
-
-// ---------------------------------------------------------------------------------------------
 // Locks
 // ---------------------------------------------------------------------------------------------
 
@@ -259,12 +172,19 @@ uint32_t FileAuditWatch::AddFileNotifyRule(FileNotifyRule rule)
 
 void FileAuditWatch::RmFileNotifyRule(uint32_t id)
 {
-    Locked lock(ruleLock_);
-    if (!lock || id == 0 || id > rules_.size()) {
-        return;
+    std::string path;
+    {
+        Locked lock(ruleLock_);
+        if (!lock || id == 0 || id > rules_.size() || !rules_[id - 1].valid) {
+            return;
+        }
+        rules_[id - 1].valid = false;
+        path.swap(rules_[id - 1].path);
     }
-    rules_[id - 1].valid = false;
-    rules_[id - 1].path.clear();
+    Locked lock(indexLock_);
+    if (lock) {
+        index_.RemoveRoot(path);
+    }
 }
 
 bool FileAuditWatch::CompareRule(const FileNotifyRule& a, const FileNotifyRule& b)
@@ -326,6 +246,12 @@ uint32_t FileAuditWatch::AddFileWatch(const AuditFileSystemCtrlMessage& msg)
         return 0;
     }
     const uint32_t id = AddFileNotifyRule(rule);
+    {
+        Locked lock(indexLock_);
+        if (lock) {
+            index_.AddRoot(rule.path);
+        }
+    }
     RecordInodeInfo(rule.path);
     return id;
 }
@@ -341,21 +267,31 @@ uint32_t FileAuditWatch::RmFileWatch(const AuditFileSystemCtrlMessage& msg)
 
 std::vector<std::string> FileAuditWatch::RmFileWatchesOf(const Framework::Task* task)
 {
-    Locked lock(ruleLock_);
-    if (!lock) {
-        return {};
-    }
     std::set<std::string> freed;
-    for (FileNotifyRule& rule : rules_) {
-        if (rule.valid && rule.task == task) {
-            freed.insert(rule.path);
-            rule.valid = false;
-            rule.path.clear();
+    std::vector<std::string> roots;
+    {
+        Locked lock(ruleLock_);
+        if (!lock) {
+            return {};
+        }
+        for (FileNotifyRule& rule : rules_) {
+            if (rule.valid && rule.task == task) {
+                freed.insert(rule.path);
+                rule.valid = false;
+                roots.push_back(std::move(rule.path));
+                rule.path.clear();
+            }
+        }
+        for (const FileNotifyRule& rule : rules_) {
+            if (rule.valid) {
+                freed.erase(rule.path);  // another subscriber still needs its audit watch
+            }
         }
     }
-    for (const FileNotifyRule& rule : rules_) {
-        if (rule.valid) {
-            freed.erase(rule.path);  // another subscriber still needs its audit watch
+    Locked lock(indexLock_);
+    for (const std::string& root : roots) {
+        if (lock) {
+            index_.RemoveRoot(root);
         }
     }
     return {freed.begin(), freed.end()};
@@ -413,14 +349,6 @@ std::vector<FileNotifyRule> FileAuditWatch::Rules()
 // Inode index operations
 // ---------------------------------------------------------------------------------------------
 
-void FileAuditWatch::RecordInodeInfo(const std::string& path)
-{
-    Locked lock(indexLock_);
-    if (lock) {
-        RecordInodeInfoRecursive(path, index_);
-    }
-}
-
 namespace {
 
 InodeInfo InfoOf(const struct stat& st)
@@ -428,77 +356,175 @@ InodeInfo InfoOf(const struct stat& st)
     return InodeInfo{static_cast<uint64_t>(st.st_ino), S_ISDIR(st.st_mode), static_cast<uint64_t>(st.st_dev)};
 }
 
-// Records the directory open as fd (known as path, its entry info) and everything below it. Each
-// child directory is opened relative to its parent's descriptor without following a link, and
-// descended into only when it is the directory its entry was: a link or another directory swapped
-// in while the walk runs leads nowhere outside the tree.
-void RecordDirectory(int fd, const std::string& path, const InodeInfo& info, InodeIndex& index, int depth)
+bool SameEntry(const InodeInfo* known, const InodeInfo& info)
 {
-    const InodeInfo* known = index.Find(path);
-    if (known != nullptr && known->inode == info.inode && known->isDir) {
-        close(fd);
-        return;  // scanned already: ends loops and repeated scans
-    }
-    index.Set(path, info);
-    DIR* dir = fdopendir(fd);
-    if (dir == nullptr) {
-        close(fd);
-        return;
-    }
-    std::vector<std::pair<std::string, InodeInfo>> subdirs;
-    while (const dirent* entry = readdir(dir)) {
-        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
-            continue;
-        }
-        std::string child = path + "/" + entry->d_name;
-        struct stat st {};
-        if (child.size() > kMaxPathLength || fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-            continue;
-        }
-        if (S_ISDIR(st.st_mode)) {
-            subdirs.emplace_back(entry->d_name, InfoOf(st));
-        } else {
-            index.Set(child, InfoOf(st));
-        }
-    }
-    for (const auto& [name, childInfo] : subdirs) {
-        const std::string child = path + "/" + name;
-        const int childFd = depth < kMaxWalkDepth ? openat(fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1;
-        struct stat opened {};
-        if (childFd < 0 || fstat(childFd, &opened) != 0 || InfoOf(opened).inode != childInfo.inode ||
-            InfoOf(opened).dev != childInfo.dev) {
-            if (childFd >= 0) {
-                close(childFd);
-            }
-            index.Set(child, childInfo);  // known, but not walked: it changed under the walk
-            continue;
-        }
-        RecordDirectory(childFd, child, childInfo, index, depth + 1);
-    }
-    closedir(dir);  // closes fd
+    return known != nullptr && known->inode == info.inode && known->dev == info.dev && known->isDir == info.isDir;
 }
 
 }  // namespace
 
+// The directories whose entries are still to be recorded, read one after the other: the one
+// being read stays open between steps, the others wait by path with the inode they had. Each is
+// opened without following a link and read only when it is still the directory it was when its
+// entry was recorded (and the index still holds that entry), so a link or another directory
+// swapped in leads nowhere outside the tree, and a tree moved away or deleted meanwhile is left.
+struct FileAuditWatch::PendingScan {
+    struct Directory {
+        std::string path;
+        InodeInfo info;
+        int depth = 0;
+    };
+    std::deque<Directory> queue;
+    DIR* reading = nullptr;  // the front's stream, once opened
+
+    ~PendingScan() { Close(); }
+
+    void Close()
+    {
+        if (reading != nullptr) {
+            closedir(reading);
+            reading = nullptr;
+        }
+    }
+
+    // Records path; a directory not recorded with the same inode before waits to be read.
+    void Add(const std::string& path, InodeIndex& index, std::vector<std::string>& full, int depth = 0)
+    {
+        struct stat st {};
+        if (lstat(path.c_str(), &st) != 0) {
+            return;
+        }
+        Record(path, InfoOf(st), index, full, depth);
+    }
+
+    void Record(const std::string& path, const InodeInfo& info, InodeIndex& index, std::vector<std::string>& full,
+                int depth)
+    {
+        if (info.isDir && SameEntry(index.Find(path), info)) {
+            return;  // recorded already: ends loops and repeated scans
+        }
+        std::string overflowed;
+        if (!index.Set(path, info, &overflowed)) {
+            if (!overflowed.empty()) {
+                full.push_back(overflowed);
+            }
+            return;
+        }
+        if (info.isDir && depth < kMaxWalkDepth) {
+            queue.push_back(Directory{path, info, depth});
+        }
+    }
+
+    // Reads the front directory's entries, up to budget of them; the number read.
+    size_t Step(size_t budget, InodeIndex& index, std::vector<std::string>& full)
+    {
+        size_t done = 0;
+        while (done < budget && !queue.empty()) {
+            const Directory& front = queue.front();
+            if (reading == nullptr && !Open(front, index)) {
+                queue.pop_front();
+                continue;
+            }
+            const int fd = dirfd(reading);
+            const dirent* entry = readdir(reading);
+            if (entry == nullptr) {
+                Close();
+                queue.pop_front();
+                continue;
+            }
+            ++done;
+            if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {
+                continue;
+            }
+            std::string child = front.path == "/" ? "/" + std::string(entry->d_name) : front.path + "/" + entry->d_name;
+            struct stat st {};
+            if (child.size() > kMaxPathLength || fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+                continue;
+            }
+            Record(child, InfoOf(st), index, full, front.depth + 1);
+        }
+        return done;
+    }
+
+private:
+    bool Open(const Directory& directory, InodeIndex& index)
+    {
+        if (!SameEntry(index.Find(directory.path), directory.info) || index.Full(directory.path + "/")) {
+            return false;  // gone from the index since, or its watch cannot take more
+        }
+        const int fd = open(directory.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        struct stat st {};
+        if (fd < 0 || fstat(fd, &st) != 0 || !SameEntry(&directory.info, InfoOf(st))) {
+            if (fd >= 0) {
+                close(fd);
+            }
+            return false;  // not the directory its entry was: known, but not walked
+        }
+        reading = fdopendir(fd);
+        if (reading == nullptr) {
+            close(fd);
+            return false;
+        }
+        return true;
+    }
+};
+
+FileAuditWatch::~FileAuditWatch() = default;
+
+void FileAuditWatch::RecordInodeInfo(const std::string& path)
+{
+    std::vector<std::string> full;
+    {
+        Locked lock(indexLock_);
+        if (!lock) {
+            return;
+        }
+        if (!scan_) {
+            scan_ = std::make_unique<PendingScan>();
+        }
+        scan_->Add(path, index_, full);
+    }
+    NotifyOverflow(full);
+}
+
+bool FileAuditWatch::ScanStep(size_t budget)
+{
+    std::vector<std::string> full;
+    bool more = false;
+    {
+        Locked lock(indexLock_);
+        if (!lock || !scan_) {
+            return false;
+        }
+        scan_->Step(budget, index_, full);
+        more = !scan_->queue.empty();
+    }
+    NotifyOverflow(full);
+    return more;
+}
+
 void FileAuditWatch::RecordInodeInfoRecursive(const std::string& path, InodeIndex& index)
 {
-    struct stat st {};
-    if (lstat(path.c_str(), &st) != 0) {
-        return;
+    PendingScan scan;
+    std::vector<std::string> full;
+    scan.Add(path, index, full);
+    while (!scan.queue.empty()) {
+        scan.Step(SIZE_MAX, index, full);
     }
-    if (!S_ISDIR(st.st_mode)) {
-        index.Set(path, InfoOf(st));
-        return;
-    }
-    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    struct stat opened {};
-    if (fd < 0 || fstat(fd, &opened) != 0 || opened.st_ino != st.st_ino || opened.st_dev != st.st_dev) {
-        if (fd >= 0) {
-            close(fd);
+}
+
+void FileAuditWatch::NotifyOverflow(const std::vector<std::string>& roots)
+{
+    for (const std::string& root : roots) {
+        AUDIT_LOG_WARN("The file watch of %s holds its most entries (%s); what is made beyond them is named by the "
+                       "audit records alone.", root, std::to_string(index_.MaxEntriesPerRoot()));
+        for (const FileNotifyRule& rule : Rules()) {
+            if (rule.valid && rule.task != nullptr && InodeIndex::Canonical(rule.path) == root) {
+                rule.task->SendAgileMsg(rule.task, new AuditEventMessage(rule.task, rule.path, "", kNotifyOverflow,
+                                                                         true, Extra()));
+            }
         }
-        return;  // not the directory lstat saw
     }
-    RecordDirectory(fd, path, InfoOf(st), index, 0);
 }
 
 void FileAuditWatch::EraseInodeInfo(const std::string& path)

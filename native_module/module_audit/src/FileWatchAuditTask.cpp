@@ -3,12 +3,17 @@
 #include "AuditConstants.h"
 #include "AuditLogging.h"
 
+#include "framework/Engine.h"
+
 namespace Engine {
 
 namespace {
 
 constexpr int kWaitMs = 3000;
 constexpr int kMessagesPerTurn = 128;
+// Entries of queued trees recorded per turn (a few milliseconds), so a large tree moved into a
+// watch is recorded between the messages instead of before them.
+constexpr size_t kScanEntriesPerTurn = 2048;
 // The audit watch asks the kernel for writes and attribute changes (w and a) whatever the
 // subscriber's mask: the mask is applied to the notifications.
 constexpr unsigned kAuditWatchPerm = 10;
@@ -25,15 +30,22 @@ int FileWatchAuditTask::Init()
     AUDIT_LOG_INFO("Init task(%s).", GetName());
     watch_.InitFileWatchLock();
     watch_.SetTask(this);
+    if (Framework::Engine* engine = Framework::Engine::Current()) {
+        watch_.Index().SetMaxEntriesPerRoot(
+            engine->config().getUInt64(kMaxWatchEntriesSetting, kDefaultMaxWatchEntries));
+    }
+    AUDIT_LOG_INFO("A file watch holds at most %s entries.", std::to_string(watch_.Index().MaxEntriesPerRoot()));
     return Framework::Task::Init();
 }
 
 int FileWatchAuditTask::Run()
 {
+    bool scanning = false;
     while (GetState() != Framework::kTaskStop) {
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) < 0) {
+        if (GetEventWaiter().WaitAndHandleEvent(scanning ? 0 : kWaitMs, kMessagesPerTurn) < 0) {
             BulkConsumeMsg(kMessagesPerTurn);
         }
+        scanning = watch_.ScanStep(kScanEntriesPerTurn);
     }
     return 0;
 }

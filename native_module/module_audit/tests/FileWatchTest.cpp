@@ -127,10 +127,11 @@ TEST(FileWatchPaths, CoverageFollowsTheRecursiveFlagAndWholeNames)
 }
 
 // The index holds what the rules say it holds, and the second index names exactly what the scan
-// in path order names, whatever happened.
+// in path order names, whatever happened (names chosen so that '/' and the bytes around it decide
+// the order: "/w/a/b" sorts after "/w/a-b" and before "/w/a0").
 TEST(FileWatchIndex, ChangesKeepToTheRulesAndTheInodeLookupAgreesWithTheScan)
 {
-    const char* names[] = {"/w", "/w/a", "/w/a/b", "/w/b", "/w/ab", "/w/a/c", "/x", "/w/", ""};
+    const char* names[] = {"/w", "/w/a", "/w/a/b", "/w/b", "/w/ab", "/w/a/c", "/x", "/w/a-b", "/w/a0", "/w/a/b/c", "/"};
     std::mt19937_64 next(20261122);
     InodeIndex index;
     std::map<std::string, uint64_t> model;  // path to inode, kept with the rules themselves
@@ -155,10 +156,43 @@ TEST(FileWatchIndex, ChangesKeepToTheRulesAndTheInodeLookupAgreesWithTheScan)
             held[key] = info.inode * 2 + info.dev;
         }
         ASSERT_EQ(held, model) << "round " << round;
+        ASSERT_EQ(index.size(), model.size());
         for (uint64_t inode = 0; inode < 8; ++inode) {
             ASSERT_EQ(index.PathOf(inode / 2, inode % 2), index.PathOfByScan(inode / 2, inode % 2)) << "round " << round;
         }
     }
+}
+
+// A watched tree holds at most its set number of entries; the first refusal names the watch, and
+// it is named again only after it has had room again. Paths are one however their slashes fall.
+TEST(FileWatchIndex, AWatchHoldsAtMostItsEntriesAndNamesItselfOnceWhenFull)
+{
+    InodeIndex index;
+    index.SetMaxEntriesPerRoot(3);
+    index.AddRoot("/w/");
+    std::string full;
+    const auto set = [&](const char* path) {
+        const bool added = index.Set(path, InodeInfo{7, false, 1}, &full);
+        return std::string(added ? "added" : "refused") + (full.empty() ? "" : " naming " + full);
+    };
+    EXPECT_EQ(set("/w"), "added") << "the watched path itself is not counted";
+    EXPECT_EQ(set("/w/a"), "added");
+    EXPECT_EQ(set("/w/sub/b"), "added");
+    EXPECT_EQ(set("/w/sub"), "added");
+    EXPECT_EQ(set("/w/c"), "refused naming /w");
+    EXPECT_EQ(set("/w/sub/d"), "refused") << "named once";
+    EXPECT_EQ(set("/w/a"), "added") << "a known entry may change";
+    EXPECT_EQ(set("/x/y"), "added") << "outside the watch";
+    EXPECT_TRUE(index.Full("/w/anything") && !index.Full("/x/z"));
+    index.EraseBelow("/w/sub");
+    EXPECT_EQ(set("/w/c"), "added");
+    EXPECT_EQ(set("/w//d/"), "refused naming /w") << "full again after having had room";
+    index.RemoveRoot("/w");
+    EXPECT_EQ(set("/w/d"), "added") << "no longer a watch";
+    EXPECT_EQ(index.size(), 6U);
+    ASSERT_NE(index.Find("/w//d/"), nullptr);
+    EXPECT_EQ(index.PathOf(7, 1), "/w") << "the first of the hard links in byte order";
+    EXPECT_EQ(InodeIndex::Canonical("//w//d/") + " " + InodeIndex::Canonical("/"), "/w/d /");
 }
 
 namespace {
@@ -296,6 +330,8 @@ TEST(FileWatchEvents, TheIndexFollowsCreatesMovesAndDeletes)
         return Record(path, std::to_string(st.st_ino), type, mode);
     };
     const auto known = [&] {
+        while (watch.ScanStep(2)) {
+        }
         Notes paths;
         for (const auto& [path, info] : watch.Index().Entries()) {
             paths.push_back("W" + path.substr(w.size()) + (info.isDir ? "/" : ""));
@@ -368,6 +404,47 @@ TEST(FileWatchEvents, LinksSwappedInRedirectNothing)
     EXPECT_FALSE(escaped) << "the walk followed a link swapped in for a directory";
 }
 
+// A tree is recorded a bounded number of entries at a time, so notifications go out meanwhile;
+// a watch whose tree passes its most entries sends one overflow notification naming it.
+TEST(FileWatchEvents, ATreeIsRecordedInStepsAndAFullWatchSendsOneOverflow)
+{
+    TestSupport::TempDir dir;
+    const std::string w = dir.path() + "/w";
+    for (int i = 0; i < 300; ++i) {
+        dir.Write("w/d" + std::to_string(i % 3) + "/f" + std::to_string(i), "");
+    }
+    FileAuditWatch watch;
+    ASSERT_TRUE(watch.InitFileWatchLock());
+    Subscriber sink("sink");
+    watch.AddFileWatch(WatchMessage(&sink, w, kAllKinds, true));
+    EXPECT_EQ(watch.Index().size(), 1U) << "the tree waits to be read";
+    EXPECT_TRUE(watch.ScanStep(50));
+    const size_t afterOne = watch.Index().size();
+    EXPECT_GT(afterOne, 1U);
+    EXPECT_LE(afterOne, 52U);
+    struct stat st {};
+    ASSERT_EQ(stat(w.c_str(), &st), 0);
+    dir.Write("w/new", "");
+    const std::string parent = Record(w, std::to_string(st.st_ino), "PARENT", "040755");
+    EXPECT_EQ(Notify(watch, sink, Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, Record("new", "9", "CREATE")}), w),
+              Notes{"256 W/new"}) << "a notification between two steps";
+    while (watch.ScanStep(50)) {
+    }
+    EXPECT_EQ(watch.Index().size(), 305U) << "the watched directory, three below it, their files, and new";
+    EXPECT_TRUE(Take(sink, w).empty());
+
+    FileAuditWatch small;
+    ASSERT_TRUE(small.InitFileWatchLock());
+    small.Index().SetMaxEntriesPerRoot(100);
+    small.AddFileWatch(WatchMessage(&sink, w, kNotifyCreate, true));
+    while (small.ScanStep(1000)) {
+    }
+    EXPECT_EQ(small.Index().size(), 101U);
+    EXPECT_EQ(Take(sink, w), Notes{"16384 W dir"}) << "once, naming the watch";
+    EXPECT_EQ(Notify(small, sink, Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, Record("new", "9", "CREATE")}), w),
+              Notes{"256 W/new"}) << "creates are still reported";
+}
+
 namespace {
 
 // Stands in for "audit_task": records the control messages that reach it.
@@ -419,6 +496,7 @@ TEST(FileWatchTask, AsksTheAuditTaskForEachNewWatchAndEachRemovalOfAHeldOne)
     EXPECT_EQ(task.Receive(WatchMessage(&one, dir.path(), kNotifyCreate, true)), 0);
     EXPECT_EQ(task.Receive(WatchMessage(&one, dir.path(), kNotifyCreate, true)), 0);
     EXPECT_EQ(audit.Take(), Notes{"-w " + wa}) << "the same rule of one task goes once";
+    EXPECT_FALSE(task.Watch().ScanStep(100));
     EXPECT_EQ(task.Watch().Index().size(), 2U) << "the tree is indexed";
     task.Receive(WatchMessage(&two, dir.path(), kNotifyCreate, true));
     EXPECT_EQ(audit.Take(), Notes{"-w " + wa}) << "another task's rule is its own";

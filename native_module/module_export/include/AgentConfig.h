@@ -2,6 +2,8 @@
 
 #include "EventLines.h"
 
+#include "FileWatchAuditTask.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -34,6 +36,7 @@ struct OutputSettings {
 /// The agent's configuration file (JSON):
 ///   {"log": {"level": "information", "file": ""},
 ///    "cpu": {"share": 0},
+///    "file_watch": {"max_entries": 500000},
 ///    "output": {"file": "...", "rotate_size": "10 M", "keep": 5, "stdout": true,
 ///               "format": "ecs", "original": false, "max_args_bytes": 65536},
 ///    "subscriptions": [{"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve"},
@@ -45,6 +48,7 @@ struct AgentConfig {
     std::string logLevel = "information";
     std::string logFile;
     double cpuShare = 0;  ///< processor share of the agent's threads; 0 for no limit
+    uint64_t maxWatchEntries = Engine::kDefaultMaxWatchEntries;  ///< inode index entries per watched tree
     OutputSettings output;
     std::vector<Subscription> subscriptions;
 };

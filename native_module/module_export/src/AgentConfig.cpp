@@ -28,6 +28,7 @@ constexpr uint32_t kKnownKinds = Engine::kNotifyAccess | Engine::kNotifyModify |
                                  Engine::kNotifyMove | Engine::kNotifyCreate | Engine::kNotifyDelete;
 const std::string kInstallation = "$INSTALLATION";
 constexpr long kMaxRateLimit = 1000000;
+constexpr long kMaxWatchEntries = 100000000;
 
 // Walks one JSON object: each known key's reader is called with its value; an unknown key, or a
 // reader's complaint, ends the walk with an error that names the entry.
@@ -114,6 +115,19 @@ Reader::Read Rotation(uint64_t& out)
                       "at least 4 K)";
             return false;
         }
+        return true;
+    };
+}
+
+// Entries of one watched tree in the inode index.
+Reader::Read WatchEntries(uint64_t& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isInteger() || v.convert<long>() < 1 || v.convert<long>() > kMaxWatchEntries) {
+            problem = "must be a whole number from 1 to " + std::to_string(kMaxWatchEntries);
+            return false;
+        }
+        out = v.convert<uint64_t>();
         return true;
     };
 }
@@ -313,6 +327,9 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
         root, "",
         {{"log", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "log", {{"level", Text(config.logLevel)}, {"file", Text(config.logFile)}});
+          }},
+         {"file_watch", [&](const Poco::Dynamic::Var& v, std::string&) {
+              return reader.Walk(v, "file_watch", {{"max_entries", WatchEntries(config.maxWatchEntries)}});
           }},
          {"cpu", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "cpu", {{"share", Share(config.cpuShare)}});

@@ -100,6 +100,7 @@ std::string NotificationKindName(int kind)
     case Engine::kNotifyMove: return "move";
     case Engine::kNotifyCreate: return "create";
     case Engine::kNotifyDelete: return "delete";
+    case Engine::kNotifyOverflow: return "overflow";
     default: return std::to_string(kind);
     }
 }

@@ -257,7 +257,10 @@ const std::string& ExportTask::NotificationTag(const Engine::AuditEventResult& r
     static const std::string kNone;
     std::vector<const Subscription*> covering;
     for (const Subscription& s : config_.subscriptions) {
-        if (!s.watch.empty() && (s.events & static_cast<uint32_t>(result.event)) != 0 && Covers(s, result.path)) {
+        // An overflow names the watch itself, whatever kinds it asked for.
+        const bool wanted = result.event == Engine::kNotifyOverflow ? s.watch == result.path
+                                                                     : (s.events & static_cast<uint32_t>(result.event)) != 0;
+        if (!s.watch.empty() && wanted && Covers(s, result.path)) {
             covering.push_back(&s);
         }
     }

@@ -22,6 +22,7 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
     ASSERT_TRUE(Export::ParseAgentConfig(R"({
         "log": {"level": "debug"},
         "cpu": {"share": 0.25},
+        "file_watch": {"max_entries": 1000},
         "output": {"file": "var/events.jsonl", "rotate_size": "1 M", "keep": 2, "stdout": false},
         "subscriptions": [
             {"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve", "rate_limit": 0},
@@ -31,6 +32,7 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
     EXPECT_EQ(config.logLevel + " " + std::to_string(config.cpuShare).substr(0, 4), "debug 0.25");
     EXPECT_EQ(config.output.file + " " + std::to_string(config.output.rotateBytes) + " " + std::to_string(config.output.keep), installation + "var/events.jsonl 1048576 2");
     EXPECT_FALSE(config.output.toStdout);
+    EXPECT_EQ(config.maxWatchEntries, 1000U);
     ASSERT_EQ(config.subscriptions.size(), 3U);
     EXPECT_EQ(config.subscriptions[0].syscall, "exit,always -F arch=b64 -S execve");
     EXPECT_EQ(config.subscriptions[1].watch + " " + std::to_string(config.subscriptions[1].events), home.path() + " 768");
@@ -117,12 +119,12 @@ TEST(ExportTask, NotificationsCarryTheTagsOfTheWatchesThatCoverThem)
     std::string tags;
     for (const auto& [path, kind] : {std::pair<const char*, int>{"/etc/passwd", 2}, {"/etc/passwd", 2}, {"/etc/ssh/x", 256},
                                      {"/etc/ssh/x", 256}, {"/etc/ssh/x", 256}, {"/etc/ssh/x", 512}, {"/etc/ssh/x", 512},
-                                     {"/etcd/x", 2}, {"/var/x", 2}}) {
+                                     {"/etcd/x", 2}, {"/var/x", 2}, {"/etc/ssh", 0x4000}}) {
         tags += task.NotificationTag(Engine::AuditEventMessage(nullptr, path, "", kind, false, {}).result) + " ";
     }
     // A repeat of the same notification is the next covering rule's copy; ssh wants no deletes,
-    // etcd covers no /etc/ssh, and / wants deletes only.
-    EXPECT_EQ(tags, "etc etc etc ssh etc etc root etcd  ");
+    // etcd covers no /etc/ssh, and / wants deletes only. An overflow names the watch itself.
+    EXPECT_EQ(tags, "etc etc etc ssh etc etc root etcd  ssh ");
 }
 
 namespace {
