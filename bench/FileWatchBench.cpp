@@ -1,6 +1,8 @@
 // The file-watch engine's inode index on a real tree of 100,000 files:
 //   BM_RecordTree         recording the whole tree (lstat and directory reading), time and memory
 //                         per entry
+//   BM_RecordLinks        memory per entry of 50,000 hard links of one file in a directory whose
+//                         paths are some 1.8 KB long (what a user can make under a watch)
 //   BM_PathByInode/scan   naming a file by inode and device the way the index is kept, one scan of
 //                         every entry in path order
 //   BM_PathByInode/index  the same answer through the index by (inode, device)
@@ -67,6 +69,46 @@ void BM_RecordTree(benchmark::State& state)
     state.counters["bytes_per_entry"] = static_cast<double>(bytes) / static_cast<double>(entries);
 }
 BENCHMARK(BM_RecordTree)->Unit(benchmark::kMillisecond);
+
+// 50,000 hard links to one file, in a directory eight levels of 220-byte names deep.
+const std::string& LinkTree()
+{
+    static const std::string deep = [] {
+        std::string dir = "/tmp/hw_bench_links_" + std::to_string(getpid());
+        mkdir(dir.c_str(), 0755);
+        std::atexit([] { std::system(("rm -rf /tmp/hw_bench_links_" + std::to_string(getpid())).c_str()); });
+        for (int level = 0; level < 8; ++level) {
+            dir += "/" + std::string(220, static_cast<char>('a' + level));
+            mkdir(dir.c_str(), 0755);
+        }
+        const std::string target = dir + "/target";
+        std::fclose(std::fopen(target.c_str(), "w"));
+        for (int i = 0; i < 50000; ++i) {
+            link(target.c_str(), (dir + "/link-" + std::to_string(i)).c_str());
+        }
+        return dir;
+    }();
+    return deep;
+}
+
+void BM_RecordLinks(benchmark::State& state)
+{
+    const std::string& dir = LinkTree();
+    size_t entries = 0;
+    size_t bytes = 0;
+    for (auto _ : state) {
+        const size_t before = HeapInUse();
+        Engine::InodeIndex index;
+        Engine::FileAuditWatch::RecordInodeInfoRecursive(dir, index);
+        entries = index.size();
+        bytes = HeapInUse() - before;
+        benchmark::DoNotOptimize(index);
+    }
+    state.counters["entries"] = static_cast<double>(entries);
+    state.counters["path_bytes"] = static_cast<double>(dir.size() + 12);
+    state.counters["bytes_per_entry"] = static_cast<double>(bytes) / static_cast<double>(entries);
+}
+BENCHMARK(BM_RecordLinks)->Unit(benchmark::kMillisecond)->Iterations(3);
 
 // The index of the tree, and the (inode, device) of some of its files, picked at random.
 struct Recorded {

@@ -4,6 +4,8 @@
 
 #include "sdk/StrUtils.h"
 
+using TestSupport::ReadFile;
+
 #include <sys/inotify.h>
 
 #include <regex>
@@ -140,6 +142,75 @@ TEST_F(FileWatchKernel, RealActionsGiveTheNotificationsTheModuleSynthesises)
         EXPECT_EQ(kernel, Notes(action[2])) << action[0];
         EXPECT_EQ(action[1] == action[2], action[3].empty()) << action[0] << ": a difference needs its reason, and a reason its difference";
     }
+    agent_->Signal(SIGTERM);
+    EXPECT_EQ(agent_->Wait(), 0) << agent_->err;
+}
+
+namespace {
+
+// The agent's resident memory in bytes (VmRSS of /proc/PID/status).
+uint64_t ResidentBytes(int pid)
+{
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::stoull(line.substr(6)) * 1024;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+// 50,000 hard links with paths of some 1.8 KB, made by an unprivileged user under a watch: the
+// agent that records them grows by less than 500 bytes a link over one that watches an empty
+// directory, and a file made afterwards is reported as ever.
+TEST_F(FileWatchKernel, AHardLinkFloodWithLongPathsCostsLittleAndLeavesTheWatchWorking)
+{
+    const std::string flood = dir_ + "/flood";
+    std::filesystem::create_directories(flood);
+    std::filesystem::create_directories(dir_ + "/empty");
+    chmod(dir_.c_str(), 0755);
+    chmod(flood.c_str(), 0777);
+    const std::string script = "import os, sys\n"
+                               "d = sys.argv[1]\n"
+                               "for level in range(8):\n"
+                               "    d = os.path.join(d, chr(97 + level) * 220); os.mkdir(d)\n"
+                               "t = os.path.join(d, 'target'); open(t, 'w').close()\n"
+                               "for i in range(50000):\n"
+                               "    os.link(t, os.path.join(d, 'link-%d' % i))\n"
+                               "print(d)\n";
+    TestSupport::Program linker({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                 "/usr/bin/python3", "-c", script, flood});
+    ASSERT_EQ(linker.Wait(120), 0) << linker.err;
+    const std::string deep = SDK::StrUtils::Trim(linker.out);
+    ASSERT_GT((deep + "/link-49999").size(), 1800U);
+
+    const std::string events = dir_ + "/events.jsonl";
+    const auto start = [&](const std::string& watched) {
+        std::ofstream(home_ + "/etc/hostwarden.json") << R"({"output": {"file": ")" << events
+            << R"(", "stdout": false, "format": "flat"},
+            "subscriptions": [{"tag": "t", "watch": ")" << watched << R"(", "recursive": true}]})";
+        agent_ = Hostwarden({"run"});
+        EXPECT_TRUE(agent_->WaitFor("Every subscription is installed in the kernel.", false)) << agent_->err;
+        EXPECT_TRUE(agent_->WaitFor("Recorded the watched trees", false)) << agent_->err;
+        return ResidentBytes(agent_->Pid());
+    };
+    const uint64_t empty = start(dir_ + "/empty");
+    agent_->Signal(SIGTERM);
+    ASSERT_EQ(agent_->Wait(), 0) << agent_->err;
+    const uint64_t full = start(flood);
+    EXPECT_NE(agent_->err.find("Recorded the watched trees: 50010 entries"), std::string::npos)
+        << "the flood directory, eight levels, the target and its links: " << agent_->err;
+    const int64_t grown = static_cast<int64_t>(full) - static_cast<int64_t>(empty);
+    std::cout << "The agent holding 50,000 links is " << grown / 1024 << " KiB larger (" << grown / 50000
+              << " bytes a link).\n";
+    EXPECT_LT(grown, 50000 * 500) << "at most 500 bytes a link";
+
+    const std::string after = deep + "/made-after-the-flood";
+    std::ofstream(after) << "x";
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return ReadFile(events).find("\"" + after + "\"") != std::string::npos; }, 30))
+        << "the create after the flood was not reported";
     agent_->Signal(SIGTERM);
     EXPECT_EQ(agent_->Wait(), 0) << agent_->err;
 }

@@ -118,6 +118,8 @@ public:
     /// Records up to budget entries of the queued trees; true while more remain. A watch whose
     /// tree reaches the index's most entries gets an overflow notification.
     bool ScanStep(size_t budget);
+    /// True while trees wait to be recorded.
+    bool Scanning();
     /// Records path and everything below it into index at once, without following symbolic
     /// links (for tools and measurements).
     static void RecordInodeInfoRecursive(const std::string& path, InodeIndex& index);

@@ -89,7 +89,7 @@ private:
         bool operator==(const ChildKey& o) const { return parent == o.parent && name == o.name; }
     };
     struct ChildHash {
-        size_t operator()(const ChildKey& k) const;
+        size_t operator()(const ChildKey& k) const noexcept;  // noexcept: the map keeps no hash per entry
     };
     struct InodeKey {
         uint64_t inode;
@@ -97,7 +97,7 @@ private:
         bool operator==(const InodeKey& o) const { return inode == o.inode && dev == o.dev; }
     };
     struct InodeHash {
-        size_t operator()(const InodeKey& k) const;
+        size_t operator()(const InodeKey& k) const noexcept;
     };
     // Orders nodes by their paths in byte order, without building them.
     struct PathOrder {

@@ -503,6 +503,12 @@ bool FileAuditWatch::ScanStep(size_t budget)
     return more;
 }
 
+bool FileAuditWatch::Scanning()
+{
+    Locked lock(indexLock_);
+    return lock && scan_ && !scan_->queue.empty();
+}
+
 void FileAuditWatch::RecordInodeInfoRecursive(const std::string& path, InodeIndex& index)
 {
     PendingScan scan;

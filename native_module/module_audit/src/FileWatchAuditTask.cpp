@@ -45,7 +45,11 @@ int FileWatchAuditTask::Run()
         if (GetEventWaiter().WaitAndHandleEvent(scanning ? 0 : kWaitMs, kMessagesPerTurn) < 0) {
             BulkConsumeMsg(kMessagesPerTurn);
         }
-        scanning = watch_.ScanStep(kScanEntriesPerTurn);
+        const bool queued = watch_.Scanning();
+        scanning = queued && watch_.ScanStep(kScanEntriesPerTurn);
+        if (queued && !scanning) {
+            AUDIT_LOG_INFO("Recorded the watched trees: %s entries in the index.", std::to_string(watch_.Index().size()));
+        }
     }
     return 0;
 }

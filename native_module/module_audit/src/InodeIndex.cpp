@@ -26,12 +26,12 @@ bool Components(std::string_view path, Visit&& visit)
 
 }  // namespace
 
-size_t InodeIndex::ChildHash::operator()(const ChildKey& k) const
+size_t InodeIndex::ChildHash::operator()(const ChildKey& k) const noexcept
 {
     return std::hash<std::string_view>()(k.name) ^ (static_cast<size_t>(k.parent) * 0x9e3779b97f4a7c15ULL);
 }
 
-size_t InodeIndex::InodeHash::operator()(const InodeKey& k) const
+size_t InodeIndex::InodeHash::operator()(const InodeKey& k) const noexcept
 {
     return std::hash<uint64_t>()(k.inode) ^ (k.dev * 0x9e3779b97f4a7c15ULL);
 }
