@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <map>
+#include <unordered_map>
 #include <memory>
 #include <shared_mutex>
 #include <string>
@@ -34,7 +35,9 @@ struct ProcSource {
 /// trusted for 50 ms without a look (most events are the host's, and ids come back only after the
 /// whole id space was used). A container is known by one of its processes; when that one has
 /// ended (or is a zombie) another is looked for, and a container with none left is forgotten.
-/// Lookups may come from any thread.
+/// Lookups may come from any thread; /proc is read outside the lock the lookups share, so a
+/// container with a huge mount table slows only the lookup that describes it. The caches are
+/// bounded: past their size the processes checked longest ago are forgotten.
 class ContainerCollectTask : public Framework::Task, public Framework::ContainerMetaInfo {
 public:
     /// hostTrust: how long a process of the host is taken to be one without a look.
@@ -44,6 +47,10 @@ public:
     bool GetContainerInfoById(const std::string& containerId, std::shared_ptr<Framework::ContainerInfo>& info) override;
     bool GetContainerInfoByPid(int pid, std::shared_ptr<Framework::ContainerInfo>& info) override;
     bool ListContainers(std::vector<std::shared_ptr<Framework::ContainerInfo>>& containers) override;
+
+    /// The most processes, and containers, remembered.
+    static constexpr size_t kMaxProcesses = 16384;
+    static constexpr size_t kMaxContainers = 1024;
 
     /// Lookups answered from the cache and those that read /proc, so far.
     uint64_t CacheHits() const { return hits_; }
@@ -60,9 +67,27 @@ private:
         int pid;  // a process of the container, and its start time: while it runs the container does
         unsigned long long startTime;
     };
+    // What a process's /proc files say, read without the lock.
+    struct Study {
+        int pid = 0;
+        unsigned long inode = 0;
+        unsigned long long startTime = 0;
+        CgroupOwner owner;                               // empty id: the host's
+        std::shared_ptr<Framework::ContainerInfo> info;  // its container, when described
+    };
     // The start time of a running process, or false.
     bool StartTime(int pid, unsigned long long& startTime) const;
-    // Reads the process's container and, when new, the container; call with the lock held.
+    // Reads the process's cgroup (no lock needed).
+    Study Read(int pid, unsigned long inode) const;
+    // Describes the study's container from the process's and the host's mount tables (no lock).
+    void Describe(Study& study) const;
+    // True when the study's container is not known, or its known process has ended; call with
+    // the lock held (shared will do).
+    bool NeedsDescription(const Study& study) const;
+    // Keeps what was studied; call with the lock held exclusively. The container's id.
+    std::string Remember(const Study& study);
+    // Read, Describe when needed and Remember, all with the lock held exclusively (for the
+    // operators' lookups, which walk every process anyway).
     std::string Learn(int pid, unsigned long inode);
     // True while the container's known process still runs; call with the lock held.
     bool Alive(const Known& known) const;
@@ -70,8 +95,8 @@ private:
     std::unique_ptr<ProcSource> proc_;
     const int64_t hostTrustNs_;
     mutable std::shared_mutex mutex_;
-    std::map<int, Process> processes_;
-    std::map<std::string, Known> containers_;
+    std::unordered_map<int, Process> processes_;       // at most kMaxProcesses, the oldest go first
+    std::unordered_map<std::string, Known> containers_;  // at most kMaxContainers, ended ones go first
     std::atomic<uint64_t> hits_{0};
     std::atomic<uint64_t> misses_{0};
 };

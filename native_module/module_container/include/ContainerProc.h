@@ -3,6 +3,7 @@
 #include "container/ContainerMetaInfo.h"
 
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace Container {
@@ -36,10 +37,24 @@ struct MountEntry {
 /// parse are skipped.
 std::vector<MountEntry> ParseMountInfo(const std::string& text);
 
+/// The host's mounts by file system and root, so each of a container's mounts is placed with a
+/// lookup per component of its root instead of a pass over every host mount.
+class HostMounts {
+public:
+    /// Of mounts with the same file system and root, the first is kept. mounts must outlive this.
+    explicit HostMounts(const std::vector<MountEntry>& mounts);
+    /// The host mount of mount's file system whose root holds mount's root, the longest such;
+    /// null when there is none.
+    const MountEntry* Holding(const MountEntry& mount) const;
+
+private:
+    std::unordered_map<std::string, const MountEntry*> byDeviceAndRoot_;  // device, NUL, root
+};
+
 /// Where the host sees what mount shows: a host mount of the same file system whose root holds
 /// mount's root, the longest such. Empty when the host has none (a proc, a tmpfs of the
 /// container's own).
-std::string HostPathOf(const MountEntry& mount, const std::vector<MountEntry>& hostMounts);
+std::string HostPathOf(const MountEntry& mount, const HostMounts& hostMounts);
 
 /// The container's root path on the host and its mounts of host directories and files, from its
 /// process's mountinfo and the host's. Mounts come deepest first, so the first that holds a path is

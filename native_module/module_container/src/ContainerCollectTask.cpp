@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
@@ -12,9 +13,6 @@
 namespace Container {
 
 namespace {
-
-// Above this many remembered processes the ended ones are forgotten.
-constexpr size_t kMaxProcesses = 4096;
 
 int64_t NowNs()
 {
@@ -85,36 +83,80 @@ bool ContainerCollectTask::Alive(const Known& known) const
     return StartTime(known.pid, startTime) && startTime == known.startTime;
 }
 
-std::string ContainerCollectTask::Learn(int pid, unsigned long inode)
+ContainerCollectTask::Study ContainerCollectTask::Read(int pid, unsigned long inode) const
 {
-    if (processes_.size() >= kMaxProcesses) {
-        for (auto it = processes_.begin(); it != processes_.end();) {
-            it = proc_->ProcessInode(it->first) == it->second.inode ? std::next(it) : processes_.erase(it);
+    Study study;
+    study.pid = pid;
+    study.inode = inode;
+    // A zombie's cgroup is gone: it counts as a process of the host.
+    if (StartTime(pid, study.startTime)) {
+        study.owner = OwnerFromCgroup(proc_->Read(std::to_string(pid) + "/cgroup"));
+    }
+    return study;
+}
+
+void ContainerCollectTask::Describe(Study& study) const
+{
+    auto info = std::make_shared<Framework::ContainerInfo>();
+    info->id = study.owner.id;
+    info->runtime = study.owner.runtime;
+    // The host's view is process 1's (the agent itself may run in a mount namespace of its own,
+    // as a hardened service does); failing that, the agent's.
+    std::string host = proc_->Read("1/mountinfo");
+    if (host.empty()) {
+        host = proc_->Read("self/mountinfo");
+    }
+    const std::string prefix = std::to_string(study.pid) + "/";
+    DescribeMounts(ParseMountInfo(proc_->Read(prefix + "mountinfo")), ParseMountInfo(host), proc_->root + "/" + prefix + "root", *info);
+    study.info = std::move(info);
+}
+
+bool ContainerCollectTask::NeedsDescription(const Study& study) const
+{
+    const auto known = containers_.find(study.owner.id);
+    return !study.owner.id.empty() && (known == containers_.end() || !Alive(known->second));
+}
+
+std::string ContainerCollectTask::Remember(const Study& study)
+{
+    if (processes_.size() >= kMaxProcesses && processes_.count(study.pid) == 0) {
+        // The quarter checked longest ago goes: no look at /proc, and rarely.
+        std::vector<std::pair<int64_t, int>> ages;
+        ages.reserve(processes_.size());
+        for (const auto& [pid, process] : processes_) {
+            ages.emplace_back(process.checkedNs, pid);
+        }
+        const auto cut = ages.begin() + static_cast<std::ptrdiff_t>(ages.size() / 4);
+        std::nth_element(ages.begin(), cut, ages.end());
+        for (auto it = ages.begin(); it != cut; ++it) {
+            processes_.erase(it->second);
         }
     }
-    const std::string prefix = std::to_string(pid) + "/";
-    unsigned long long startTime = 0;
-    // A zombie's cgroup is gone: it counts as a process of the host.
-    const CgroupOwner owner = StartTime(pid, startTime) ? OwnerFromCgroup(proc_->Read(prefix + "cgroup")) : CgroupOwner{};
-    processes_[pid] = Process{inode, owner.id, NowNs()};
-    if (owner.id.empty()) {
+    processes_[study.pid] = Process{study.inode, study.owner.id, NowNs()};
+    if (study.owner.id.empty()) {
         return {};
     }
-    const auto known = containers_.find(owner.id);
-    if (known == containers_.end() || !Alive(known->second)) {
-        auto info = std::make_shared<Framework::ContainerInfo>();
-        info->id = owner.id;
-        info->runtime = owner.runtime;
-        // The host's view is process 1's (the agent itself may run in a mount namespace of its own,
-        // as a hardened service does); failing that, the agent's.
-        std::string host = proc_->Read("1/mountinfo");
-        if (host.empty()) {
-            host = proc_->Read("self/mountinfo");
+    if (study.info && NeedsDescription(study)) {
+        if (containers_.size() >= kMaxContainers && containers_.count(study.owner.id) == 0) {
+            for (auto it = containers_.begin(); it != containers_.end();) {
+                it = Alive(it->second) ? std::next(it) : containers_.erase(it);
+            }
+            if (containers_.size() >= kMaxContainers) {
+                containers_.erase(containers_.begin());  // all alive: any one goes, to be read again when asked
+            }
         }
-        DescribeMounts(ParseMountInfo(proc_->Read(prefix + "mountinfo")), ParseMountInfo(host), proc_->root + "/" + prefix + "root", *info);
-        containers_[owner.id] = Known{info, pid, startTime};
+        containers_[study.owner.id] = Known{study.info, study.pid, study.startTime};
     }
-    return owner.id;
+    return containers_.count(study.owner.id) != 0 ? study.owner.id : std::string();
+}
+
+std::string ContainerCollectTask::Learn(int pid, unsigned long inode)
+{
+    Study study = Read(pid, inode);
+    if (NeedsDescription(study)) {
+        Describe(study);
+    }
+    return Remember(study);
 }
 
 bool ContainerCollectTask::GetContainerInfoByPid(int pid, std::shared_ptr<Framework::ContainerInfo>& info)
@@ -144,15 +186,28 @@ bool ContainerCollectTask::GetContainerInfoByPid(int pid, std::shared_ptr<Framew
             return true;
         }
     }
-    std::unique_lock<std::shared_mutex> lock(mutex_);
-    const auto it = processes_.find(pid);
-    if (it != processes_.end() && it->second.inode == inode && it->second.containerId.empty()) {
-        ++hits_;
-        it->second.checkedNs = NowNs();  // still the same process of the host
-        return false;
+    {
+        std::unique_lock<std::shared_mutex> lock(mutex_);
+        const auto it = processes_.find(pid);
+        if (it != processes_.end() && it->second.inode == inode && it->second.containerId.empty()) {
+            ++hits_;
+            it->second.checkedNs = NowNs();  // still the same process of the host
+            return false;
+        }
     }
     ++misses_;
-    const std::string id = Learn(pid, inode);
+    // The files are read without the lock; what they said is kept with it.
+    Study study = Read(pid, inode);
+    bool describe = false;
+    {
+        std::shared_lock<std::shared_mutex> lock(mutex_);
+        describe = NeedsDescription(study);
+    }
+    if (describe) {
+        Describe(study);
+    }
+    std::unique_lock<std::shared_mutex> lock(mutex_);
+    const std::string id = Remember(study);
     if (id.empty()) {
         return false;
     }

@@ -108,11 +108,6 @@ std::string Unescape(const std::string& text)
 }
 
 // True when dir holds path (or is it), as directories: "/a" holds "/a/b", not "/ab".
-bool Holds(const std::string& dir, const std::string& path)
-{
-    return path.compare(0, dir.size(), dir) == 0 && (path.size() == dir.size() || dir == "/" || path[dir.size()] == '/');
-}
-
 size_t Depth(const std::string& path)
 {
     return static_cast<size_t>(std::count(path.begin(), path.end(), '/')) - (path == "/" ? 1 : 0);
@@ -168,14 +163,36 @@ std::vector<MountEntry> ParseMountInfo(const std::string& text)
     return mounts;
 }
 
-std::string HostPathOf(const MountEntry& mount, const std::vector<MountEntry>& hostMounts)
+HostMounts::HostMounts(const std::vector<MountEntry>& mounts)
 {
-    const MountEntry* best = nullptr;
-    for (const MountEntry& host : hostMounts) {
-        if (host.device == mount.device && Holds(host.root, mount.root) && (best == nullptr || host.root.size() > best->root.size())) {
-            best = &host;
-        }
+    byDeviceAndRoot_.reserve(mounts.size());
+    for (const MountEntry& mount : mounts) {
+        byDeviceAndRoot_.emplace(mount.device + '\0' + mount.root, &mount);
     }
+}
+
+const MountEntry* HostMounts::Holding(const MountEntry& mount) const
+{
+    // The roots that hold mount's root are itself and its ancestors up to "/": longest first.
+    std::string key = mount.device + '\0' + mount.root;
+    const size_t rootAt = mount.device.size() + 1;
+    while (key.size() > rootAt) {
+        const auto found = byDeviceAndRoot_.find(key);
+        if (found != byDeviceAndRoot_.end()) {
+            return found->second;
+        }
+        const size_t slash = key.rfind('/');
+        if (slash == std::string::npos || slash < rootAt) {
+            return nullptr;  // not an absolute root
+        }
+        key.resize(slash == rootAt && key.size() > rootAt + 1 ? rootAt + 1 : slash);
+    }
+    return nullptr;
+}
+
+std::string HostPathOf(const MountEntry& mount, const HostMounts& hostMounts)
+{
+    const MountEntry* best = hostMounts.Holding(mount);
     if (best == nullptr) {
         return {};
     }
@@ -189,23 +206,30 @@ std::string HostPathOf(const MountEntry& mount, const std::vector<MountEntry>& h
 void DescribeMounts(const std::vector<MountEntry>& containerMounts, const std::vector<MountEntry>& hostMounts,
                     const std::string& rootFallback, Framework::ContainerInfo& info)
 {
+    const HostMounts host(hostMounts);
     info.rootPath = rootFallback;
     std::vector<Framework::MountPoint> found;
+    std::unordered_map<std::string, size_t> at;  // destination: its place in found
     for (const MountEntry& mount : containerMounts) {
-        const std::string host = HostPathOf(mount, hostMounts);
+        const std::string hostPath = HostPathOf(mount, host);
         if (mount.mountPoint == "/") {
-            info.rootPath = host.empty() ? rootFallback : host;  // a later root mount hides the earlier one
+            info.rootPath = hostPath.empty() ? rootFallback : hostPath;  // a later root mount hides the earlier one
             found.clear();
+            at.clear();
             continue;
         }
         // A later mount on the same place hides the earlier one, whatever the host sees of it.
-        found.erase(std::remove_if(found.begin(), found.end(),
-                                   [&](const Framework::MountPoint& m) { return m.destination == mount.mountPoint; }),
-                    found.end());
-        if (!host.empty()) {
-            found.push_back(Framework::MountPoint{host, mount.mountPoint, mount.options, mount.options.compare(0, 2, "rw") == 0});
+        if (const auto earlier = at.find(mount.mountPoint); earlier != at.end()) {
+            found[earlier->second].destination.clear();  // hidden: left out below
+            at.erase(earlier);
+        }
+        if (!hostPath.empty()) {
+            at.emplace(mount.mountPoint, found.size());
+            found.push_back(Framework::MountPoint{hostPath, mount.mountPoint, mount.options, mount.options.compare(0, 2, "rw") == 0});
         }
     }
+    found.erase(std::remove_if(found.begin(), found.end(), [](const Framework::MountPoint& m) { return m.destination.empty(); }),
+                found.end());
     // Deepest first: the first mount that holds a path is then the one that shows it.
     std::stable_sort(found.begin(), found.end(), [](const Framework::MountPoint& a, const Framework::MountPoint& b) {
         return Depth(a.destination) > Depth(b.destination);
