@@ -94,14 +94,17 @@ Reader::Read Flag(bool& out)
     };
 }
 
-Reader::Read Count(int& out)
+// A whole number from least to most into out; the problem says what it must be.
+template <typename T>
+Reader::Read Whole(T& out, long least, long most, const std::string& what = "a whole number")
 {
-    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
-        if (!v.isInteger() || v.convert<long>() < 1 || v.convert<long>() > 1000) {
-            problem = "must be a whole number from 1 to 1000";
+    return [&out, least, most, what](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isInteger() || v.convert<long>() < least || v.convert<long>() > most) {
+            problem = "must be " + what + " from " + std::to_string(least) + (least == 0 ? " (no limit)" : "") +
+                      " to " + std::to_string(most);
             return false;
         }
-        out = v.convert<int>();
+        out = static_cast<T>(v.convert<long>());
         return true;
     };
 }
@@ -119,32 +122,6 @@ Reader::Read Rotation(uint64_t& out)
     };
 }
 
-// Entries of one watched tree in the inode index.
-Reader::Read WatchEntries(uint64_t& out)
-{
-    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
-        if (!v.isInteger() || v.convert<long>() < 1 || v.convert<long>() > kMaxWatchEntries) {
-            problem = "must be a whole number from 1 to " + std::to_string(kMaxWatchEntries);
-            return false;
-        }
-        out = v.convert<uint64_t>();
-        return true;
-    };
-}
-
-// Events a second, 0 for no limit.
-Reader::Read RateLimit(uint32_t& out)
-{
-    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
-        if (!v.isInteger() || v.convert<long>() < 0 || v.convert<long>() > kMaxRateLimit) {
-            problem = "must be a whole number of events a second from 0 (no limit) to " + std::to_string(kMaxRateLimit);
-            return false;
-        }
-        out = v.convert<uint32_t>();
-        return true;
-    };
-}
-
 Reader::Read Format(bool& flat)
 {
     return [&flat](const Poco::Dynamic::Var& v, std::string& problem) {
@@ -153,18 +130,6 @@ Reader::Read Format(bool& flat)
             return false;
         }
         flat = v.toString() == "flat";
-        return true;
-    };
-}
-
-Reader::Read ArgBytes(size_t& out)
-{
-    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
-        if (!v.isInteger() || v.convert<long>() < 1024 || v.convert<long>() > 16L * 1024 * 1024) {
-            problem = "must be a whole number of bytes from 1024 to 16777216";
-            return false;
-        }
-        out = static_cast<size_t>(v.convert<long>());
         return true;
     };
 }
@@ -279,7 +244,7 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
                                            {"syscall", Text(s.syscall)},
                                            {"watch", Text(watch)},
                                            {"recursive", Flag(s.recursive)},
-                                           {"rate_limit", RateLimit(s.rateLimit)},
+                                           {"rate_limit", Whole(s.rateLimit, 0, kMaxRateLimit, "a whole number of events a second")},
                                            {"events", [&](const Poco::Dynamic::Var& v, std::string& p) {
                                                 hasEvents = true;
                                                 return Text(events)(v, p);
@@ -329,7 +294,7 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
               return reader.Walk(v, "log", {{"level", Text(config.logLevel)}, {"file", Text(config.logFile)}});
           }},
          {"file_watch", [&](const Poco::Dynamic::Var& v, std::string&) {
-              return reader.Walk(v, "file_watch", {{"max_entries", WatchEntries(config.maxWatchEntries)}});
+              return reader.Walk(v, "file_watch", {{"max_entries", Whole(config.maxWatchEntries, 1, kMaxWatchEntries)}});
           }},
          {"cpu", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "cpu", {{"share", Share(config.cpuShare)}});
@@ -337,11 +302,11 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
          {"output", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "output", {{"file", Text(outputFile)},
                                                {"rotate_size", Rotation(config.output.rotateBytes)},
-                                               {"keep", Count(config.output.keep)},
+                                               {"keep", Whole(config.output.keep, 1, 1000)},
                                                {"stdout", Flag(config.output.toStdout)},
                                                {"format", Format(config.output.lines.flat)},
                                                {"original", Flag(config.output.lines.original)},
-                                               {"max_args_bytes", ArgBytes(config.output.lines.maxArgBytes)}});
+                                               {"max_args_bytes", Whole(config.output.lines.maxArgBytes, 1024, 16L * 1024 * 1024, "a whole number of bytes")}});
           }},
          {"subscriptions", subscriptions}});
     if (!ok) {
