@@ -205,7 +205,11 @@ TEST_F(FileWatchKernel, AHardLinkFloodWithLongPathsCostsLittleAndLeavesTheWatchW
     const int64_t grown = static_cast<int64_t>(full) - static_cast<int64_t>(empty);
     std::cout << "The agent holding 50,000 links is " << grown / 1024 << " KiB larger (" << grown / 50000
               << " bytes a link).\n";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    (void)grown;  // a sanitizer's shadow memory and red zones say nothing of the index's size
+#else
     EXPECT_LT(grown, 50000 * 500) << "at most 500 bytes a link";
+#endif
 
     const std::string after = deep + "/made-after-the-flood";
     std::ofstream(after) << "x";
