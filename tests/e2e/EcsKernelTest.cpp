@@ -108,9 +108,17 @@ TEST_F(EcsKernel, RunExportsWhoDidWhatFromWhichParentWithNamesAndDecodedArgument
 TEST_F(EcsKernel, AConnectFloodByAnUnprivilegedUserIsHeldToTheRateLimitAndItsSummaryNamesTheUserAndProgram)
 {
     const std::string events = dir_ + "/events.jsonl";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // A sanitized agent may handle fewer events a second than the default lets through.
+    const int limit = 500;
+    const std::string limitSetting = R"(, "rate_limit": 500)";
+#else
+    const int limit = 5000;  // the default
+    const std::string limitSetting;
+#endif
     std::ofstream(home_ + "/etc/hostwarden.json") << R"({"output": {"file": ")" << events
                                                   << R"(", "stdout": false, "rotate_size": "1 M", "keep": 1},
-        "subscriptions": [{"tag": "connect", "syscall": "exit,always -F arch=b64 -S connect"}]})";
+        "subscriptions": [{"tag": "connect", "syscall": "exit,always -F arch=b64 -S connect")" << limitSetting << "}]}";
     auto run = Hostwarden({"run"});
     ASSERT_TRUE(run->WaitFor("Every subscription is installed in the kernel.", false)) << run->err;
 
@@ -135,7 +143,7 @@ TEST_F(EcsKernel, AConnectFloodByAnUnprivilegedUserIsHeldToTheRateLimitAndItsSum
         30))
         << "no summary of the dropped events";
     EXPECT_EQ(notice->getValue<std::string>("action"), "rate-limited");
-    EXPECT_EQ(notice->getValue<int>("limit"), 5000) << "the default";
+    EXPECT_EQ(notice->getValue<int>("limit"), limit);
     EXPECT_GT(notice->getValue<uint64_t>("dropped"), 0U);
     const Json user = notice->getArray("users")->getObject(0);
     EXPECT_EQ(user->getValue<std::string>("id") + " " + user->getValue<std::string>("name"), "65534 nobody");
