@@ -1,5 +1,7 @@
 #include "HostwardenApp.h"
 
+#include "AgentConfig.h"
+
 #include "AuditCommand.h"
 #include "ContainersCommand.h"
 #include "DecodeCommand.h"
@@ -115,8 +117,9 @@ bool HostwardenApp::RateLimit(uint32_t& perSecond) const
     }
     uint64_t value = 0;
     const char* end = rateLimit_.data() + rateLimit_.size();
-    if (std::from_chars(rateLimit_.data(), end, value).ptr != end || value < 1 || value > 1000000) {
-        std::cerr << "hostwarden: --rate-limit takes a whole number of events a second from 1 to 1000000, not '"
+    if (std::from_chars(rateLimit_.data(), end, value).ptr != end || value < 1 || value > Export::kMaxRateLimit) {
+        std::cerr << "hostwarden: --rate-limit takes a whole number of events a second from 1 to "
+                  << Export::kMaxRateLimit << ", not '"
                   << rateLimit_ << "'\n";
         return false;
     }

@@ -115,6 +115,8 @@ private:
     uint32_t FullRoot(std::string_view path) const;
     uint32_t Child(uint32_t parent, std::string_view name) const;
     uint32_t MakeChild(uint32_t parent, std::string_view name);
+    // The node of path, made with the ways to it when missing; kNone when path is not absolute.
+    uint32_t Make(std::string_view path);
     void Link(uint32_t id);
     void Unlink(uint32_t id);
     void Forget(uint32_t id);

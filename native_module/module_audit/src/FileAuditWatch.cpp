@@ -449,7 +449,7 @@ struct FileAuditWatch::PendingScan {
 private:
     bool Open(const Directory& directory, InodeIndex& index)
     {
-        if (!SameEntry(index.Find(directory.path), directory.info) || index.Full(directory.path + "/")) {
+        if (!SameEntry(index.Find(directory.path), directory.info) || index.Full(directory.path)) {
             return false;  // gone from the index since, or its watch cannot take more
         }
         const int fd = open(directory.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

@@ -94,6 +94,17 @@ uint32_t InodeIndex::MakeChild(uint32_t parent, std::string_view name)
     return id;
 }
 
+uint32_t InodeIndex::Make(std::string_view path)
+{
+    uint32_t id = 0;
+    const bool absolute = Components(path, [&](std::string_view name) {
+        const uint32_t child = Child(id, name);
+        id = child != kNone ? child : MakeChild(id, name);
+        return true;
+    });
+    return absolute ? id : kNone;
+}
+
 const InodeInfo* InodeIndex::Find(std::string_view path) const
 {
     const uint32_t id = Lookup(path);
@@ -140,15 +151,9 @@ bool InodeIndex::Set(std::string_view path, const InodeInfo& info, std::string* 
             return false;
         }
     }
+    id = id != kNone ? id : Make(path);
     if (id == kNone) {
-        id = 0;
-        if (!Components(path, [&](std::string_view name) {
-                const uint32_t child = Child(id, name);
-                id = child != kNone ? child : MakeChild(id, name);
-                return true;
-            })) {
-            return false;
-        }
+        return false;
     }
     Node& node = nodes_[id];
     if (node.known) {
@@ -291,13 +296,9 @@ void InodeIndex::EraseBelow(std::string_view dir)
 
 void InodeIndex::AddRoot(std::string_view path)
 {
-    uint32_t id = 0;
-    Components(path, [&](std::string_view name) {
-        const uint32_t child = Child(id, name);
-        id = child != kNone ? child : MakeChild(id, name);
-        return true;
-    });
-    ++nodes_[id].roots;
+    if (const uint32_t id = Make(path); id != kNone) {
+        ++nodes_[id].roots;
+    }
 }
 
 void InodeIndex::RemoveRoot(std::string_view path)

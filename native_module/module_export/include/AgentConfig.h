@@ -12,6 +12,8 @@ namespace Export {
 
 /// The events a second a subscription writes unless its configuration says otherwise.
 inline constexpr uint32_t kDefaultRateLimit = 5000;
+/// The largest rate limit a subscription or a command may ask for.
+inline constexpr uint32_t kMaxRateLimit = 1000000;
 
 /// One subscription: a system-call rule, or a file watch.
 struct Subscription {

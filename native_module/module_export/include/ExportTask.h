@@ -79,7 +79,8 @@ private:
     bool CheckKernel(bool& done);
     void Fail(int code);
     void Write();
-    void AddNotice(const AgentNotice& notice);
+    // Logs the notice and appends its line to lines.
+    void AddNotice(const AgentNotice& notice, std::string& lines);
     void AddSummaries(bool all);
 
     enum class Phase { kAnswering, kInstalling, kRunning };

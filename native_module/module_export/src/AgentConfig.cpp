@@ -27,7 +27,6 @@ using Poco::JSON::Object;
 constexpr uint32_t kKnownKinds = Engine::kNotifyAccess | Engine::kNotifyModify | Engine::kNotifyAttrib |
                                  Engine::kNotifyMove | Engine::kNotifyCreate | Engine::kNotifyDelete;
 const std::string kInstallation = "$INSTALLATION";
-constexpr long kMaxRateLimit = 1000000;
 constexpr long kMaxWatchEntries = 100000000;
 
 // Walks one JSON object: each known key's reader is called with its value; an unknown key, or a

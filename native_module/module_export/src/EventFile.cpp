@@ -100,19 +100,17 @@ size_t EventFile::Write(std::string_view lines)
     }
     // The file system took part of it: cut the part off, then write line by line what still fits.
     CutBack(size);
-    size_t lost = 0;
     while (!lines.empty()) {
         const size_t end = lines.find('\n');
         const std::string_view line = lines.substr(0, end == std::string_view::npos ? lines.size() : end + 1);
-        lines.remove_prefix(line.size());
-        if (lost == 0 && WriteAll(line)) {
-            size += line.size();
-        } else {
+        if (!WriteAll(line)) {
             CutBack(size);
-            ++lost;
+            return static_cast<size_t>(std::count(lines.begin(), lines.end(), '\n'));
         }
+        size += line.size();
+        lines.remove_prefix(line.size());
     }
-    return lost;
+    return 0;
 }
 
 bool EventFile::WriteAll(std::string_view bytes)

@@ -231,15 +231,15 @@ void ExportTask::Finish()
 void ExportTask::AddSummaries(bool all)
 {
     for (const AgentNotice& notice : limits_.TakeSummaries(std::chrono::steady_clock::now(), all)) {
-        AddNotice(notice);
+        AddNotice(notice, pending_);
     }
 }
 
-void ExportTask::AddNotice(const AgentNotice& notice)
+void ExportTask::AddNotice(const AgentNotice& notice, std::string& lines)
 {
     poco_warning(Log(), NoticeMessage(notice) + ".");
-    lines_.AppendNotice(pending_, notice, SDK::TimeUtils::GetCurrentTimestampMS());
-    pending_ += '\n';
+    lines_.AppendNotice(lines, notice, SDK::TimeUtils::GetCurrentTimestampMS());
+    lines += '\n';
 }
 
 void ExportTask::UnInit()
@@ -317,10 +317,8 @@ void ExportTask::Write()
             notice.action = AgentNotice::kOutputLost;
             notice.dropped = lost_;
             notice.seconds = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now - lossStarted_).count());
-            poco_warning(Log(), NoticeMessage(notice) + "; writing again.");
             std::string line;
-            lines_.AppendNotice(line, notice, SDK::TimeUtils::GetCurrentTimestampMS());
-            line += '\n';
+            AddNotice(notice, line);
             lost_ = file_->Write(line) == 0 ? 0 : lost_;
         }
     }
