@@ -3,7 +3,7 @@
 # against, and a running auditd (the real-kernel tests need one).
 set -euo pipefail
 packages=(cmake g++ make pkg-config libgtest-dev libgmock-dev libbenchmark-dev
-          auditd libaudit-dev libauparse-dev libpoco-dev python3 rapidjson-dev runc busybox-static lintian dpkg-dev)
+          auditd libaudit-dev libauparse-dev libpoco-dev libssl-dev libsqlite3-dev python3 rapidjson-dev runc busybox-static lintian dpkg-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -6,11 +6,12 @@
 
 namespace TestSupport {
 
-TempDir::TempDir()
+TempDir::TempDir(const char* under)
 {
     // Under TMPDIR when set, so a runner can sweep what a killed test could not remove.
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/hw_test_XXXXXX";
+    const char* tmp = std::getenv("TMPDIR");
+    const char* base = under != nullptr ? under : tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+    std::string pattern = std::string(base) + "/hw_test_XXXXXX";
     if (mkdtemp(pattern.data()) == nullptr) {
         throw std::runtime_error("mkdtemp failed in " + pattern);
     }

@@ -35,7 +35,8 @@ namespace TestSupport {
 /// A scratch directory removed with everything in it at the end of the scope.
 class TempDir {
 public:
-    TempDir();
+    /// under: the directory to make it in; TMPDIR (or /tmp) when null.
+    explicit TempDir(const char* under = nullptr);
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
