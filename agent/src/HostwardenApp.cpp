@@ -3,6 +3,7 @@
 #include "AgentConfig.h"
 
 #include "AuditCommand.h"
+#include "BaselineCommand.h"
 #include "ContainersCommand.h"
 #include "DecodeCommand.h"
 #include "ParseCommand.h"
@@ -92,7 +93,8 @@ void HostwardenApp::ShowHelp() const
     help.setCommand(commandName());
     help.setWidth(100);
     help.setUsage("[OPTIONS] [run | parse [FILE] | decode [FILE] | audit RULE... [--tag TAG] [--watch PATH]... |\n"
-                  "       watch PATH... [--recursive] [--events LIST] [--tag TAG] | containers]\n"
+                  "       watch PATH... [--recursive] [--events LIST] [--tag TAG] | containers |\n"
+                  "       baseline check [PATH...] | baseline update]\n"
                   "       (audit and watch also take [--rate-limit N])");
     help.setHeader("hostwarden: host-security agent.\n"
                    "  run (default)   load the modules of the installation and run until SIGINT or SIGTERM\n"
@@ -106,7 +108,11 @@ void HostwardenApp::ShowHelp() const
                    "                  notification (create, delete, modify, attrib, moves) as one JSON line\n"
                    "                  until interrupted; the watches are removed on exit\n"
                    "  containers      print each container the container module sees now (id, runtime, root\n"
-                   "                  path on the host, mounts) as one JSON line");
+                   "                  path on the host, mounts) as one JSON line\n"
+                   "  baseline check [PATH...]\n"
+                   "                  compare the watched trees (or the PATHs in them) with the file-integrity\n"
+                   "                  baseline and print each difference; exit 1 when there are any\n"
+                   "  baseline update record the watched trees as they are now, accepting every difference");
     help.format(std::cout);
 }
 
@@ -183,6 +189,9 @@ int HostwardenApp::main(const std::vector<std::string>& args)
             return EXIT_USAGE;
         }
         return RunContainersCommand(*this, std::cout, std::cerr);
+    }
+    if (command == "baseline") {
+        return RunBaselineCommand(rest, configFile_, std::cout, std::cerr);
     }
     std::cerr << "hostwarden: unknown command '" << command << "' (see --help)\n";
     return EXIT_USAGE;

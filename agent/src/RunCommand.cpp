@@ -89,16 +89,13 @@ bool CheckConfiguration(const Export::AgentConfig& config, std::string& error)
     return true;
 }
 
-int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::function<void()>& waitForStop,
-             std::ostream& err)
+int LoadConfiguration(std::string& configFile, std::string& home, Export::AgentConfig& config, std::ostream& err)
 {
-    std::string home;
     if (SDK::PathUtils::GetInstallationPath(home) != 0) {
         err << "hostwarden: cannot tell the installation directory (set HOSTWARDEN_HOME)\n";
         return Poco::Util::Application::EXIT_SOFTWARE;
     }
-    const std::string configFile = options.configFile.empty() ? home + "etc/hostwarden.json" : options.configFile;
-    Export::AgentConfig config;
+    configFile = configFile.empty() ? home + "etc/hostwarden.json" : configFile;
     std::string error;
     if (!Export::LoadAgentConfig(configFile, home, config, error)) {
         err << "hostwarden: bad configuration " << error << "\n";
@@ -107,6 +104,18 @@ int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::fu
     if (!CheckConfiguration(config, error)) {
         err << "hostwarden: bad configuration " << configFile << ": " << error << "\n";
         return Poco::Util::Application::EXIT_CONFIG;
+    }
+    return Poco::Util::Application::EXIT_OK;
+}
+
+int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::function<void()>& waitForStop,
+             std::ostream& err)
+{
+    std::string home;
+    std::string configFile = options.configFile;
+    Export::AgentConfig config;
+    if (const int status = LoadConfiguration(configFile, home, config, err); status != Poco::Util::Application::EXIT_OK) {
+        return status;
     }
     SDK::LoggerUtils::Options logging;
     logging.level = options.logLevel.empty() ? config.logLevel : options.logLevel;

@@ -27,6 +27,11 @@ struct RunOptions {
 /// named.
 bool CheckConfiguration(const Export::AgentConfig& config, std::string& error);
 
+/// Reads and checks the configuration: configFile, or the installation's etc/hostwarden.json when
+/// empty (configFile and home, ending in "/", are set to what was used). EXIT_OK, or the exit
+/// status after saying what is wrong on err.
+int LoadConfiguration(std::string& configFile, std::string& home, Export::AgentConfig& config, std::ostream& err);
+
 /// hostwarden run, the agent's main job: reads and checks the configuration (a bad one is named
 /// on err, exit status 78, before anything is loaded or installed), loads every module of the
 /// installation's lib/modules (the audit and export modules must be among them), runs until

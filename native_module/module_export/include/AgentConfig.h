@@ -1,6 +1,7 @@
 #pragma once
 
 #include "EventLines.h"
+#include "FileIntegrity.h"
 
 #include "FileWatchAuditTask.h"
 
@@ -14,6 +15,10 @@ namespace Export {
 inline constexpr uint32_t kDefaultRateLimit = 5000;
 /// The largest rate limit a subscription or a command may ask for.
 inline constexpr uint32_t kMaxRateLimit = 1000000;
+
+/// Where the baseline of the watched trees is kept unless the configuration says otherwise
+/// (relative: in the installation).
+inline constexpr const char* kDefaultBaseline = "var/lib/hostwarden/baseline.db";
 
 /// One subscription: a system-call rule, or a file watch.
 struct Subscription {
@@ -39,6 +44,8 @@ struct OutputSettings {
 ///   {"log": {"level": "information", "file": ""},
 ///    "cpu": {"share": 0},
 ///    "file_watch": {"max_entries": 500000},
+///    "file_integrity": {"baseline": "var/lib/hostwarden/baseline.db", "max_hash_size": "64 M",
+///                       "scan_cpu_share": 0.25},
 ///    "output": {"file": "...", "rotate_size": "10 M", "keep": 5, "stdout": true,
 ///               "format": "ecs", "original": false, "max_args_bytes": 65536},
 ///    "subscriptions": [{"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve"},
@@ -51,6 +58,7 @@ struct AgentConfig {
     std::string logFile;
     double cpuShare = 0;  ///< processor share of the agent's threads; 0 for no limit
     uint64_t maxWatchEntries = Engine::kDefaultMaxWatchEntries;  ///< inode index entries per watched tree
+    IntegritySettings integrity;  ///< the baseline of the watched trees; an empty path for none
     OutputSettings output;
     std::vector<Subscription> subscriptions;
 };

@@ -13,6 +13,8 @@
 
 namespace Export {
 
+struct FileChange;
+
 /// The ECS version the lines follow.
 inline constexpr const char* kEcsVersion = "8.11.0";
 
@@ -78,8 +80,10 @@ public:
 
     /// Appends one audit event; tag names the subscription it matched (tags, left out when empty).
     void AppendEvent(std::string& line, const Engine::AuditEvent& event, const std::string& tag);
-    /// Appends one file notification with the file as it is now and the call's actor.
-    void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag);
+    /// Appends one file notification with the file as it is now and the call's actor. change, when
+    /// the baseline knows the file's tree: the file's attributes and hash now, and those before.
+    void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
+                            const FileChange* change = nullptr);
 
     /// Appends the agent's own notice at timeMs (event.kind "metric", event.action its action).
     void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs);

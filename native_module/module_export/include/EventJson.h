@@ -9,6 +9,8 @@
 
 namespace Export {
 
+struct FileChange;
+
 /// A decoded audit event as one JSON object: the stamp, the syscall part, cwd, EXECVE fields,
 /// socket address, paths (with host paths), access flags and the raw lines; tag names the
 /// subscription it matched (left out when empty). Appended to line.
@@ -19,7 +21,8 @@ std::string DecodedEventToJson(const Engine::AuditEvent& event, const std::strin
 /// A file notification as one JSON object: tag, path, event (the kind's number), kind (its name:
 /// modify, attrib, moved_from, moved_to, move, create, delete), isDir, destPath and extra (the
 /// map as sent, in key order). Appended to line.
-void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag);
+void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
+                        const FileChange* change = nullptr);
 /// The same as a text of its own.
 std::string NotificationToJson(const Engine::AuditEventResult& result, const std::string& tag);
 

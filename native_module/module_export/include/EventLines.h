@@ -27,8 +27,9 @@ public:
 
     /// One audit event, without the newline.
     void AppendEvent(std::string& line, const Engine::AuditEvent& event, const std::string& tag);
-    /// One file notification, without the newline.
-    void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag);
+    /// One file notification, without the newline; change, when known, says what changed.
+    void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
+                            const FileChange* change = nullptr);
 
     /// The agent's own notice at timeMs (milliseconds since the epoch), without the newline.
     void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs);

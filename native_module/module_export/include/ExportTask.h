@@ -3,6 +3,7 @@
 #include "AgentConfig.h"
 #include "EventFile.h"
 #include "EventLines.h"
+#include "FileIntegrity.h"
 #include "RateLimits.h"
 
 #include "AuditMessages.h"
@@ -71,6 +72,9 @@ public:
     /// next of them for each copy in a row (the file-watch task sends one copy per matching rule,
     /// in subscription order).
     const std::string& NotificationTag(const Engine::AuditEventResult& result);
+    /// The tag of a start-up scan finding: that of the first watch subscription covering its path
+    /// and wanting its kind; empty when none wants it.
+    const std::string& FindingTag(const Engine::AuditEventResult& result) const;
 
 private:
     // Reports subscriptions the audit module has answered; false once one was refused.
@@ -82,6 +86,8 @@ private:
     // Logs the notice and appends its line to lines.
     void AddNotice(const AgentNotice& notice, std::string& lines);
     void AddSummaries(bool all);
+    // A step of the file-integrity scans, its findings as lines.
+    void ScanStep();
 
     enum class Phase { kAnswering, kInstalling, kRunning };
     Phase phase_ = Phase::kRunning;
@@ -94,6 +100,7 @@ private:
     std::unique_ptr<EventFile> file_;
     std::string pending_;  // lines not yet written
     RateLimits limits_;
+    std::unique_ptr<FileIntegrity> integrity_;  // null without watches or without a baseline
     uint64_t lost_ = 0;    // lines the file could not take since it last could
     std::chrono::steady_clock::time_point lossStarted_;
     std::atomic<bool> reopen_{false};

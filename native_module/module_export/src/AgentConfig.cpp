@@ -121,6 +121,18 @@ Reader::Read Rotation(uint64_t& out)
     };
 }
 
+// The size of the largest file hashed ("64 M").
+Reader::Read HashLimit(uint64_t& out)
+{
+    return [&out](const Poco::Dynamic::Var& v, std::string& problem) {
+        if (!v.isString() || v.toString() == "never" || !ParseRotateSize(v.toString(), out)) {
+            problem = "'" + v.toString() + "' is not a size (such as \"64 M\" or \"512 K\"; at least 4 K)";
+            return false;
+        }
+        return true;
+    };
+}
+
 Reader::Read Format(bool& flat)
 {
     return [&flat](const Poco::Dynamic::Var& v, std::string& problem) {
@@ -226,6 +238,7 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
         return reader.Fail("", "not JSON: " + e.message());
     }
     std::string outputFile;
+    std::string baselineFile = kDefaultBaseline;
     const auto subscriptions = [&](const Poco::Dynamic::Var& value, std::string& problem) {
         if (value.type() != typeid(Poco::JSON::Array::Ptr)) {
             problem = "must be a list";
@@ -295,6 +308,11 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
          {"file_watch", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "file_watch", {{"max_entries", Whole(config.maxWatchEntries, 1, kMaxWatchEntries)}});
           }},
+         {"file_integrity", [&](const Poco::Dynamic::Var& v, std::string&) {
+              return reader.Walk(v, "file_integrity", {{"baseline", Text(baselineFile)},
+                                                       {"max_hash_size", HashLimit(config.integrity.maxHashBytes)},
+                                                       {"scan_cpu_share", Share(config.integrity.scanShare)}});
+          }},
          {"cpu", [&](const Poco::Dynamic::Var& v, std::string&) {
               return reader.Walk(v, "cpu", {{"share", Share(config.cpuShare)}});
           }},
@@ -312,6 +330,7 @@ bool ParseAgentConfig(const std::string& text, const std::string& installation, 
         return false;
     }
     config.output.file = Expand(outputFile, installation);
+    config.integrity.baseline = baselineFile.empty() ? std::string() : Expand(baselineFile, installation);
     if (config.logFile.size() > 0) {
         config.logFile = Expand(config.logFile, installation);
     }

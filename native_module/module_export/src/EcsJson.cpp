@@ -1,5 +1,7 @@
 #include "EcsJson.h"
 
+#include "FileIntegrity.h"
+
 #include "EventJson.h"
 #include "FileAuditWatch.h"
 #include "SyscallTables.h"
@@ -7,6 +9,7 @@
 #include "sdk/JsonWriter.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -251,7 +254,7 @@ void Header(SDK::JsonWriter& json, const EcsSettings& settings, uint64_t timeMs,
 }
 
 void EventPart(SDK::JsonWriter& json, const CallKind& kind, std::string_view action, std::string_view outcome,
-               std::string_view id, const std::string* original)
+               std::string_view id, const std::string* original, const char* reason = nullptr)
 {
     json.Key("event");
     json.BeginObject();
@@ -274,6 +277,9 @@ void EventPart(SDK::JsonWriter& json, const CallKind& kind, std::string_view act
     }
     if (original != nullptr) {
         json.Field("original", *original);
+    }
+    if (reason != nullptr) {
+        json.Field("reason", reason);
     }
     json.EndObject();
 }
@@ -400,25 +406,96 @@ void AuditdPart(SDK::JsonWriter& json, const SDK::AuditFields& syscall, std::str
     json.EndObject();
 }
 
-std::string FileType(mode_t mode)
-{
-    switch (mode & S_IFMT) {
-    case S_IFREG: return "file";
-    case S_IFDIR: return "dir";
-    case S_IFLNK: return "symlink";
-    case S_IFSOCK: return "socket";
-    case S_IFIFO: return "fifo";
-    case S_IFCHR: return "char_device";
-    case S_IFBLK: return "block_device";
-    default: return "unknown";
-    }
-}
-
 std::string Octal(unsigned value)
 {
     char text[16];
     std::snprintf(text, sizeof(text), "%04o", value);
     return text;
+}
+
+std::string NsTime(int64_t ns)
+{
+    return Rfc3339Ms(static_cast<uint64_t>(ns / 1000000));
+}
+
+// The file.* attributes of facts: those of the changes bits only, or all of them.
+void FileAttributes(SDK::JsonWriter& json, const Integrity::FileFacts& facts, Enrichment& enrichment, uint32_t only = ~0U)
+{
+    const auto wanted = [only](uint32_t bit) { return (only & bit) != 0; };
+    if (wanted(Integrity::kChangedType)) {
+        json.Field("type", Integrity::TypeName(facts.mode));
+    }
+    if (wanted(Integrity::kChangedInode)) {
+        json.Field("inode", std::to_string(facts.inode));
+        json.Field("device", std::to_string(major(facts.device)) + ":" + std::to_string(minor(facts.device)));
+    }
+    if (wanted(Integrity::kChangedMode)) {
+        json.Field("mode", Octal(facts.mode & 07777));
+    }
+    std::string name;
+    if (wanted(Integrity::kChangedOwner)) {
+        json.Field("uid", std::to_string(facts.uid));
+        if (enrichment.UserName("", facts.uid, name)) {
+            json.Field("owner", name);
+        }
+    }
+    if (wanted(Integrity::kChangedGroup)) {
+        json.Field("gid", std::to_string(facts.gid));
+        if (enrichment.GroupName("", facts.gid, name)) {
+            json.Field("group", name);
+        }
+    }
+    if (wanted(Integrity::kChangedSize)) {
+        json.Field("size", facts.size);
+    }
+    if (wanted(Integrity::kChangedMtime)) {
+        json.Field("mtime", NsTime(facts.mtimeNs));
+    }
+    if (only == ~0U) {
+        json.Field("ctime", NsTime(facts.ctimeNs));
+    }
+    if (wanted(Integrity::kChangedContent) && facts.hash == Integrity::HashState::kDone) {
+        json.Key("hash");
+        json.BeginObject();
+        json.Field("sha256", Integrity::Hex(facts.sha256));
+        json.EndObject();
+    }
+}
+
+// What the baseline adds to hostwarden.file: what changed, the values before, and why a file
+// has no hash.
+void ChangeFields(SDK::JsonWriter& json, const FileChange& change, Enrichment& enrichment)
+{
+    using Integrity::HashState;
+    if (change.before && change.after) {
+        json.Key("changes");
+        json.BeginArray();
+        for (const char* name : Integrity::ChangeNames(change.changes)) {
+            json.String(name);
+        }
+        json.EndArray();
+        if (change.before->hash == HashState::kDone && change.after->hash == HashState::kDone) {
+            json.Field("content", (change.changes & Integrity::kChangedContent) != 0 ? "changed" : "unchanged");
+        }
+    }
+    if (change.after) {
+        static const char* const kStates[] = {nullptr, nullptr, "too_large", "unreadable", "unstable"};
+        const auto state = static_cast<size_t>(change.after->hash);
+        if (state < sizeof(kStates) / sizeof(kStates[0]) && kStates[state] != nullptr) {
+            json.Field("hash_state", kStates[state]);
+        }
+    }
+    // Before a change: what changed. Before a deletion: all that was known.
+    const uint32_t only = change.after ? change.changes : ~0U;
+    if (change.before && only != 0) {
+        json.Key("before");
+        json.BeginObject();
+        FileAttributes(json, *change.before, enrichment, only);
+        json.EndObject();
+    }
+    if (change.below > 0) {
+        json.Field("entries_below", change.below);
+    }
 }
 
 }  // namespace
@@ -617,7 +694,8 @@ void EcsEncoder::AppendNotice(std::string& line, const AgentNotice& notice, uint
     json.EndObject();
 }
 
-void EcsEncoder::AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag)
+void EcsEncoder::AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
+                                    const FileChange* change)
 {
     SDK::AuditFields syscall;
     for (const auto& [name, value] : result.extra) {
@@ -645,31 +723,16 @@ void EcsEncoder::AppendNotification(std::string& line, const Engine::AuditEventR
     json.BeginObject();
     Header(json, settings_, timeMs, tag);
     EventPart(json, KindOfNotification(result.event), kind,
-              Outcome(syscall.View("success")), serial != 0 ? std::to_string(serial) : std::string(), nullptr);
+              Outcome(syscall.View("success")), serial != 0 ? std::to_string(serial) : std::string(), nullptr,
+              change != nullptr ? change->reason : nullptr);
 
     json.Key("file");
     json.BeginObject();
     json.Field("path", now);
-    struct stat st {};
-    if (::lstat(now.c_str(), &st) == 0) {
-        json.Field("type", FileType(st.st_mode));
-        json.Field("inode", std::to_string(st.st_ino));
-        json.Field("device", std::to_string(major(st.st_dev)) + ":" + std::to_string(minor(st.st_dev)));
-        json.Field("mode", Octal(st.st_mode & 07777));
-        json.Field("uid", std::to_string(st.st_uid));
-        json.Field("gid", std::to_string(st.st_gid));
-        std::string name;
-        if (enrichment_.UserName("", st.st_uid, name)) {
-            json.Field("owner", name);
-        }
-        if (enrichment_.GroupName("", st.st_gid, name)) {
-            json.Field("group", name);
-        }
-        json.Field("size", static_cast<uint64_t>(st.st_size));
-        json.Field("mtime", Rfc3339Ms(static_cast<uint64_t>(st.st_mtim.tv_sec) * 1000 +
-                                      static_cast<uint64_t>(st.st_mtim.tv_nsec) / 1000000));
-        json.Field("ctime", Rfc3339Ms(static_cast<uint64_t>(st.st_ctim.tv_sec) * 1000 +
-                                      static_cast<uint64_t>(st.st_ctim.tv_nsec) / 1000000));
+    Integrity::FileFacts facts;
+    int error = 0;
+    if (change != nullptr ? change->after.has_value() : Integrity::StatFacts(AT_FDCWD, now.c_str(), facts, error)) {
+        FileAttributes(json, change != nullptr ? *change->after : facts, enrichment_);
     } else {
         json.Field("type", result.isDir ? "dir" : "file");
     }
@@ -706,6 +769,9 @@ void EcsEncoder::AppendNotification(std::string& line, const Engine::AuditEventR
         if (syscall.Has(name)) {
             json.Field(name, syscall.View(name));
         }
+    }
+    if (change != nullptr) {
+        ChangeFields(json, *change, enrichment_);
     }
     json.EndObject();
     if (inContainer) {

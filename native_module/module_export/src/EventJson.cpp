@@ -1,6 +1,7 @@
 #include "EventJson.h"
 
 #include "FileAuditWatch.h"
+#include "FileIntegrity.h"
 
 #include "sdk/JsonWriter.h"
 
@@ -105,7 +106,8 @@ std::string NotificationKindName(int kind)
     }
 }
 
-void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag)
+void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
+                        const FileChange* change)
 {
     SDK::JsonWriter json(line);
     json.BeginObject();
@@ -115,6 +117,28 @@ void AppendNotification(std::string& line, const Engine::AuditEventResult& resul
     json.Field("kind", NotificationKindName(result.event));
     json.Field("isDir", result.isDir);
     json.Field("destPath", result.destPath);
+    if (change != nullptr) {
+        // The baseline's view, in the module's own terms: hashes before and after, what changed.
+        json.Key("integrity");
+        json.BeginObject();
+        if (change->reason != nullptr) {
+            json.Field("reason", change->reason);
+        }
+        const auto hash = [&](const char* name, const std::optional<Integrity::FileFacts>& facts) {
+            if (facts && facts->hash == Integrity::HashState::kDone) {
+                json.Field(name, Integrity::Hex(facts->sha256));
+            }
+        };
+        hash("sha256", change->after);
+        hash("before_sha256", change->before);
+        json.Key("changes");
+        json.BeginArray();
+        for (const char* name : Integrity::ChangeNames(change->changes)) {
+            json.String(name);
+        }
+        json.EndArray();
+        json.EndObject();
+    }
     json.Key("extra");
     json.BeginObject();
     for (const auto& [name, value] : std::map<std::string, std::string>(result.extra.begin(), result.extra.end())) {

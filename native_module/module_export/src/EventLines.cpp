@@ -28,12 +28,13 @@ void EventLines::AppendEvent(std::string& line, const Engine::AuditEvent& event,
     }
 }
 
-void EventLines::AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag)
+void EventLines::AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
+                                    const FileChange* change)
 {
     if (encoder_) {
-        encoder_->AppendNotification(line, result, tag);
+        encoder_->AppendNotification(line, result, tag, change);
     } else {
-        ::Export::AppendNotification(line, result, tag);
+        ::Export::AppendNotification(line, result, tag, change);
     }
 }
 

@@ -69,6 +69,15 @@ ExportTask::ExportTask(AgentConfig config, std::FILE* console, Hooks hooks)
     for (const auto& [tag, limit] : limits) {
         limits_.Set(tag, limit);
     }
+    std::vector<Integrity::Root> watches;
+    for (const Subscription& s : config_.subscriptions) {
+        if (!s.watch.empty()) {
+            watches.push_back(Integrity::Root{s.watch, s.recursive});
+        }
+    }
+    if (!watches.empty() && !config_.integrity.baseline.empty()) {
+        integrity_ = std::make_unique<FileIntegrity>(config_.integrity, std::move(watches));
+    }
     if (!hooks_.stop) {
         hooks_.stop = [](int code) {
             if (Framework::Engine* engine = Framework::Engine::Current()) {
@@ -93,6 +102,9 @@ int ExportTask::Init()
             file_.reset();
             return -1;
         }
+    }
+    if (integrity_) {
+        integrity_->Start();
     }
     return Framework::Task::Init();
 }
@@ -153,7 +165,12 @@ int ExportTask::Run()
 {
     Subscribe();
     while (GetState() != Framework::kTaskStop) {
-        if (GetEventWaiter().WaitAndHandleEvent(kWaitMs, kMessagesPerTurn) < 0) {
+        // While a scan runs, the wait lasts only until its share allows the next step.
+        int waitMs = kWaitMs;
+        if (integrity_ && integrity_->Scanning(waitMs)) {
+            waitMs = std::min(waitMs, kWaitMs);
+        }
+        if (GetEventWaiter().WaitAndHandleEvent(waitMs, kMessagesPerTurn) < 0) {
             BulkConsumeMsg(kMessagesPerTurn);
         }
         EndTurn();
@@ -216,11 +233,32 @@ void ExportTask::EndTurn()
         }
     }
     AddSummaries(false);
+    ScanStep();
     Write();
+}
+
+void ExportTask::ScanStep()
+{
+    if (!integrity_) {
+        return;
+    }
+    std::vector<ScanFinding> found;
+    integrity_->Step(found);
+    for (const ScanFinding& finding : found) {
+        const std::string& tag = FindingTag(finding.result);
+        if (!tag.empty()) {
+            lines_.AppendNotification(pending_, finding.result, tag, &finding.change);
+            pending_ += '\n';
+        }
+    }
+    integrity_->Flush();
 }
 
 void ExportTask::Finish()
 {
+    if (integrity_) {
+        integrity_->Flush();
+    }
     AddSummaries(true);
     Write();
     if (lost_ > 0) {
@@ -270,16 +308,30 @@ const std::string& ExportTask::NotificationTag(const Engine::AuditEventResult& r
     return covering.empty() ? kNone : covering[repeats_ % covering.size()]->tag;
 }
 
+const std::string& ExportTask::FindingTag(const Engine::AuditEventResult& result) const
+{
+    static const std::string kNone;
+    for (const Subscription& s : config_.subscriptions) {
+        if (!s.watch.empty() && (s.events & static_cast<uint32_t>(result.event)) != 0 &&
+            Integrity::Covers(Integrity::Root{s.watch, s.recursive}, result.path)) {
+            return s.tag;
+        }
+    }
+    return kNone;
+}
+
 int ExportTask::Receive(const Engine::AuditEventMessage& msg)
 {
     const std::string& tag = msg.event ? msg.tag : NotificationTag(msg.result);
+    // The baseline follows every notification, written or not.
+    const FileChange* change = !msg.event && integrity_ ? integrity_->Observe(msg.result) : nullptr;
     if (!limits_.Admit(tag, std::chrono::steady_clock::now(), [&] { return MessageAuthor(msg); })) {
         return 0;
     }
     if (msg.event) {
         lines_.AppendEvent(pending_, *msg.event, tag);
     } else {
-        lines_.AppendNotification(pending_, msg.result, tag);
+        lines_.AppendNotification(pending_, msg.result, tag, change);
     }
     pending_ += '\n';
     return 0;

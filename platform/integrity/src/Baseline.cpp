@@ -1,5 +1,7 @@
 #include "integrity/Baseline.h"
 
+#include "sdk/DirUtils.h"
+
 #include <Poco/Data/LOB.h>
 #include <Poco/Data/SQLite/Connector.h>
 #include <Poco/Exception.h>
@@ -218,8 +220,8 @@ Baseline::Opened Baseline::Open(const std::string& path, std::string& note)
     path_ = path;
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? std::string() : path.substr(0, std::max<size_t>(slash, 1));
-    if (!dir.empty() && ::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-        note = "cannot make " + dir + ": " + std::strerror(errno);
+    if (!dir.empty()) {
+        SDK::DirUtils::CreateDirs(dir, 0700);
     }
     const bool existed = ::access(path.c_str(), F_OK) == 0;
     // Without a writable directory SQLite can neither create the database nor its change log.

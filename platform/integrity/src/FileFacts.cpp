@@ -144,7 +144,7 @@ FactsReader::~FactsReader()
     EVP_MD_free(md_);
 }
 
-bool FactsReader::Stat(int dirFd, const char* name, FileFacts& facts, int& error) const
+bool StatFacts(int dirFd, const char* name, FileFacts& facts, int& error)
 {
     struct stat st {};
     if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {

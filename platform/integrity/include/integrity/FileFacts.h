@@ -61,6 +61,9 @@ std::vector<const char*> ChangeNames(uint32_t changes);
 bool SameVersion(const FileFacts& recorded, const FileFacts& now);
 /// The ECS name of a file type ("file", "dir", "symlink", "fifo", "char_device", ...).
 const char* TypeName(uint32_t mode);
+/// The attributes of name in dirFd (AT_FDCWD for an absolute name), not following a final
+/// symbolic link, without a hash. False, with errno's value in error, when it cannot be stat'ed.
+bool StatFacts(int dirFd, const char* name, FileFacts& facts, int& error);
 /// Lower-case hexadecimal of raw bytes.
 std::string Hex(const std::string& bytes);
 
@@ -78,9 +81,8 @@ public:
     FactsReader(const FactsReader&) = delete;
     FactsReader& operator=(const FactsReader&) = delete;
 
-    /// The attributes of name in dirFd (AT_FDCWD for an absolute name), without the hash. False,
-    /// with errno's value in error, when it cannot be stat'ed.
-    bool Stat(int dirFd, const char* name, FileFacts& facts, int& error) const;
+    /// StatFacts.
+    bool Stat(int dirFd, const char* name, FileFacts& facts, int& error) const { return StatFacts(dirFd, name, facts, error); }
     /// Hashes what facts (from Stat) describes and sets facts.hash, refreshing the attributes
     /// from the version actually read. A file that changes while it is read is read again, up to
     /// three times in all, and is then kUnstable.
