@@ -175,6 +175,24 @@ TEST_F(IntegrityKernel, ChangesWhileStoppedAreReportedOnceAtStartAndLiveChangesC
     EXPECT_EQ(At(sameWrite, "hostwarden.file.content"), "unchanged");
     EXPECT_EQ(At(sameWrite, "file.hash.sha256"), Sha256("same bytes"));
     EXPECT_EQ(At(sameWrite, "hostwarden.file.before.hash.sha256"), "<none>") << "only what changed is given before";
+
+    // The kernel reports a write when the file is opened: bytes written later are found when the
+    // file is looked at again.
+    const size_t late = E2E::JsonLines(ReadFile(events_)).size();
+    TestSupport::Program({"/usr/bin/python3", "-c",
+                          "import time\nf = open('" + watched_ + "/same', 'r+')\ntime.sleep(0.3)\n"
+                          "f.write('late bytes')\nf.close()\n"})
+        .Wait();
+    Json recheck;
+    ASSERT_TRUE(TestSupport::WaitUntil([&] {
+        for (const Json& line : About(watched_ + "/same", late)) {
+            recheck = At(line, "event.reason").rfind("re-check", 0) == 0 ? line : recheck;
+        }
+        return static_cast<bool>(recheck);
+    })) << ReadFile(events_);
+    EXPECT_EQ(At(recheck, "event.reason"), "re-check: changed after its notification");
+    EXPECT_EQ(At(recheck, "file.hash.sha256"), Sha256("late bytes"));
+    EXPECT_EQ(At(recheck, "hostwarden.file.before.hash.sha256"), Sha256("same bytes"));
     Stop(run);
 
     // Nothing changed while stopped this time: the next start reports nothing and reads nothing.

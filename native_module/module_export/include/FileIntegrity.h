@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,8 +58,8 @@ public:
     /// tree covers its path. The file-watch task sends one copy per matching watch: the copies
     /// (same serial, path, kind and destination, in a row) share the first one's answer.
     const FileChange* Observe(const Engine::AuditEventResult& result);
-    /// When the processor share allows, one step of the queued scans; appends its findings. True
-    /// while scans remain.
+    /// The re-checks that are due, and, when the processor share allows, one step of the queued
+    /// scans; appends their findings. True while scans remain.
     bool Step(std::vector<ScanFinding>& found);
     /// True while scans remain; waitMs is then how long until the next step may run.
     bool Scanning(int& waitMs) const;
@@ -75,6 +76,10 @@ private:
     // The facts of path now, keeping before's hash when path is still that version.
     bool Read(const std::string& path, const Integrity::FileFacts* before, Integrity::FileFacts& after);
     void Compute(const Engine::AuditEventResult& result, FileChange& change);
+    // The kernel reports a write when the file is opened, so the bytes may come after the
+    // notification's hash: a file written is looked at again 1, 5 and 30 seconds later.
+    void RecheckLater(const std::string& path, size_t stage);
+    void Recheck(std::vector<ScanFinding>& found);
 
     IntegritySettings settings_;
     std::vector<Integrity::Root> roots_;
@@ -86,6 +91,12 @@ private:
         std::chrono::steady_clock::time_point started;
     };
     std::deque<Scan> scans_;
+    struct Pending {
+        std::string path;
+        size_t stage;
+    };
+    std::multimap<std::chrono::steady_clock::time_point, Pending> rechecks_;
+    uint64_t rechecksDropped_ = 0;
     SDK::InnerCpuCtrlUtils::Window window_;
     uint64_t scanCpuNs_ = 0;
     std::chrono::steady_clock::time_point nextStep_;

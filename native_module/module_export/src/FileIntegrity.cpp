@@ -14,6 +14,10 @@ namespace {
 
 // Work units of one scan step: an entry is one, and so is every 64 KiB hashed.
 constexpr size_t kStepBudget = 512;
+// When a written file is looked at again, after its notification; and how many may wait.
+constexpr std::chrono::seconds kRecheckAfter[] = {std::chrono::seconds(1), std::chrono::seconds(5),
+                                                  std::chrono::seconds(30)};
+constexpr size_t kMaxRechecks = 4096;
 
 Poco::Logger& Log()
 {
@@ -167,6 +171,9 @@ void FileIntegrity::Compute(const Engine::AuditEventResult& result, FileChange& 
     } else if (Read(result.path, known ? &before : nullptr, after)) {
         change.after = after;
         baseline_.Put(result.path, after);
+        if (!after.IsDir() && result.event != Engine::kNotifyAttrib) {
+            RecheckLater(result.path, 0);
+        }
         if (result.event == Engine::kNotifyMovedTo && after.IsDir()) {
             // A tree moved in from outside: what it holds is recorded, not reported.
             for (const Integrity::Root& root : roots_) {
@@ -213,6 +220,50 @@ ScanFinding FileIntegrity::FindingOf(Integrity::Difference d)
     return f;
 }
 
+void FileIntegrity::RecheckLater(const std::string& path, size_t stage)
+{
+    if (rechecks_.size() >= kMaxRechecks) {
+        rechecks_.erase(rechecks_.begin());
+        if (rechecksDropped_++ == 0) {
+            poco_warning(Log(), "File integrity: more than " + std::to_string(kMaxRechecks) +
+                                " written files wait to be looked at again; the soonest are dropped.");
+        }
+    }
+    rechecks_.emplace(std::chrono::steady_clock::now() + kRecheckAfter[stage], Pending{path, stage});
+}
+
+void FileIntegrity::Recheck(std::vector<ScanFinding>& found)
+{
+    const auto now = std::chrono::steady_clock::now();
+    while (!rechecks_.empty() && rechecks_.begin()->first <= now) {
+        const Pending due = std::move(rechecks_.begin()->second);
+        rechecks_.erase(rechecks_.begin());
+        Integrity::FileFacts before;
+        Integrity::FileFacts after;
+        // Gone or replaced by a directory since: its own notifications tell of it.
+        if (!baseline_.Get(due.path, before) || !Read(due.path, &before, after) || after.IsDir()) {
+            continue;
+        }
+        if (!(before == after)) {
+            baseline_.Put(due.path, after);
+        }
+        if (const uint32_t changes = Integrity::Differences(before, after); changes != 0) {
+            Integrity::Difference d;
+            d.kind = Integrity::Difference::Kind::kChanged;
+            d.path = due.path;
+            d.before = std::move(before);
+            d.after = std::move(after);
+            d.changes = changes;
+            ScanFinding finding = FindingOf(std::move(d));
+            finding.change.reason = "re-check: changed after its notification";
+            found.push_back(std::move(finding));
+        }
+        if (due.stage + 1 < sizeof(kRecheckAfter) / sizeof(kRecheckAfter[0])) {
+            RecheckLater(due.path, due.stage + 1);
+        }
+    }
+}
+
 bool FileIntegrity::Scanning(int& waitMs) const
 {
     if (scans_.empty()) {
@@ -225,6 +276,7 @@ bool FileIntegrity::Scanning(int& waitMs) const
 
 bool FileIntegrity::Step(std::vector<ScanFinding>& found)
 {
+    Recheck(found);
     if (scans_.empty()) {
         return false;
     }
