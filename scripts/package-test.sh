@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian package from a normal build directory and proves it: lintian finds no error
 # (warnings are printed), systemd accepts the unit, the package installs with its dependencies,
-# the installed hostwarden answers --help and runs its main job briefly, and a purge leaves no file
+# the installed hostwarden answers --help and runs its main job briefly (recording the baseline
+# of its watched trees, which baseline check can then read), and a purge leaves no file
 # of ours and no audit rule of ours. Needs root.
 # Usage: scripts/package-test.sh BUILD_DIR
 set -euo pipefail
@@ -42,6 +43,10 @@ kill -TERM "$agent"
 wait "$agent" || { cat "$err" >&2; echo "package-test: the installed agent did not stop cleanly" >&2; exit 1; }
 rm -f "$err"
 [ -s /var/log/hostwarden/events.jsonl ] || { echo "package-test: no events in /var/log/hostwarden/events.jsonl" >&2; exit 1; }
+[ -s /var/lib/hostwarden/baseline.db ] || { echo "package-test: no baseline in /var/lib/hostwarden" >&2; exit 1; }
+status=0
+hostwarden baseline check >/dev/null || status=$?
+[ "$status" -le 1 ] || { echo "package-test: hostwarden baseline check cannot compare (status $status)" >&2; exit 1; }
 
 files=$(dpkg -L hostwarden)
 dpkg --purge hostwarden >/dev/null
@@ -50,7 +55,7 @@ left=0
 for f in $files; do
   if { [ -e "$f" ] || [ -L "$f" ]; } && [ ! -d "$f" ]; then echo "package-test: left behind: $f" >&2; left=1; fi
 done
-for d in /usr/lib/hostwarden /etc/hostwarden /var/log/hostwarden /usr/share/doc/hostwarden; do
+for d in /usr/lib/hostwarden /etc/hostwarden /var/log/hostwarden /var/lib/hostwarden /usr/share/doc/hostwarden; do
   [ ! -e "$d" ] || { echo "package-test: left behind: $d" >&2; left=1; }
 done
 if auditctl -l | grep -q '_task\*\*\*'; then echo "package-test: audit rules left behind" >&2; auditctl -l >&2; left=1; fi
