@@ -118,7 +118,7 @@ bool FileIntegrity::Read(const std::string& path, const Integrity::FileFacts* be
     if (!reader_.Stat(AT_FDCWD, path.c_str(), after, error)) {
         return false;
     }
-    if (before != nullptr && Integrity::SameVersion(*before, after)) {
+    if (before != nullptr && Integrity::SameVersion(*before, after) && Integrity::HashHolds(*before, reader_.MaxHashBytes())) {
         after.hash = before->hash;
         after.sha256 = before->sha256;
     } else {

@@ -246,8 +246,15 @@ Baseline::Opened Baseline::Open(const std::string& path, std::string& note)
     note = "the baseline cannot be kept at " + path + " (" + error +
            "); this run keeps it in memory, so the next start cannot tell what changed while the agent was stopped";
     path_.clear();
-    session_ = std::make_unique<Poco::Data::Session>("SQLite", ":memory:", kOpenSeconds);
-    Prepare(error);
+    try {
+        session_ = std::make_unique<Poco::Data::Session>("SQLite", ":memory:", kOpenSeconds);
+        if (!Prepare(error)) {
+            Close();
+        }
+    } catch (const Poco::Exception& e) {
+        Close();  // no baseline at all: every read finds nothing, every write is dropped
+        note += "; nor in memory: " + e.displayText();
+    }
     return Opened::kInMemory;
 }
 

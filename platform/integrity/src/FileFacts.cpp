@@ -101,6 +101,12 @@ bool SameVersion(const FileFacts& recorded, const FileFacts& now)
            recorded.mtimeNs == now.mtimeNs && recorded.ctimeNs == now.ctimeNs;
 }
 
+bool HashHolds(const FileFacts& recorded, uint64_t maxHashBytes)
+{
+    return recorded.hash == HashState::kDone || recorded.hash == HashState::kNone ||
+           (recorded.hash == HashState::kTooLarge && recorded.size > maxHashBytes);
+}
+
 const char* TypeName(uint32_t mode)
 {
     switch (mode & S_IFMT) {

@@ -59,7 +59,7 @@ void TreeScan::Visit(int dirFd, const std::string& dir, const std::string& name,
         return;  // gone since the listing: the live notifications tell of it
     }
     ++entries_;
-    if (recorded != nullptr && SameVersion(*recorded, now)) {
+    if (recorded != nullptr && SameVersion(*recorded, now) && HashHolds(*recorded, reader_.MaxHashBytes())) {
         now.hash = recorded->hash;
         now.sha256 = recorded->sha256;
     } else {

@@ -121,6 +121,17 @@ TEST(IntegrityFacts, DifferencesNameWhatChangedAndIgnoreADirectorysTimesAndSize)
     EXPECT_EQ(Integrity::Differences(dir, grown), 0U);
     grown.mode = S_IFDIR | 0777;
     EXPECT_EQ(Integrity::Differences(dir, grown), uint32_t{Integrity::kChangedMode});
+
+    // A recorded hash state is kept for an unchanged file unless reading again could do better.
+    FileFacts recorded = file;
+    EXPECT_TRUE(Integrity::HashHolds(recorded, 100));
+    recorded.hash = HashState::kTooLarge;
+    EXPECT_TRUE(Integrity::HashHolds(recorded, 9));
+    EXPECT_FALSE(Integrity::HashHolds(recorded, 10)) << "the limit was raised";
+    for (const HashState state : {HashState::kUnreadable, HashState::kUnstable}) {
+        recorded.hash = state;
+        EXPECT_FALSE(Integrity::HashHolds(recorded, 100));
+    }
 }
 
 TEST(IntegrityFacts, HashesContentAndLinkTargetsWithoutFollowingOrOpeningSpecialFiles)

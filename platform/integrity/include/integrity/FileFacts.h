@@ -59,6 +59,9 @@ std::vector<const char*> ChangeNames(uint32_t changes);
 /// True when a version stat'ed now is the version recorded: same inode, device, type, size,
 /// mtime and ctime. Its hash then still holds, and the file is not read again.
 bool SameVersion(const FileFacts& recorded, const FileFacts& now);
+/// True when a recorded hash state still holds for a file of that version: a hash, none to make,
+/// or a file still above maxHashBytes. A file unreadable or unstable before is read again.
+bool HashHolds(const FileFacts& recorded, uint64_t maxHashBytes);
 /// The ECS name of a file type ("file", "dir", "symlink", "fifo", "char_device", ...).
 const char* TypeName(uint32_t mode);
 /// The attributes of name in dirFd (AT_FDCWD for an absolute name), not following a final
