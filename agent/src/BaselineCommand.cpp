@@ -45,8 +45,15 @@ bool Selected(const std::vector<std::string>& paths, const std::vector<Integrity
         return true;
     }
     for (const std::string& path : paths) {
+        // The directory is resolved, not the last name: a link is checked as the link.
+        const size_t slash = path.rfind('/');
+        const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+        const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
         char resolved[PATH_MAX];
-        std::string absolute = ::realpath(path.c_str(), resolved) != nullptr ? resolved : path;
+        std::string absolute = path;
+        if (::realpath(dir.c_str(), resolved) != nullptr) {
+            absolute = name.empty() || name == "." ? std::string(resolved) : Integrity::JoinPath(resolved, name);
+        }
         bool covered = false;
         for (const Integrity::Root& root : roots) {
             if (!covered && Integrity::Covers(root, absolute)) {

@@ -413,9 +413,10 @@ std::string Octal(unsigned value)
     return text;
 }
 
+// A time before 1970 (a file's mtime can be set so) is written as the epoch.
 std::string NsTime(int64_t ns)
 {
-    return Rfc3339Ms(static_cast<uint64_t>(ns / 1000000));
+    return Rfc3339Ms(ns < 0 ? 0 : static_cast<uint64_t>(ns / 1000000));
 }
 
 // The file.* attributes of facts: those of the changes bits only, or all of them.

@@ -294,7 +294,7 @@ bool FileIntegrity::Step(std::vector<ScanFinding>& found)
     findings_ += differences.size();
     if (!more) {
         const Integrity::Root& root = current.scan->GetRoot();
-        if (current.marksComplete) {
+        if (current.marksComplete && !current.scan->Skipped()) {
             baseline_.SetComplete(root, true);
         }
         const double seconds =
@@ -321,6 +321,7 @@ void FileIntegrity::Flush()
 {
     baseline_.Flush();
     const std::string error = baseline_.TakeError();
+    errorLogged_ = errorLogged_ && !error.empty();  // logged again after a recovery
     if (!error.empty() && !errorLogged_) {
         errorLogged_ = true;
         poco_error(Log(), "File integrity: the baseline " + settings_.baseline + " cannot be written (" + error +

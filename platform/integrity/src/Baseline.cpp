@@ -164,6 +164,7 @@ bool Baseline::Prepare(std::string& error)
         *session_ << "PRAGMA quick_check", into(check), now;
         if (check != "ok") {
             error = "the database is damaged (" + check + ")";
+            damaged_ = true;
             return false;
         }
         int version = 0;
@@ -177,6 +178,7 @@ bool Baseline::Prepare(std::string& error)
             *session_ << "PRAGMA user_version = " + std::to_string(kSchemaVersion), now;
         } else if (version != kSchemaVersion) {
             error = "it is not a baseline of this version (schema " + std::to_string(version) + ")";
+            damaged_ = true;
             return false;
         }
         statements_ = std::make_unique<Statements>();
@@ -187,6 +189,10 @@ bool Baseline::Prepare(std::string& error)
     } catch (const std::exception& e) {
         error = e.what();
     }
+    // SQLite's words for a file that is not a sound database; a lock, a full disk or an I/O
+    // error leaves the file as it is.
+    damaged_ = damaged_ || error.find("not a database") != std::string::npos ||
+               error.find("malformed") != std::string::npos || error.find("corrupt") != std::string::npos;
     return false;
 }
 
@@ -217,6 +223,7 @@ bool Baseline::OpenWritable(const std::string& path, std::string& error)
 Baseline::Opened Baseline::Open(const std::string& path, std::string& note)
 {
     Close();
+    damaged_ = false;
     path_ = path;
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? std::string() : path.substr(0, std::max<size_t>(slash, 1));
@@ -230,7 +237,7 @@ Baseline::Opened Baseline::Open(const std::string& path, std::string& note)
     if (writable && OpenWritable(path, error)) {
         return existed ? Opened::kExisting : Opened::kCreated;
     }
-    if (existed && writable && error.find("readonly") == std::string::npos) {
+    if (existed && writable && damaged_) {
         const std::string aside = path + ".corrupt-" + UtcStamp();
         if (std::rename(path.c_str(), aside.c_str()) == 0) {
             for (const char* log : {"-wal", "-shm", "-journal"}) {
@@ -311,6 +318,11 @@ void Baseline::Flush()
         *session_ << "COMMIT", now;
     } catch (const std::exception& e) {
         Fail(e);
+        // What could not be committed is dropped, so the next writes start a transaction anew.
+        try {
+            *session_ << "ROLLBACK", now;
+        } catch (const std::exception&) {
+        }
     }
 }
 

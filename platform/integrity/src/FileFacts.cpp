@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <stdexcept>
@@ -72,7 +73,8 @@ uint32_t Differences(const FileFacts& before, const FileFacts& after)
     mark((before.mode & 07777) != (after.mode & 07777), kChangedMode);
     mark(before.uid != after.uid, kChangedOwner);
     mark(before.gid != after.gid, kChangedGroup);
-    mark(before.inode != after.inode || before.device != after.device, kChangedInode);
+    // Device numbers are handed out at boot on btrfs, overlayfs and NFS: only the inode tells.
+    mark(before.inode != after.inode, kChangedInode);
     if (!before.IsDir() || !after.IsDir()) {
         mark(before.hash == HashState::kDone && after.hash == HashState::kDone && before.sha256 != after.sha256,
              kChangedContent);
@@ -96,8 +98,7 @@ std::vector<const char*> ChangeNames(uint32_t changes)
 
 bool SameVersion(const FileFacts& recorded, const FileFacts& now)
 {
-    return recorded.inode == now.inode && recorded.device == now.device &&
-           (recorded.mode & S_IFMT) == (now.mode & S_IFMT) && recorded.size == now.size &&
+    return recorded.inode == now.inode && (recorded.mode & S_IFMT) == (now.mode & S_IFMT) && recorded.size == now.size &&
            recorded.mtimeNs == now.mtimeNs && recorded.ctimeNs == now.ctimeNs;
 }
 
@@ -163,14 +164,20 @@ bool StatFacts(int dirFd, const char* name, FileFacts& facts, int& error)
     return true;
 }
 
-bool FactsReader::Digest(int fd, std::string& digest, uint64_t& bytes)
+bool FactsReader::Digest(int fd, uint64_t limit, std::string& digest, uint64_t& bytes)
 {
     if (EVP_DigestInit_ex(ctx_, md_, nullptr) != 1) {
         return false;
     }
     bytes = 0;
     for (;;) {
-        const ssize_t got = ::read(fd, buffer_.get(), kReadBytes);
+        // A file that grows while it is read is not followed for ever: one byte past the size
+        // it had is enough to know it changed.
+        const uint64_t left = limit - bytes;
+        if (left == 0) {
+            break;
+        }
+        const ssize_t got = ::read(fd, buffer_.get(), static_cast<size_t>(std::min<uint64_t>(kReadBytes, left)));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -232,7 +239,7 @@ void FactsReader::Hash(int dirFd, const char* name, FileFacts& facts)
         bool read = false;
         if (::fstat(fd, &first) == 0 && S_ISREG(first.st_mode) && static_cast<uint64_t>(first.st_size) <= maxHashBytes_) {
             ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-            read = Digest(fd, digest, bytes);
+            read = Digest(fd, static_cast<uint64_t>(first.st_size) + 1, digest, bytes);
             bytesHashed_ += bytes;
         }
         const bool lastOk = ::fstat(fd, &last) == 0;

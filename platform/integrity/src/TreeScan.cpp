@@ -66,6 +66,14 @@ void TreeScan::Visit(int dirFd, const std::string& dir, const std::string& name,
         reader_.Hash(dirFd, name.c_str(), now);
         hashed_ += now.hash == HashState::kDone && !now.IsDir() ? 1 : 0;
     }
+    FileFacts current;
+    if (recorded != nullptr && !(*recorded == now) && baseline_.Get(path, current)) {
+        // A live notification may have recorded this version since the directory was opened.
+        recorded = &current;
+        if (*recorded == now) {
+            return Descend(dirFd, path, now);
+        }
+    }
     if (report_) {
         Difference d;
         d.path = path;
@@ -84,6 +92,11 @@ void TreeScan::Visit(int dirFd, const std::string& dir, const std::string& name,
     if (record_ && (recorded == nullptr || !(*recorded == now))) {
         baseline_.Put(path, now);
     }
+    Descend(dirFd, path, now);
+}
+
+void TreeScan::Descend(int dirFd, const std::string& path, const FileFacts& now)
+{
     const bool descend = dirFd == AT_FDCWD || root_.recursive;
     if (now.IsDir() && descend && (dirFd == AT_FDCWD || now.device == rootDevice_)) {
         queue_.push_back(Pending{path, now.device, now.inode});
@@ -101,11 +114,13 @@ bool TreeScan::OpenNext()
             if (fd >= 0) {
                 ::close(fd);
             }
-            continue;  // replaced since it was listed: not the directory recorded
+            skipped_ = true;  // replaced since it was listed (or unreadable): not compared
+            continue;
         }
         names_.clear();
         if (!ListNames(fd, names_)) {
             ::close(fd);
+            skipped_ = true;
             continue;
         }
         dirFd_ = fd;

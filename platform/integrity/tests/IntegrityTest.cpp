@@ -205,13 +205,14 @@ TEST(IntegrityFacts, AFileItsReaderMayNotReadKeepsItsAttributesWithoutAHash)
     EXPECT_TRUE(facts.sha256.empty());
 }
 
-TEST(IntegrityFacts, AFileWrittenWhileItIsHashedIsUnstableAndHashedOnceItRests)
+TEST(IntegrityFacts, AFileWrittenWhileItIsHashedIsNeverGivenAHashOfAnotherVersion)
 {
     TempDir dir;
     const std::string path = dir.Write("growing", std::string(16 << 20, 'x'));
     std::atomic<bool> stop{false};
     std::thread writer([&] {
         const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND);
+        ASSERT_GE(fd, 0);
         while (!stop) {
             (void)!::write(fd, "y", 1);
         }
@@ -220,13 +221,26 @@ TEST(IntegrityFacts, AFileWrittenWhileItIsHashedIsUnstableAndHashedOnceItRests)
     Integrity::FactsReader reader(kMaxHash);
     FileFacts facts;
     int error = 0;
-    ASSERT_TRUE(reader.ReadPath(path, facts, error));
+    // The file only grows: whatever version was read, its bytes are the file's first facts.size.
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_TRUE(reader.ReadPath(path, facts, error));
+        if (facts.hash == HashState::kDone) {
+            std::ifstream in(path, std::ios::binary);
+            std::string prefix(facts.size, '\0');
+            in.read(prefix.data(), static_cast<std::streamsize>(prefix.size()));
+            unsigned char out[EVP_MAX_MD_SIZE];
+            unsigned int size = 0;
+            EVP_Digest(prefix.data(), prefix.size(), out, &size, EVP_sha256(), nullptr);
+            EXPECT_EQ(facts.sha256, std::string(reinterpret_cast<const char*>(out), size));
+        } else {
+            EXPECT_EQ(facts.hash, HashState::kUnstable);
+            EXPECT_TRUE(facts.sha256.empty());
+        }
+    }
     stop = true;
     writer.join();
-    EXPECT_EQ(facts.hash, HashState::kUnstable);
-    EXPECT_TRUE(facts.sha256.empty());
     ASSERT_TRUE(reader.ReadPath(path, facts, error));
-    EXPECT_EQ(facts.hash, HashState::kDone);
+    EXPECT_EQ(facts.hash, HashState::kDone) << "once it rests";
 }
 
 TEST(IntegrityBaseline, KeepsAnyByteOfANameAndMovesAndErasesWholeSubtrees)
@@ -238,22 +252,29 @@ TEST(IntegrityBaseline, KeepsAnyByteOfANameAndMovesAndErasesWholeSubtrees)
         Baseline baseline;
         std::string note;
         ASSERT_EQ(baseline.Open(db, note), Baseline::Opened::kCreated) << note;
-        for (const std::string& path : std::vector<std::string>{"/w", "/w/a", "/w/a/x", "/w/a/d", "/w/a/d/y", "/w/a-b", "/w/a0", odd}) {
-            baseline.Put(path, Facts(path == "/w/a" || path == "/w/a/d" ? S_IFDIR | 0755 : S_IFREG | 0644,
+        // Beside /w/a in byte order: "/w/a-b" ('-' before '/'), "/w/a0" ('0' after '/'), "/w/a\xff".
+    const std::vector<std::string> paths{"/w",      "/w/a",    "/w/a/x",    "/w/a/d", "/w/a/d/y", "/w/a-b",
+                                         "/w/a-b/f", "/w/a0", "/w/a0/f", "/w/a\xff", "/w/a\xff/f", odd};
+    for (const std::string& path : paths) {
+            baseline.Put(path, Facts(path == "/w/a" || path == "/w/a/d" || path == "/w/a-b" || path == "/w/a0" ||
+                                             path == "/w/a\xff"
+                                         ? S_IFDIR | 0755
+                                         : S_IFREG | 0644,
                                      path.size(), std::string(32, '\0') + path));
         }
         FileFacts got;
         ASSERT_TRUE(baseline.Get(odd, got));
         EXPECT_EQ(got.sha256, std::string(32, '\0') + odd);
-        EXPECT_EQ(baseline.Children("/w").size(), 4U);
+        EXPECT_EQ(baseline.Children("/w").size(), 5U);
         EXPECT_EQ(baseline.CountBelow("/w/a"), 3U);
 
         baseline.Move("/w/a", "/w/moved");
         EXPECT_FALSE(baseline.Get("/w/a/d/y", got));
         ASSERT_TRUE(baseline.Get("/w/moved/d/y", got));
         EXPECT_EQ(got.size, std::string("/w/a/d/y").size());
-        EXPECT_TRUE(baseline.Get("/w/a-b", got));
-        EXPECT_TRUE(baseline.Get("/w/a0", got));
+        for (const char* beside : {"/w/a-b/f", "/w/a0/f", "/w/a\xff/f"}) {
+            EXPECT_TRUE(baseline.Get(beside, got)) << beside << " is not below /w/a";
+        }
         baseline.SetComplete({"/w", true}, true);
         EXPECT_EQ(baseline.TakeError(), "");
     }
@@ -263,9 +284,10 @@ TEST(IntegrityBaseline, KeepsAnyByteOfANameAndMovesAndErasesWholeSubtrees)
     ASSERT_EQ(again.Open(db, note), Baseline::Opened::kExisting) << note;
     EXPECT_TRUE(again.Complete({"/w", true}));
     EXPECT_FALSE(again.Complete({"/w", false}));
-    EXPECT_EQ(again.Count(), 8U);
+    EXPECT_EQ(again.Count(), 12U);
     again.Erase("/w/moved");
-    EXPECT_EQ(again.Count(), 4U);
+    EXPECT_EQ(again.Count(), 8U);
+    EXPECT_EQ(again.CountBelow("/w/a0"), 1U);
     FileFacts got;
     EXPECT_TRUE(again.Get("/w/a-b", got));
     EXPECT_TRUE(again.Get(odd, got));
@@ -432,15 +454,21 @@ TEST(IntegrityScan, ADirectorySwappedForALinkIsNotFollowedAndOtherFileSystemsAre
     EXPECT_FALSE(baseline.Get(root + "/sub/secret", facts));
     EXPECT_FALSE(baseline.Get(root + "/sub/inside", facts));
 
-    // /proc lies on another file system than /: a scan of / records /proc but does not enter it.
-    Integrity::FactsReader procReader(kMaxHash);
-    Baseline procBaseline;
-    ASSERT_EQ(procBaseline.Open(":memory:", note), Baseline::Opened::kCreated);
-    Integrity::TreeScan top({"/", false}, procBaseline, procReader, false, true);
-    while (top.Step(100, found)) {
+    // /dev/pts is a file system of its own inside /dev: it is recorded, not entered.
+    Integrity::FactsReader devReader(kMaxHash);
+    Baseline devBaseline;
+    ASSERT_EQ(devBaseline.Open(":memory:", note), Baseline::Opened::kCreated);
+    Integrity::TreeScan dev({"/dev", true}, devBaseline, devReader, false, true);
+    while (dev.Step(100, found)) {
     }
-    EXPECT_TRUE(procBaseline.Get("/proc", facts));
-    EXPECT_FALSE(procBaseline.Get("/proc/self", facts));
+    struct stat devSt {};
+    struct stat ptsSt {};
+    if (::stat("/dev/pts", &ptsSt) == 0 && ::stat("/dev", &devSt) == 0 && ptsSt.st_dev != devSt.st_dev) {
+        EXPECT_TRUE(devBaseline.Get("/dev/pts", facts));
+        EXPECT_FALSE(devBaseline.Get("/dev/pts/ptmx", facts));
+    }
+    EXPECT_TRUE(devBaseline.Get("/dev/null", facts));
+    EXPECT_EQ(facts.hash, HashState::kNone) << "a device is never read";
 }
 
 TEST(IntegrityScan, ATreeOfAHundredThousandFilesIsRecordedInBoundedStepsAndRescannedWithoutReading)

@@ -90,6 +90,7 @@ private:
     std::unique_ptr<Statements> statements_;
     std::string path_;
     bool inTransaction_ = false;
+    bool damaged_ = false;  // the last opening found the file unsound (not merely busy or full)
     unsigned writes_ = 0;
     std::string error_;
 };

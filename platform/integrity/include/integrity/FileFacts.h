@@ -56,8 +56,8 @@ uint32_t Differences(const FileFacts& before, const FileFacts& after);
 /// The names of the bits of changes, in bit order ("type", "content", "size", "mode", "owner",
 /// "group", "mtime", "inode").
 std::vector<const char*> ChangeNames(uint32_t changes);
-/// True when a version stat'ed now is the version recorded: same inode, device, type, size,
-/// mtime and ctime. Its hash then still holds, and the file is not read again.
+/// True when a version stat'ed now is the version recorded: same inode, type, size, mtime and
+/// ctime (not the device number, which some file systems hand out anew at each boot). Its hash then still holds, and the file is not read again.
 bool SameVersion(const FileFacts& recorded, const FileFacts& now);
 /// True when a recorded hash state still holds for a file of that version: a hash, none to make,
 /// or a file still above maxHashBytes. A file unreadable or unstable before is read again.
@@ -99,8 +99,9 @@ public:
     uint64_t MaxHashBytes() const { return maxHashBytes_; }
 
 private:
-    // The content of the open regular file fd into digest; false when a read fails.
-    bool Digest(int fd, std::string& digest, uint64_t& bytes);
+    // The content of the open regular file fd, at most limit bytes, into digest; false when a
+    // read fails.
+    bool Digest(int fd, uint64_t limit, std::string& digest, uint64_t& bytes);
 
     uint64_t maxHashBytes_;
     uint64_t bytesHashed_ = 0;

@@ -43,6 +43,9 @@ public:
     uint64_t Entries() const { return entries_; }
     /// Entries read for their hash so far.
     uint64_t Hashed() const { return hashed_; }
+    /// True when a directory could not be compared (replaced while queued, or unreadable): the
+    /// tree was not seen whole.
+    bool Skipped() const { return skipped_; }
 
 private:
     struct Pending {
@@ -53,6 +56,8 @@ private:
     // Compares the entry name of the open directory (the root itself when dirFd is AT_FDCWD).
     void Visit(int dirFd, const std::string& dir, const std::string& name, const FileFacts* recorded,
                std::vector<Difference>& found);
+    // Queues a directory the scan goes into.
+    void Descend(int dirFd, const std::string& path, const FileFacts& now);
     bool OpenNext();
     void CloseDir(std::vector<Difference>& found);
     // Reports the root itself gone.
@@ -73,6 +78,7 @@ private:
     std::map<std::string, FileFacts> recorded_;  // the open directory's baseline children not yet seen
     uint64_t entries_ = 0;
     uint64_t hashed_ = 0;
+    bool skipped_ = false;
 };
 
 }  // namespace Integrity
