@@ -167,7 +167,7 @@ int ExportTask::Run()
     while (GetState() != Framework::kTaskStop) {
         // While a scan runs, the wait lasts only until its share allows the next step.
         int waitMs = kWaitMs;
-        if (integrity_ && integrity_->Scanning(waitMs)) {
+        if (phase_ == Phase::kRunning && integrity_ && integrity_->Scanning(waitMs)) {
             waitMs = std::min(waitMs, kWaitMs);
         }
         if (GetEventWaiter().WaitAndHandleEvent(waitMs, kMessagesPerTurn) < 0) {
@@ -233,7 +233,11 @@ void ExportTask::EndTurn()
         }
     }
     AddSummaries(false);
-    ScanStep();
+    // The trees are compared once the kernel watches them: what changes before a directory is
+    // compared is found by the scan, what changes after it by the watch.
+    if (phase_ == Phase::kRunning) {
+        ScanStep();
+    }
     Write();
 }
 
