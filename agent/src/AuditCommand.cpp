@@ -55,7 +55,7 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
             return 1;
         }
         watches.push_back(path);
-        keys.push_back(kCliTaskName + "***" + request.tag + "***" + path + "***wapidppid");
+        keys.push_back(Engine::FileRuleKey(kCliTaskName, request.tag, path, Engine::kFileWatchRulePerm));
     }
 
     Export::LineOptions options;
@@ -85,7 +85,7 @@ int RunAuditCommand(const AuditRequest& request, Framework::Engine& engine, cons
         auto* msg = new Engine::AuditFileSystemCtrlMessage(session.Subscriber(), path, {}, _FileNotifyOpt{});
         msg->tag = request.tag;
         msg->operate = "-w";
-        msg->rule = path + " -p wa";
+        msg->rule = Engine::FileWatchRuleText(path);
         accepted = session.Accepted(session.Send(Engine::kAuditTaskName, msg), "the watch of " + path) && accepted;
     }
     const bool installed = accepted && session.WaitForKernelKeys(keys, true);

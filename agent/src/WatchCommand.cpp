@@ -75,7 +75,7 @@ int RunWatchCommand(const WatchRequest& request, Framework::Engine& engine, cons
     bool accepted = true;
     for (const std::string& path : paths) {
         accepted = session.Accepted(send(path, false), "the watch of " + path) && accepted;
-        keys.push_back(Export::FileWatchKey(path));
+        keys.push_back(Engine::FileWatchRuleKey(path));
     }
     const bool installed = accepted && session.WaitForKernelKeys(keys, true);
     if (installed) {

@@ -59,4 +59,7 @@ TEST(AgentRun, LoadsTheInstalledModulesReopensItsOutputOnSighupAndStopsCleanly)
     EXPECT_EQ(agent->Wait(), 0) << agent->err;
     EXPECT_NE(agent->err.find("Unloaded module export_module."), std::string::npos) << agent->err;
     EXPECT_NE(agent->err.find("Agent stopped."), std::string::npos) << agent->err;
+    // Log lines name their source within the project, not where it was built.
+    EXPECT_EQ(agent->err.find(HW_SOURCE_DIR), std::string::npos) << agent->err;
+    EXPECT_NE(agent->err.find(" platform/framework/src/Engine.cpp:"), std::string::npos) << agent->err;
 }

@@ -68,10 +68,10 @@ private:
     RuleKeeper keeper_{*this};  // last: its thread stops before the registry goes
 };
 
-/// The key of a syscall subscription: task "***" tag, first syscall, "pid", pid, "ppid", ppid
-/// (empty for a rule without syscalls).
+/// The key of a syscall subscription, as SyscallRuleKey lays it out (empty for a rule without
+/// syscalls).
 std::string getRuleKey(const std::string& taskName, const std::string& tag, const SyscallRule& rule);
-/// The key of a file-system subscription: task "***" tag "***" path "***" perm "pid" pid "ppid" ppid key.
+/// The key of a file-system subscription, as FileRuleKey lays it out.
 std::string getRuleKey(const std::string& taskName, const std::string& tag, const FileSystemRule& rule);
 /// The path part of a file-system key (third "***" piece), or empty with fewer than four pieces.
 std::string getFilepathFromKey(const std::string& key);

@@ -1,5 +1,7 @@
 #include "AuditLog.h"
 
+#include "RuleKey.h"
+
 #include "AuditConstants.h"
 #include "AuditLogging.h"
 #include "AuditMessages.h"
@@ -712,7 +714,7 @@ std::string getFilepath(const std::string& cwd, const std::string& name)
 
 void getContainerId(const std::string& key, std::string& out)
 {
-    const std::vector<std::string> pieces = SDK::StrUtils::Split(key, "***");
+    const std::vector<std::string> pieces = SDK::StrUtils::Split(key, kKeySeparator);
     if (pieces.size() >= 3 && SDK::StrUtils::StartWith(pieces[1], "cid:")) {
         out = pieces[1].substr(4);
     }

@@ -4,6 +4,7 @@
 #include "AuditLogging.h"
 #include "AuditMessages.h"
 #include "AuditUtil.h"
+#include "RuleKey.h"
 
 #include "sdk/AuditRuleText.h"
 #include "sdk/StrUtils.h"
@@ -34,18 +35,17 @@ std::string getRuleKey(const std::string& taskName, const std::string& tag, cons
     if (rule.syscalls.empty()) {
         return {};
     }
-    return taskName + "***" + tag + rule.syscalls.front() + "pid" + rule.pid + "ppid" + rule.ppid;
+    return SyscallRuleKey(taskName, tag, rule.syscalls.front(), rule.pid, rule.ppid);
 }
 
 std::string getRuleKey(const std::string& taskName, const std::string& tag, const FileSystemRule& rule)
 {
-    return taskName + "***" + tag + "***" + rule.path + "***" + rule.perm + "pid" + rule.pid + "ppid" + rule.ppid +
-           rule.key;
+    return FileRuleKey(taskName, tag, rule.path, rule.perm, rule.pid, rule.ppid, rule.key);
 }
 
 std::string getFilepathFromKey(const std::string& key)
 {
-    const std::vector<std::string> pieces = SDK::StrUtils::Split(key, "***");
+    const std::vector<std::string> pieces = SDK::StrUtils::Split(key, kKeySeparator);
     return pieces.size() < 4 ? std::string() : pieces[2];
 }
 
@@ -171,7 +171,7 @@ void AuditRules::UnregisterTask(const std::string& taskName)
 {
     AUDIT_LOG_INFO("Unregister task(%s).", taskName);
     std::lock_guard<std::mutex> lock(kernelMutex_);
-    const AuditctlArgs command = {"-D", "-k", taskName + "***"};
+    const AuditctlArgs command = {"-D", "-k", taskName + kKeySeparator};
     LinuxAuditUtil::ExecAuditCmd(command);
     AUDIT_LOG_INFO("%s", LinuxAuditUtil::JoinWords(command));
     // A plain prefix test on the name: a task whose name starts another's takes its entries too.

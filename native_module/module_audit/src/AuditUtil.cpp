@@ -1,5 +1,7 @@
 #include "AuditUtil.h"
 
+#include "RuleKey.h"
+
 #include "AuditLogging.h"
 #include "AuditMessages.h"
 #include "SyscallTables.h"
@@ -25,13 +27,25 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 namespace Engine {
 
-SharedLookupTable<std::string, ParameterNumber> parameterNumberMap = {
-    {"pid", kParamPid}, {"arch", kParamArch}, {"ppid", kParamPpid}, {"key", kParamKey},
-    {"success", kParamSuccess}, {"exit", kParamExit}, {"a0", kParamA0}, {"a1", kParamA1},
-    {"a2", kParamA2}, {"a3", kParamA3}, {"path", kParamPath}, {"perm", kParamPerm}};
+namespace {
+
+std::map<std::string, ParameterNumber> ParameterNumbers()
+{
+    static_assert(sizeof(kRuleFieldNames) / sizeof(kRuleFieldNames[0]) == kParamPerm + 1, "a name for every parameter");
+    std::map<std::string, ParameterNumber> numbers;
+    for (size_t i = 0; i < sizeof(kRuleFieldNames) / sizeof(kRuleFieldNames[0]); ++i) {
+        numbers.emplace(kRuleFieldNames[i], static_cast<ParameterNumber>(i));
+    }
+    return numbers;
+}
+
+}  // namespace
+
+SharedLookupTable<std::string, ParameterNumber> parameterNumberMap(ParameterNumbers());
 
 
 namespace {

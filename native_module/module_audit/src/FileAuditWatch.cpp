@@ -1,6 +1,7 @@
 #include "FileAuditWatch.h"
 
 #include "AuditConstants.h"
+#include "RuleKey.h"
 #include "AuditLogging.h"
 #include "AuditUtil.h"
 #include "SyscallTables.h"
@@ -300,7 +301,7 @@ std::vector<std::string> FileAuditWatch::RmFileWatchesOf(const Framework::Task* 
 void FileAuditWatch::Send(const std::string& rule, const std::string& operate)
 {
     auto* message = new AuditFileSystemCtrlMessage(task_, "", {}, _FileNotifyOpt{});
-    message->tag = "submodule";
+    message->tag = kFileWatchRuleTag;
     message->operate = operate;
     message->rule = rule;
     if (task_ == nullptr) {

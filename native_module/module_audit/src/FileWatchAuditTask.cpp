@@ -1,5 +1,7 @@
 #include "FileWatchAuditTask.h"
 
+#include "RuleKey.h"
+
 #include "AuditConstants.h"
 #include "AuditLogging.h"
 
@@ -14,9 +16,6 @@ constexpr int kMessagesPerTurn = 128;
 // Entries of queued trees recorded per turn (a few milliseconds), so a large tree moved into a
 // watch is recorded between the messages instead of before them.
 constexpr size_t kScanEntriesPerTurn = 2048;
-// The audit watch asks the kernel for writes and attribute changes (w and a) whatever the
-// subscriber's mask: the mask is applied to the notifications.
-constexpr unsigned kAuditWatchPerm = 10;
 
 }  // namespace
 
@@ -75,7 +74,7 @@ int FileWatchAuditTask::Receive(const AuditFileSystemCtrlMessage& msg)
         AUDIT_LOG_ERROR("File watch of path(%s) without a sender task refused.", msg.path);
         return 2;
     }
-    const std::string rule = msg.path + " -p " + FileAuditWatch::PermToStr(kAuditWatchPerm);
+    const std::string rule = FileWatchRuleText(msg.path);
     if (msg.unwatch) {
         if (watch_.RmFileWatch(msg) != 0) {
             watch_.UnregisterFileRule(rule);
@@ -95,7 +94,7 @@ int FileWatchAuditTask::Receive(const AuditUnsubscribeMessage& msg)
     }
     // Only the sender's rules go, and with them the audit watches nobody else needs.
     for (const std::string& path : watch_.RmFileWatchesOf(msg.sender)) {
-        watch_.UnregisterFileRule(path + " -p " + FileAuditWatch::PermToStr(kAuditWatchPerm));
+        watch_.UnregisterFileRule(FileWatchRuleText(path));
     }
     return 0;
 }

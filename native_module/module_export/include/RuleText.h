@@ -1,5 +1,7 @@
 #pragma once
 
+#include "RuleKey.h"
+
 #include <string>
 #include <vector>
 
@@ -18,12 +20,11 @@ struct RuleOutline {
 /// pair followed by -S, -F and -k options. False, with the reason.
 bool LintSyscallRule(const std::string& text, RuleOutline& outline, std::string& problem);
 
-/// The key the module gives a syscall subscription of task with tag (its documented layout:
-/// task "***" tag, first system call, "pid", pid, "ppid", ppid).
-std::string SyscallRuleKey(const std::string& task, const std::string& tag, const RuleOutline& outline);
-
-/// The key the file-watch task's audit watch on path has in the kernel.
-std::string FileWatchKey(const std::string& path);
+/// The key the module gives a syscall subscription of task with tag.
+inline std::string SyscallRuleKey(const std::string& task, const std::string& tag, const RuleOutline& outline)
+{
+    return Engine::SyscallRuleKey(task, tag, outline.firstSyscall, outline.pid, outline.ppid);
+}
 
 /// True when text holds only letters, digits, '_', '-' and '.' (and something): a tag that
 /// keeps rule keys and command lines whole.

@@ -220,7 +220,7 @@ bool WatchablePath(const std::string& path, std::string& resolved, std::string& 
         problem = "cannot watch a path that holds " + what;
         return false;
     }
-    if (const size_t length = FileWatchKey(resolved).size(); length > SDK::kMaxAuditKeyLength) {
+    if (const size_t length = Engine::FileWatchRuleKey(resolved).size(); length > SDK::kMaxAuditKeyLength) {
         problem = "cannot watch '" + resolved + "': its kernel rule key would be " + std::to_string(length) +
                   " bytes, and the kernel takes at most " + std::to_string(SDK::kMaxAuditKeyLength);
         return false;

@@ -49,7 +49,7 @@ std::vector<std::string> Keys(const std::vector<Subscription>& subscriptions)
         if (!s.syscall.empty() && LintSyscallRule(s.syscall, outline, problem)) {
             keys.push_back(SyscallRuleKey(kExportTaskName, s.tag, outline));
         } else if (!s.watch.empty()) {
-            keys.push_back(FileWatchKey(s.watch));
+            keys.push_back(Engine::FileWatchRuleKey(s.watch));
         }
     }
     return keys;

@@ -7,6 +7,7 @@
 #include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
 
+#include <iterator>
 #include <set>
 #include <vector>
 
@@ -14,10 +15,8 @@ namespace Export {
 
 namespace {
 
-// The -F fields the module understands: its process and argument filters, and arch, key, path
-// and perm. Any other name would be taken as pid.
-const std::set<std::string> kFields = {"pid", "ppid", "arch", "key", "success", "exit",
-                                       "a0", "a1", "a2", "a3", "path", "perm"};
+// The -F fields the module understands; any other name would be taken as pid.
+const std::set<std::string> kFields(std::begin(Engine::kRuleFieldNames), std::end(Engine::kRuleFieldNames));
 // auditctl's filter lists and actions (-a LIST,ACTION, either order).
 const std::set<std::string> kLists = {"task", "exit", "user", "exclude", "filesystem", "io_uring"};
 const std::set<std::string> kActions = {"never", "always"};
@@ -80,19 +79,11 @@ bool LintSyscallRule(const std::string& text, RuleOutline& outline, std::string&
     return true;
 }
 
-std::string SyscallRuleKey(const std::string& task, const std::string& tag, const RuleOutline& outline)
-{
-    return task + "***" + tag + outline.firstSyscall + "pid" + outline.pid + "ppid" + outline.ppid;
-}
 
 }  // namespace Export
 
 namespace Export {
 
-std::string FileWatchKey(const std::string& path)
-{
-    return Engine::kFileWatchTaskName + "***submodule***" + path + "***wapidppid";
-}
 
 bool ValidTag(const std::string& text)
 {

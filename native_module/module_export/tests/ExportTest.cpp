@@ -60,7 +60,7 @@ TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)
     // Watched paths that exist but cannot be keyed or run: the key separator, a control
     // character, a key longer than the kernel's limit (one character shorter is taken).
     TestSupport::TempDir dir;
-    const std::string fits = dir.path() + "/" + std::string(255 - Export::FileWatchKey(dir.path() + "/").size(), 'd');
+    const std::string fits = dir.path() + "/" + std::string(255 - Engine::FileWatchRuleKey(dir.path() + "/").size(), 'd');
     for (const auto& [name, problem] : std::vector<std::pair<std::string, std::string>>{
              {"a***b", "cannot watch a path that holds \"***\""}, {"a\x01b", "cannot watch a path that holds a control"},
              {fits.substr(dir.path().size() + 1) + "dd", "cannot watch '" + fits + "dd': its kernel rule key would be 257 bytes"},
