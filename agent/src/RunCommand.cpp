@@ -59,9 +59,9 @@ std::string RuleProblem(const std::string& text)
     }
     // An unknown name would be routed as system call 0 and refused by auditctl.
     for (const std::string& name : rule.syscalls) {
-        const auto& table = rule.arch == "b32" ? Engine::syscallNameToNumber32 : Engine::syscallNameToNumber64;
+        auto& table = Engine::SyscallNumbersOfRuleArch(rule.arch);
         if (table.count(name) == 0) {
-            return "unknown system call '" + name + "'" + (rule.arch == "b32" ? " on i386" : " on x86_64");
+            return "unknown system call '" + name + "'" + (Engine::IsRuleArch32(rule.arch) ? " on i386" : " on x86_64");
         }
     }
     return {};

@@ -5,6 +5,7 @@
 #include "SharedLookupTable.h"
 
 #include <string>
+#include <string_view>
 
 namespace Engine {
 
@@ -32,5 +33,32 @@ extern SharedLookupTable<std::string, int32_t> syscallNameToNumber64;
 extern SharedLookupTable<int32_t, std::string> syscallNumberToName64;
 extern SharedLookupTable<std::string, int32_t> syscallNameToNumber32;
 extern SharedLookupTable<int32_t, std::string> syscallNumberToName32;
+
+/// The -F arch value of a rule that selects the i386 tables; any other value selects x86-64.
+inline const std::string kRuleArch32 = "b32";
+
+/// True when a rule's arch value selects the i386 tables.
+inline bool IsRuleArch32(const std::string& arch)
+{
+    return arch == kRuleArch32;
+}
+
+/// True when a record's arch (hexadecimal) is x86-64.
+inline bool IsRecordArch64(std::string_view arch)
+{
+    return arch == kAuditArch64;
+}
+
+/// The name-to-number table a rule's arch value selects.
+inline SharedLookupTable<std::string, int32_t>& SyscallNumbersOfRuleArch(const std::string& arch)
+{
+    return IsRuleArch32(arch) ? syscallNameToNumber32 : syscallNameToNumber64;
+}
+
+/// The name-to-number table of a record's arch (x86-64 or else i386).
+inline SharedLookupTable<std::string, int32_t>& SyscallNumbersOfRecordArch(std::string_view arch)
+{
+    return IsRecordArch64(arch) ? syscallNameToNumber64 : syscallNameToNumber32;
+}
 
 }  // namespace Engine

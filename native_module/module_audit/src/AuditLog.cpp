@@ -10,6 +10,7 @@
 #include "SyscallTables.h"
 
 #include "container/ContainerMetaInfo.h"
+#include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
 
 #include <cctype>
@@ -57,7 +58,7 @@ AuditLog::~AuditLog() = default;  // events still open are dropped undelivered
 
 SyscallRouteMap& AuditLog::GetSyscallMap(const SyscallRule& rule)
 {
-    return rule.arch == "b32" ? syscallRoutes32 : syscallRoutes64;
+    return IsRuleArch32(rule.arch) ? syscallRoutes32 : syscallRoutes64;
 }
 
 namespace {
@@ -614,7 +615,7 @@ int AuditLog::getCWD(const std::shared_ptr<AuditEvent>& event, std::string& cwd)
 
 bool AuditLog::IsChangeMode(const std::shared_ptr<AuditEvent>& event)
 {
-    const auto& table = event->arch == kAuditArch64 ? syscallNameToNumber64 : syscallNameToNumber32;
+    auto& table = SyscallNumbersOfRecordArch(event->arch);
     for (const char* name : {"chmod", "fchmod", "fchmodat"}) {
         int32_t number = 0;
         if (table.Find(name, number) && number == event->syscall) {
@@ -722,13 +723,7 @@ void getContainerId(const std::string& key, std::string& out)
 
 bool StartsWith(const std::string& path, const std::string& prefix)
 {
-    if (!SDK::StrUtils::StartWith(path, prefix)) {
-        return false;
-    }
-    if (!prefix.empty() && prefix.back() == '/') {
-        return true;
-    }
-    return path.size() > prefix.size() && path[prefix.size()] == '/';
+    return SDK::PathUtils::IsBelow(prefix, path);
 }
 
 int AuditLog::GenerateLogPathForOneRecord(const std::shared_ptr<AuditEvent>& event, const SDK::AuditFields& record,
@@ -861,7 +856,7 @@ bool AuditLog::CheckFileEventInfo(auditFileSystemDest* dest, const std::shared_p
 
 void AuditLog::DeliverSyscallEvent(const std::shared_ptr<AuditEvent>& event)
 {
-    SyscallRouteMap& routes = event->arch == kAuditArch64 ? syscallRoutes64 : syscallRoutes32;
+    SyscallRouteMap& routes = IsRecordArch64(event->arch) ? syscallRoutes64 : syscallRoutes32;
     AUDIT_LOG_TRACE("syscall arch is %s", event->arch);
     auto [it, end] = routes.equal_range(event->syscall);
     for (; it != end; ++it) {

@@ -190,7 +190,7 @@ int ParseRuleText(const std::string& text, const char* listOption, std::string& 
 
 std::string LinuxAuditUtil::SyscallNamesForAuditctl(const std::string& ruleText, const std::string& arch)
 {
-    const int machine = arch == "b32" ? MACH_X86 : MACH_86_64;
+    const int machine = IsRuleArch32(arch) ? MACH_X86 : MACH_86_64;
     std::string out;
     bool list = false;
     for (const std::string& token : RuleWords(ruleText)) {
@@ -274,7 +274,7 @@ int LinuxAuditUtil::setFileSystemParameter(std::string parameter, FileSystemRule
 
 int32_t LinuxAuditUtil::auditGetSyscallNumber(const std::string& name, const std::string& arch)
 {
-    return arch == "b32" ? syscallNameToNumber32[name] : syscallNameToNumber64[name];
+    return SyscallNumbersOfRuleArch(arch)[name];
 }
 
 bool LinuxAuditUtil::getLibraryPathEnv(char* buffer, size_t length)
@@ -530,13 +530,10 @@ std::string LinuxAuditUtil::RealPathInRoot(const std::string& base, const std::s
 
 bool IsChildFileNoRecursive(const std::string& dir, const std::string& file)
 {
-    if (dir.empty() || file.empty() || dir.size() >= file.size()) {
-        return false;
-    }
-    if (file.compare(0, dir.size(), dir) != 0 || file[dir.size()] != '/') {
-        return false;
-    }
-    return file.find('/', dir.size() + 1) == std::string::npos;
+    // KEPT: a directory given with a trailing slash never has children here, though it has below
+    // it (IsChildFile); rule paths are canonical, without one.
+    return !dir.empty() && dir.back() != '/' && SDK::PathUtils::IsBelow(dir, file) &&
+           file.find('/', dir.size() + 1) == std::string::npos;
 }
 
 }  // namespace Engine

@@ -1,12 +1,13 @@
 #include "FileAuditWatch.h"
 
 #include "AuditConstants.h"
-#include "RuleKey.h"
 #include "AuditLogging.h"
+#include "RuleKey.h"
 #include "AuditUtil.h"
 #include "SyscallTables.h"
 
 #include "framework/Task.h"
+#include "sdk/PathUtils.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -599,11 +600,7 @@ unsigned long FileAuditWatch::GetDevFromStr(std::string dev)
 
 bool FileAuditWatch::IsChildFile(const FileNotifyRule& rule, const std::string& path)
 {
-    const std::string& dir = rule.path;
-    if (dir.empty() || path.size() <= dir.size() || path.compare(0, dir.size(), dir) != 0) {
-        return false;
-    }
-    return path[dir.size()] == '/' || dir.back() == '/';
+    return !rule.path.empty() && path.size() > rule.path.size() && SDK::PathUtils::IsBelow(rule.path, path);
 }
 
 bool FileAuditWatch::CheckFileRecursiveEx(const std::string& path)

@@ -42,7 +42,7 @@ int32_t ParsePid(std::string_view text)
 
 std::string_view ArchName(std::string_view arch)
 {
-    if (arch == Engine::kAuditArch64) {
+    if (Engine::IsRecordArch64(arch)) {
         return "x86_64";
     }
     if (arch == Engine::kAuditArch32) {
@@ -57,7 +57,7 @@ std::string SyscallName(std::string_view arch, std::string_view number)
     std::string name;
     if (ParseDecimal(number, value) && value <= INT32_MAX) {
         const auto n = static_cast<int32_t>(value);
-        if (arch == Engine::kAuditArch64) {
+        if (Engine::IsRecordArch64(arch)) {
             Engine::syscallNumberToName64.Find(n, name);
         } else if (arch == Engine::kAuditArch32) {
             Engine::syscallNumberToName32.Find(n, name);

@@ -6,6 +6,7 @@
 #include "FileAuditWatch.h"
 
 #include "framework/Engine.h"
+#include "sdk/PathUtils.h"
 #include "sdk/DirUtils.h"
 
 #include "sdk/TimeUtils.h"
@@ -34,9 +35,7 @@ Poco::Logger& Log()
 // (the rule's path, then "/" or the rule's own trailing "/", then more).
 bool Covers(const Subscription& s, const std::string& path)
 {
-    const std::string& dir = s.watch;
-    return path == dir || (path.size() > dir.size() && path.compare(0, dir.size(), dir) == 0 &&
-                           (path[dir.size()] == '/' || dir.back() == '/'));
+    return path == s.watch || (path.size() > s.watch.size() && SDK::PathUtils::IsBelow(s.watch, path));
 }
 
 // The kernel keys of the subscriptions, as the audit module makes them.

@@ -1,5 +1,6 @@
 #include "integrity/Baseline.h"
 
+#include "sdk/PathUtils.h"
 #include "sdk/DirUtils.h"
 
 #include <Poco/Data/LOB.h>
@@ -89,11 +90,11 @@ bool Covers(const Root& root, const std::string& path)
     if (path == root.path) {
         return true;
     }
-    const std::string prefix = root.path == "/" ? "/" : root.path + "/";
-    if (path.size() <= prefix.size() || path.compare(0, prefix.size(), prefix) != 0) {
+    if (!SDK::PathUtils::IsBelow(root.path, path)) {
         return false;
     }
-    return root.recursive || path.find('/', prefix.size()) == std::string::npos;
+    const size_t rest = root.path.back() == '/' ? root.path.size() : root.path.size() + 1;
+    return root.recursive || path.find('/', rest) == std::string::npos;
 }
 
 // The prepared statements and the variables they are bound to.

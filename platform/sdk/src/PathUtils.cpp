@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 namespace SDK {
 
@@ -62,6 +63,14 @@ std::string PathUtils::GetFileNameFromPath(const std::string& path)
 int ProcessUtils::GetProcessExePath(unsigned int pid, std::string& exePath)
 {
     return ReadLink("/proc/" + std::to_string(pid) + "/exe", exePath);
+}
+
+bool PathUtils::IsBelow(std::string_view dir, std::string_view path)
+{
+    if (path.size() < dir.size() || path.compare(0, dir.size(), dir) != 0) {
+        return false;
+    }
+    return (!dir.empty() && dir.back() == '/') || (path.size() > dir.size() && path[dir.size()] == '/');
 }
 
 }  // namespace SDK

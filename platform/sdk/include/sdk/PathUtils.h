@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace SDK {
 
@@ -14,6 +15,11 @@ public:
 
     /// The last component of path ("/a/b/c.cpp" gives "c.cpp"; "c" gives "c").
     static std::string GetFileNameFromPath(const std::string& path);
+
+    /// True when path lies below dir: it begins with dir, and dir ends in "/" or path goes on
+    /// with "/" right after it. A path equal to dir is not below it, unless dir ends in "/"; an
+    /// empty dir has below it every path that begins with "/".
+    static bool IsBelow(std::string_view dir, std::string_view path);
 };
 
 }  // namespace SDK
