@@ -2,8 +2,8 @@
 
 #include "EventLines.h"
 
-#include "AuditLog.h"
 #include "AuditMessages.h"
+#include "OfflineAudit.h"
 
 #include "CommandInput.h"
 
@@ -13,9 +13,6 @@
 namespace Agent {
 
 namespace {
-
-// Numbers above every system call the kernel's tables hold on either architecture.
-constexpr int32_t kSyscallNumbers = 1024;
 
 // Receives the delivered events and prints them.
 class PrintingTask : public Framework::Task, public Engine::AbstructMessage<Engine::AuditEventMessage>::Receiver {
@@ -40,18 +37,6 @@ private:
     std::string line_;
 };
 
-// A route without filters under every system-call number of both architectures.
-void RouteEverything(Engine::AuditLog& log, Framework::Task* receiver)
-{
-    for (int32_t number = 0; number < kSyscallNumbers; ++number) {
-        Engine::auditSyscallDest dest;
-        dest.task = receiver;
-        dest.tag = "decode";
-        log.syscallRoutes64.emplace(number, dest);
-        log.syscallRoutes32.emplace(number, dest);
-    }
-}
-
 }  // namespace
 
 int RunDecodeCommand(const std::vector<std::string>& args, const Export::LineOptions& lines, std::ostream& out,
@@ -63,14 +48,12 @@ int RunDecodeCommand(const std::vector<std::string>& args, const Export::LineOpt
         return 2;
     }
     PrintingTask printer(out, lines);
-    Framework::Task sender("decode_task", "decode", Framework::TaskCondition::kOnEvent, 1);
-    Engine::AuditLog log(&sender, nullptr);
-    RouteEverything(log, &printer);
+    Engine::OfflineDecoder decoder(&printer);
     for (std::string line; std::getline(*in, line);) {
-        log.HandleOneLineLog(line);
+        decoder.Line(line);
         printer.BulkConsumeMsg(4096);  // each line delivers at most one event
     }
-    log.HandleNoEofScenarios();
+    decoder.End();
     printer.BulkConsumeMsg(4096);
     return 0;
 }

@@ -2,13 +2,10 @@
 
 #include "AgentConfig.h"
 
-#include "FileWatchAuditTask.h"
 #include "RuleText.h"
 
-#include "AuditMessages.h"
-#include "AuditRule.h"
-#include "AuditUtil.h"
-#include "SyscallTables.h"
+#include "FileNotify.h"
+#include "OfflineAudit.h"
 
 #include "framework/Engine.h"
 #include "sdk/DirUtils.h"
@@ -42,29 +39,7 @@ std::string RuleProblem(const std::string& text)
         return problem;
     }
     // The module's own reading, offline: a rule it would refuse is refused here, first.
-    Engine::AuditSyscallCtrlMessage probe;
-    probe.rule = text;
-    Engine::SyscallRule rule;
-    int result = Engine::kRuleRejected;
-    try {
-        result = Engine::LinuxAuditUtil::auditDistractSyscallRule(probe, rule);
-    } catch (const std::exception&) {
-        // a0..a3 that is not a 32-bit number
-    }
-    if (result == Engine::kRuleNeverOrExclude) {
-        return "the audit module takes a never or exclude rule, which yields no events";
-    }
-    if (result != Engine::kRuleParsed) {
-        return "the audit module refuses '" + text + "'";
-    }
-    // An unknown name would be routed as system call 0 and refused by auditctl.
-    for (const std::string& name : rule.syscalls) {
-        auto& table = Engine::SyscallNumbersOfRuleArch(rule.arch);
-        if (table.count(name) == 0) {
-            return "unknown system call '" + name + "'" + (Engine::IsRuleArch32(rule.arch) ? " on i386" : " on x86_64");
-        }
-    }
-    return {};
+    return Engine::SyscallRuleProblem(text);
 }
 
 }  // namespace

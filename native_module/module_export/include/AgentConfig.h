@@ -3,7 +3,7 @@
 #include "EventLines.h"
 #include "FileIntegrity.h"
 
-#include "FileWatchAuditTask.h"
+#include "FileNotify.h"
 
 #include <cstdint>
 #include <string>

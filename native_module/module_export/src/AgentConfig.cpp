@@ -4,7 +4,7 @@
 #include "ExportTask.h"
 #include "RuleText.h"
 
-#include "FileAuditWatch.h"
+#include "FileNotify.h"
 
 #include "sdk/AuditRuleText.h"
 #include "sdk/FileUtils.h"

@@ -3,7 +3,7 @@
 #include "FileIntegrity.h"
 
 #include "EventJson.h"
-#include "FileAuditWatch.h"
+#include "FileNotify.h"
 #include "SyscallTables.h"
 
 #include "sdk/JsonWriter.h"

@@ -1,6 +1,6 @@
 #include "EventJson.h"
 
-#include "FileAuditWatch.h"
+#include "FileNotify.h"
 #include "FileIntegrity.h"
 
 #include "sdk/JsonWriter.h"

@@ -3,7 +3,7 @@
 #include "RuleText.h"
 
 #include "AuditConstants.h"
-#include "FileAuditWatch.h"
+#include "FileNotify.h"
 
 #include "framework/Engine.h"
 #include "sdk/PathUtils.h"

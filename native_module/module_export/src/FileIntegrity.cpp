@@ -1,6 +1,6 @@
 #include "FileIntegrity.h"
 
-#include "FileAuditWatch.h"
+#include "FileNotify.h"
 
 #include <Poco/Logger.h>
 

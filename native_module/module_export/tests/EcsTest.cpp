@@ -5,7 +5,7 @@
 #include "IdNames.h"
 #include "ProcessTable.h"
 
-#include "AuditLog.h"
+#include "OfflineAudit.h"
 #include "AuditMessages.h"
 
 #include "framework/Task.h"
@@ -81,20 +81,13 @@ public:
     }
     std::vector<std::shared_ptr<Engine::AuditEvent>> Decode(const std::string& log)
     {
-        Framework::Task sender("ecs_sender", "test", Framework::TaskCondition::kOnEvent, 1);
-        Engine::AuditLog audit(&sender, nullptr);
-        for (int32_t number = 0; number < 1024; ++number) {
-            Engine::auditSyscallDest dest;
-            dest.task = this;
-            audit.syscallRoutes64.emplace(number, dest);
-            audit.syscallRoutes32.emplace(number, dest);
-        }
+        Engine::OfflineDecoder decoder(this);
         std::istringstream in(log);
         for (std::string line; std::getline(in, line);) {
-            audit.HandleOneLineLog(line);
+            decoder.Line(line);
             BulkConsumeMsg(100000);
         }
-        audit.HandleNoEofScenarios();
+        decoder.End();
         BulkConsumeMsg(100000);
         return events;
     }

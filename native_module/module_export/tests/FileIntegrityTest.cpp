@@ -4,7 +4,7 @@
 #include "EcsJson.h"
 #include "FileIntegrity.h"
 
-#include "FileAuditWatch.h"
+#include "FileNotify.h"
 
 #include "TestCommon.h"
 

@@ -9,11 +9,6 @@
 
 namespace Engine {
 
-/// The engine setting that bounds the entries of each watched tree in the inode index.
-inline constexpr const char* kMaxWatchEntriesSetting = "audit.file_watch.max_entries";
-/// Its value when the agent does not set it: some 100 MB of index per watch at most.
-inline constexpr uint64_t kDefaultMaxWatchEntries = 500000;
-
 /// The task "filewatch_audit_task": other modules subscribe file watches with it; it asks the
 /// audit task for the matching audit watches and turns the audit events that come back into
 /// inotify-style notifications for the subscribers. Its rules and index live on its own thread.

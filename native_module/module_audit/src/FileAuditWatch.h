@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AuditMessages.h"
+#include "FileNotify.h"
 #include "InodeIndex.h"
 
 #include <pthread.h>
@@ -18,19 +19,6 @@ class Task;
 }
 
 namespace Engine {
-
-/// File notification kinds, in the Linux inotify bit values.
-enum FileNotifyKind : uint32_t {
-    kNotifyAccess = 1,
-    kNotifyModify = 2,
-    kNotifyAttrib = 4,
-    kNotifyMovedFrom = 64,
-    kNotifyMovedTo = 128,
-    kNotifyMove = 192,  ///< moved from and moved to: a rename within one directory
-    kNotifyCreate = 256,
-    kNotifyDelete = 512,
-    kNotifyOverflow = 0x4000,  ///< inotify's IN_Q_OVERFLOW: the watch's index is full; sent whatever the mask
-};
 
 /// One file-watch subscription.
 struct FileNotifyRule {
