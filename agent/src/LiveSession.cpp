@@ -50,15 +50,8 @@ private:
 
 std::string Auditctl(const std::vector<std::string>& args, int& status)
 {
-    std::string home;
-    if (SDK::PathUtils::GetInstallationPath(home) != 0) {
-        status = -1;
-        return {};
-    }
-    std::vector<std::string> argv{home + "bin/auditctl"};
-    argv.insert(argv.end(), args.begin(), args.end());
     std::string output;
-    status = SDK::ExecuteCmdUtils::ExecuteArgs(argv, output, 1 << 16);
+    status = SDK::ExecuteCmdUtils::ExecuteInstalledAuditctl(args, output, 1 << 16);
     return output;
 }
 

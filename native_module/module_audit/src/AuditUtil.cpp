@@ -293,12 +293,8 @@ bool LinuxAuditUtil::getLibraryPathEnv(char* buffer, size_t length)
 
 bool LinuxAuditUtil::ExecAuditCmd(const std::vector<std::string>& args, std::string& output, size_t maxOutput)
 {
-    std::string home;
-    if (SDK::PathUtils::GetInstallationPath(home) != 0) {
-        return false;
-    }
-    const std::string program = home + "bin/auditctl";
-    if (!SDK::FileUtils::IsFile(program)) {
+    std::vector<std::string> argv{SDK::ExecuteCmdUtils::InstalledAuditctl()};
+    if (argv.front().empty()) {
         return false;
     }
     char libraryPath[kPathBufferSize] = {0};
@@ -306,9 +302,8 @@ bool LinuxAuditUtil::ExecAuditCmd(const std::vector<std::string>& args, std::str
         AUDIT_LOG_ERROR("Get audit library path failed.");
         return false;
     }
-    std::vector<std::string> argv{program};
     argv.insert(argv.end(), args.begin(), args.end());
-    const int status = SDK::ExecuteCmdUtils::ExecuteArgs(argv, output, maxOutput, {libraryPath});
+    const int status = SDK::ExecuteCmdUtils::ExecuteInstalledAuditctl(args, output, maxOutput);
     AUDIT_LOG_INFO("Execute cmd audit(%s), ret(%d), result(%s), library path(%s).", JoinWords(argv), status, output,
                    std::string(libraryPath));
     return status == 0;

@@ -102,11 +102,7 @@ bool ValidTag(const std::string& text)
 
 bool ListKernelRules(std::string& rules)
 {
-    std::string home;
-    if (SDK::PathUtils::GetInstallationPath(home) != 0) {
-        return false;
-    }
-    return SDK::ExecuteCmdUtils::ExecuteArgs({home + "bin/auditctl", "-l"}, rules, 1 << 22) == 0;
+    return SDK::ExecuteCmdUtils::ExecuteInstalledAuditctl({"-l"}, rules, 1 << 22) == 0;
 }
 
 std::vector<std::string> MissingKeys(const std::string& rules, const std::vector<std::string>& keys)

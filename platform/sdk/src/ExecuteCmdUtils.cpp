@@ -1,4 +1,6 @@
 #include "sdk/ExecuteCmdUtils.h"
+#include "sdk/FileUtils.h"
+#include "sdk/PathUtils.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -210,6 +212,28 @@ int ExecuteCmdUtils::ExecuteArgs(const std::vector<std::string>& arguments, std:
     ReadAll(fds[0], output, maxOutput);
     close(fds[0]);
     return WaitStatus(pid);
+}
+
+int ExecuteCmdUtils::ExecuteInstalledAuditctl(const std::vector<std::string>& args, std::string& output,
+                                              size_t maxOutput)
+{
+    const std::string program = InstalledAuditctl();
+    if (program.empty()) {
+        return -1;
+    }
+    std::vector<std::string> argv{program};
+    argv.insert(argv.end(), args.begin(), args.end());
+    // program is HOME/bin/auditctl: HOME/lib goes first on the loader path.
+    return ExecuteArgs(argv, output, maxOutput, {"LD_LIBRARY_PATH=" + program.substr(0, program.size() - 12) + "lib"});
+}
+
+std::string ExecuteCmdUtils::InstalledAuditctl()
+{
+    std::string home;
+    if (PathUtils::GetInstallationPath(home) != 0 || !FileUtils::IsFile(home + "bin/auditctl")) {
+        return {};
+    }
+    return home + "bin/auditctl";
 }
 
 }  // namespace SDK

@@ -24,6 +24,15 @@ public:
     static int ExecuteArgs(const std::vector<std::string>& args, std::string& output, size_t maxOutput,
                            const std::vector<std::string>& assignments = {});
 
+    /// The installation's bin/auditctl, or empty when the installation cannot be told or holds
+    /// none.
+    static std::string InstalledAuditctl();
+
+    /// Runs the installation's bin/auditctl with args, the installation's lib/ first on the
+    /// loader path (LD_LIBRARY_PATH); otherwise as ExecuteArgs. -1 when the installation cannot
+    /// be told or holds no auditctl.
+    static int ExecuteInstalledAuditctl(const std::vector<std::string>& args, std::string& output, size_t maxOutput);
+
     /// Splits a command line into words as ExecuteCmd does. Returns false for an unterminated quote.
     static bool SplitCommandLine(const std::string& cmdLine, std::vector<std::string>& words);
 };
