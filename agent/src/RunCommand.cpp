@@ -107,29 +107,13 @@ int RunAgent(Framework::Engine& engine, const RunOptions& options, const std::fu
         SDK::InnerCpuCtrlUtils::Configure(config.cpuShare, kCpuCheckTicks);
     }
 
-    Poco::Logger& log = Poco::Logger::get("hostwarden");
-    Framework::Engine::BlockTerminationSignals();
-    const int loaded = engine.LoadModulesFrom(home + "lib/modules");
-    const std::vector<std::string> modules = engine.ModuleNames();
-    for (const char* needed : {"audit_module", "export_module"}) {
-        if (std::find(modules.begin(), modules.end(), needed) == modules.end()) {
-            err << "hostwarden: the " << needed << " did not load from " << home << "lib/modules (see the log)\n";
-            engine.StopAll();
-            return Poco::Util::Application::EXIT_SOFTWARE;
-        }
+    std::string problem;
+    const int code = engine.RunModules(home + "lib/modules", {"audit_module", "export_module"},
+                                       ", configuration " + configFile, waitForStop, problem);
+    if (!problem.empty()) {
+        err << "hostwarden: " << problem << "\n";
     }
-    if (engine.StartTasks() != 0) {
-        err << "hostwarden: a task did not start (see the log)\n";
-        engine.StopAll();
-        return Poco::Util::Application::EXIT_SOFTWARE;
-    }
-    poco_information(log, Poco::format("Agent started with %d module(s) from %s, configuration %s.", loaded, home,
-                                       configFile));
-    waitForStop();
-    poco_information(log, "Agent stopping.");
-    engine.StopAll();
-    poco_information(log, "Agent stopped.");
-    return engine.StopCode();
+    return code;
 }
 
 }  // namespace Agent

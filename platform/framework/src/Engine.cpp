@@ -314,11 +314,34 @@ int Engine::main(const std::vector<std::string>& args)
         poco_fatal(Log(), "Cannot determine the installation directory.");
         return EXIT_SOFTWARE;
     }
+    std::string problem;
+    const int code = RunModules(home + "lib/modules", {}, "", [this] { WaitForStop(); }, problem);
+    if (!problem.empty()) {
+        poco_fatal(Log(), problem);
+    }
+    return code;
+}
+
+int Engine::RunModules(const std::string& directory, const std::vector<std::string>& required, const std::string& about,
+                       const std::function<void()>& waitForStop, std::string& problem)
+{
     BlockTerminationSignals();
-    const int loaded = LoadModulesFrom(home + "lib/modules");
-    poco_information(Log(), Poco::format("Agent started with %d module(s) from %s.", loaded, home));
-    StartTasks();
-    WaitForStop();
+    const int loaded = LoadModulesFrom(directory);
+    const std::vector<std::string> modules = ModuleNames();
+    for (const std::string& needed : required) {
+        if (std::find(modules.begin(), modules.end(), needed) == modules.end()) {
+            problem = "the " + needed + " did not load from " + directory + " (see the log)";
+            StopAll();
+            return EXIT_SOFTWARE;
+        }
+    }
+    if (StartTasks() != 0) {
+        problem = "a task did not start (see the log)";
+        StopAll();
+        return EXIT_SOFTWARE;
+    }
+    poco_information(Log(), Poco::format("Agent started with %d module(s) from %s%s.", loaded, directory, about));
+    waitForStop();
     poco_information(Log(), "Agent stopping.");
     StopAll();
     poco_information(Log(), "Agent stopped.");

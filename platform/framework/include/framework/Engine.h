@@ -5,6 +5,7 @@
 #include <Poco/Util/ServerApplication.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -65,6 +66,14 @@ public:
     /// Blocks SIGINT, SIGQUIT, SIGTERM and SIGHUP for the calling thread and the threads it starts
     /// later, so they reach WaitForStop instead of ending the process on any thread.
     static void BlockTerminationSignals();
+
+    /// The agent's life: blocks the termination signals, loads every module in directory,
+    /// checks that each module named in required loaded, starts the tasks, waits (waitForStop)
+    /// and stops everything, logging "Agent started with N module(s) from DIR" (then about) and
+    /// "Agent stopping." / "Agent stopped.". The stop code; EXIT_SOFTWARE, with problem set and
+    /// nothing left running, when a required module did not load or a task did not start.
+    int RunModules(const std::string& directory, const std::vector<std::string>& required, const std::string& about,
+                   const std::function<void()>& waitForStop, std::string& problem);
 
 protected:
     /// The agent's main job: load the modules of the installation, run until SIGINT or SIGTERM,
