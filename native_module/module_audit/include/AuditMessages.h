@@ -100,8 +100,8 @@ public:
             events |= code;
         }
         path = watchPath;
-        // Only these option bytes travel with the message; lists, counters and the other flags
-        // keep their defaults whatever the caller set.
+        // KEPT: only these option bytes travel with the message; lists, counters and the other
+        // flags keep their defaults whatever the caller set.
         unwatch = options.flag6;
         opt.recursive = options.recursive;
         opt.flag2 = options.flag2;

@@ -39,7 +39,8 @@ inline std::string SyscallRuleKey(const std::string& task, const std::string& ta
 }
 
 /// The key of a file-system subscription: task "***" tag "***" path "***" perm, "pid", pid,
-/// "ppid", ppid, then the rule's own -k key.
+/// "ppid", ppid, then the rule's own -k key. KEPT: the two layouts differ; both begin with the
+/// task's name and "***", which removing a task's rules relies on.
 inline std::string FileRuleKey(const std::string& task, const std::string& tag, const std::string& path,
                                const std::string& perm, const std::string& pid = "", const std::string& ppid = "",
                                const std::string& key = "")

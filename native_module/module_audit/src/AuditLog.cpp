@@ -13,6 +13,7 @@
 #include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
 
+#include <sys/socket.h>
 #include <cctype>
 #include <charconv>
 #include <climits>
@@ -111,7 +112,8 @@ void AuditLog::AddLogRoute(const AuditSyscallCtrlMessage& msg, const SyscallRule
             AUDIT_LOG_TRACE("add syscall %d to route table %s %s", number, msg.rule, msg.tag);
             it = routes.emplace(number, std::move(dest));  // after existing entries of the number
         }
-        // An existing destination keeps the filters of the subscription that created it.
+        // KEPT: an existing destination keeps the filters of the subscription that created it;
+        // later ones of the same task and tag only add pids and ppids.
         auditSyscallDest& dest = it->second;
         AUDIT_LOG_TRACE("add audit route %d %s", number, dest.tag);
         if (!rule.pid.empty()) {
@@ -194,6 +196,7 @@ void AuditLog::DeleteLogRoute(const AuditFileSystemCtrlMessage& msg, const FileS
     if (!rule.pid.empty() && dest.pids.erase(rule.pid) == 0) {
         AUDIT_LOG_TRACE("%s", who + " delete a path rule with pid " + rule.pid + ", but pid not found.");
     }
+    // KEPT: "pathrule" without its space, as the log line has always read.
     if (!rule.ppid.empty() && dest.ppids.erase(rule.ppid) == 0) {
         AUDIT_LOG_TRACE("%s", who + " delete a pathrule with ppid " + rule.ppid + ", but ppid not found.");
     }
@@ -646,8 +649,8 @@ int AuditLog::setFileSystemInfo(const std::shared_ptr<AuditEvent>& event)
             return -1;
         }
     }
-    // A single-object call counts as a read (or an attribute change for chmod), a call touching
-    // several objects as a write.
+    // KEPT: a single-object call counts as a read (or an attribute change for chmod), a call
+    // touching several objects as a write, whatever the call's flags.
     if (event->items == 1) {
         if (IsChangeMode(event)) {
             event->attributeChange = true;
@@ -678,13 +681,13 @@ void AuditLog::setSockaddrInfo(const std::shared_ptr<AuditEvent>& event)
     AUDIT_LOG_TRACE("saddr is %s, saddr len is %d", std::string(hex), static_cast<int>(hex.size()));
     const auto family = static_cast<uint16_t>(DecValueFromHex(hex.substr(0, 4)));
     event->family = static_cast<uint16_t>((family >> 8) | (family << 8));  // stored little-endian
-    if (event->family == 2 && hex.size() >= 16) {
+    if (event->family == AF_INET && hex.size() >= 16) {
         event->port = static_cast<uint16_t>(DecValueFromHex(hex.substr(4, 4)));  // network order
         event->saddr = std::to_string(DecValueFromHex(hex.substr(8, 2))) + "." +
                        std::to_string(DecValueFromHex(hex.substr(10, 2))) + "." +
                        std::to_string(DecValueFromHex(hex.substr(12, 2))) + "." +
                        std::to_string(DecValueFromHex(hex.substr(14, 2)));
-    } else if (event->family == 1 && hex.size() <= 220) {
+    } else if (event->family == AF_UNIX && hex.size() <= 220) {
         char path[110] = {0};  // sun_path and its terminator
         size_t length = 0;
         for (size_t i = 4; i < hex.size() && length < sizeof(path) - 1; i += 2) {

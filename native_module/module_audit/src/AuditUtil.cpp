@@ -45,6 +45,8 @@ std::map<std::string, ParameterNumber> ParameterNumbers()
 
 }  // namespace
 
+// KEPT: looked up with insert-on-miss, so an unknown field name counts as pid (a uid= filter is
+// stored as a pid).
 SharedLookupTable<std::string, ParameterNumber> parameterNumberMap(ParameterNumbers());
 
 
@@ -263,7 +265,7 @@ int LinuxAuditUtil::setFileSystemParameter(std::string parameter, FileSystemRule
         }
         break;
     case kParamKey:
-        // Kept as the agent has always stored it: the second character of the whole parameter.
+        // KEPT: the key= field stores the second character of the whole parameter, not its value.
         rule.key = std::string(1, parameter[1]);
         break;
     default:
@@ -274,6 +276,7 @@ int LinuxAuditUtil::setFileSystemParameter(std::string parameter, FileSystemRule
 
 int32_t LinuxAuditUtil::auditGetSyscallNumber(const std::string& name, const std::string& arch)
 {
+    // KEPT: an unknown name is added with number 0 and 0 is returned; callers do not check.
     return SyscallNumbersOfRuleArch(arch)[name];
 }
 
@@ -397,6 +400,8 @@ std::string LinuxAuditUtil::GetField(const std::string& name, const std::string&
     return UnquotedText(std::string_view(line).substr(start, end - start));
 }
 
+// KEPT: the second trim runs only after a closing quote was taken, so a text with a closing
+// quote alone keeps a trailing blank.
 bool LinuxAuditUtil::TrimQuotation(std::string& text)
 {
     bool opened = false;

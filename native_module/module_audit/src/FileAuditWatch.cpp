@@ -625,6 +625,8 @@ bool FileAuditWatch::CheckFileRecursive(const std::string& path, const std::stri
     return !path.empty() && CheckFileRecursiveEx(Absolute(path, cwd));
 }
 
+// KEPT: the shorter directory is compared with the same-length prefix of the longer, so /a and
+// /a/b count as the same directory.
 bool FileAuditWatch::IsDirSame(const std::string& a, const std::string& b)
 {
     // dirname may change its argument: it gets copies.
@@ -675,7 +677,7 @@ void FileAuditWatch::CheckMessageInfo(const AuditEventMessage& msg)
     if (event == nullptr || event->success == "no" || event->paths.empty()) {
         return;  // failed calls change nothing
     }
-    auto& names = Number(event->arch, 16) == 0xC000003EUL ? syscallNumberToName64 : syscallNumberToName32;
+    auto& names = IsRecordArch64(event->arch) ? syscallNumberToName64 : syscallNumberToName32;
     const std::string name = names[event->syscall];
     if (name.empty()) {
         return;
@@ -801,11 +803,11 @@ void FileAuditWatch::HandleOpen(const AuditEventMessage& msg, const std::string&
         flags = how == nullptr ? 0 : Number(std::string(how->View("oflag")), 8);
     }
     const AuditLogPath* first = FirstRecord(event);
-    if ((flags & 0x40UL) != 0 && event.items == 2) {  // O_CREAT of a new file
+    if ((flags & static_cast<unsigned long>(O_CREAT)) != 0 && event.items == 2) {  // a new file
         const std::string path = CreatedName(event, event.paths.size() - 1);
         AUDIT_LOG_DEBUG("new file %s", path);
         MakeEvent(path, kNotifyCreate, "", event.cwd, extra);
-    } else if ((flags & 0x3UL) != 0 && event.items == 1) {  // opened for writing
+    } else if ((flags & static_cast<unsigned long>(O_ACCMODE)) != O_RDONLY && event.items == 1) {  // for writing
         MakeEvent(PathOfRecord(*first), event.comm == "touch" ? kNotifyAttrib : kNotifyModify, "", event.cwd, extra);
     }
 }
@@ -895,8 +897,8 @@ void FileAuditWatch::HandleChmod(const AuditEventMessage& msg, const std::string
     }
     const AuditLogPath& first = *FirstRecord(event);
     const unsigned long mode = Number(first.mode, 8);
-    const unsigned long oldMode = mode & 0xFFFFUL;
-    const unsigned long newMode = (mode & 0xF000UL) | (requested & 0xFFFUL);
+    const unsigned long oldMode = mode & (S_IFMT | 07777UL);
+    const unsigned long newMode = (mode & S_IFMT) | (requested & 07777UL);
     AUDIT_LOG_DEBUG("old attr is %lu, new attr is %lu", newMode, oldMode);
     if (newMode == oldMode) {
         return;

@@ -61,8 +61,9 @@ bool GetAuditConfAndStatus::IsAuditEnabled()
         AUDIT_LOG_ERROR("Get audit status failed.");
         return false;
     }
+    // KEPT: 2 (rules locked) counts as disabled too.
     if (status.enabled != 1) {
-        AUDIT_LOG_ERROR("Audit status is disabled.");  // 2 (rules locked) counts as disabled too
+        AUDIT_LOG_ERROR("Audit status is disabled.");
         return false;
     }
     const int pid = static_cast<int>(status.pid);

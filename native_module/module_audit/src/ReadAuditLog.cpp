@@ -16,7 +16,8 @@ namespace Engine {
 namespace {
 
 constexpr size_t kHeadSize = 64;
-constexpr int kPollLines = 200;                // one poll hands over at most 201 lines
+// KEPT: one poll hands over at most 201 lines (the bound counts from 0 to 200 inclusive).
+constexpr int kPollLines = 200;
 constexpr size_t kReadChunk = 64 * 1024;
 constexpr size_t kMaxLine = 1024 * 1024;       // no audit record is this long: skipped and counted
 constexpr int kRotatedNames = 99;              // log.1 ... log.99 are searched for skipped rotations
