@@ -62,25 +62,29 @@ TEST(WatchCommand, BadArgumentsAreRefusedBeforeAnythingStarts)
 
 // Rules the module would take and then never match, or refuse, are refused before anything
 // starts, each with its reason; the main job reads its configuration's rules the same way.
-TEST(AuditAndRunCommands, RulesTheModuleWouldMisreadOrRefuseAreRefusedFirst)
+class RuleCheckTable : public testing::TestWithParam<TestSupport::TableRow> {};
+
+TEST_P(RuleCheckTable, RulesTheModuleWouldMisreadOrRefuseAreRefusedFirst)
 {
-    Export::AgentConfig config;
-    config.subscriptions = {{"subscriptions[0]", "t", "", "", false, 0}};
-    for (std::vector<std::string> row : TestSupport::TableRows("agent/tests/tables/rule-checks.txt")) {
-        row.resize(3);
-        const std::string& rule = row[1];
-        if (row[0] == "audit") {
-            std::ostringstream out, err;
-            Framework::Engine engine;  // never started
-            Agent::AuditRequest request;
-            request.rules = {rule};
-            EXPECT_EQ(Agent::RunAuditCommand(request, engine, [] {}, out, err), 1) << rule;
-            EXPECT_NE(err.str().find("hostwarden audit: refused rule '" + rule + "': " + row[2]), std::string::npos) << err.str();
-        } else {
-            config.subscriptions[0].syscall = rule;
-            std::string error;
-            EXPECT_EQ(Agent::CheckConfiguration(config, error), row[2].empty()) << rule;
-            EXPECT_EQ(error.compare(0, row[2].size(), row[2]), 0) << rule << " gave: " << error;
-        }
+    std::vector<std::string> row = GetParam().cells;
+    ASSERT_FALSE(row.empty()) << "the table holds no rows";
+    row.resize(3);
+    const std::string& rule = row[1];
+    if (row[0] == "audit") {
+        std::ostringstream out, err;
+        Framework::Engine engine;  // never started
+        Agent::AuditRequest request;
+        request.rules = {rule};
+        EXPECT_EQ(Agent::RunAuditCommand(request, engine, [] {}, out, err), 1) << rule;
+        EXPECT_NE(err.str().find("hostwarden audit: refused rule '" + rule + "': " + row[2]), std::string::npos) << err.str();
+    } else {
+        Export::AgentConfig config;
+        config.subscriptions = {{"subscriptions[0]", "t", rule, "", false, 0}};
+        std::string error;
+        EXPECT_EQ(Agent::CheckConfiguration(config, error), row[2].empty()) << rule;
+        EXPECT_EQ(error.compare(0, row[2].size(), row[2]), 0) << rule << " gave: " << error;
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Rows, RuleCheckTable, testing::ValuesIn(TestSupport::TableParams("agent/tests/tables/rule-checks.txt", 1)),
+                         TestSupport::TableRowName);

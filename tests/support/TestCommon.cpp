@@ -4,6 +4,8 @@
 
 #include <poll.h>
 
+#include <cctype>
+
 namespace TestSupport {
 
 TempDir::TempDir(const char* under)
@@ -66,6 +68,51 @@ std::vector<std::vector<std::string>> TableRows(const std::string& relative)
     }
     EXPECT_FALSE(rows.empty()) << relative << " holds no rows";
     return rows;
+}
+
+std::vector<TableRow> TableParams(const std::string& relative, int nameCell)
+{
+    std::vector<TableRow> rows;
+    size_t number = 0;
+    for (const std::string& line : ReadLines(std::string(HW_SOURCE_DIR) + "/" + relative)) {
+        ++number;
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        const Poco::StringTokenizer cells(line, "|", Poco::StringTokenizer::TOK_TRIM);
+        TableRow row{{cells.begin(), cells.end()}, "L" + std::to_string(number)};
+        const int at = nameCell < 0 ? static_cast<int>(row.cells.size()) + nameCell : nameCell;
+        const std::string words = at >= 0 && at < static_cast<int>(row.cells.size()) ? row.cells[at] : "";
+        std::string name;
+        bool upper = true;
+        for (const char c : words) {
+            if (std::isalnum(static_cast<unsigned char>(c)) == 0) {
+                upper = true;
+            } else if (name.size() < 48) {
+                name += upper ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
+                upper = false;
+            }
+        }
+        row.name += name.empty() ? "" : "_" + name;
+        rows.push_back(std::move(row));
+    }
+    if (rows.empty()) {
+        // Reported by the suite: a table that went missing must not pass as an empty one.
+        rows.push_back(TableRow{{}, "TheTableHoldsNoRows"});
+    }
+    return rows;
+}
+
+std::string TableRowName(const testing::TestParamInfo<TableRow>& info)
+{
+    return info.param.name;
+}
+
+void PrintTo(const TableRow& row, std::ostream* out)
+{
+    for (size_t i = 0; i < row.cells.size(); ++i) {
+        *out << (i == 0 ? "" : " | ") << row.cells[i];
+    }
 }
 
 void ExpectGolden(const std::string& relative, const std::string& text)

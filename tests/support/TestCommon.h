@@ -60,6 +60,19 @@ void ExpectGolden(const std::string& relative, const std::string& text);
 /// The rows of a table file (a path inside the source tree): a row a line, its cells separated by
 /// "|" and trimmed of blanks; blank lines and lines starting with # skipped.
 std::vector<std::vector<std::string>> TableRows(const std::string& relative);
+/// One row of a table file as the parameter of a parameterised test.
+struct TableRow {
+    std::vector<std::string> cells;
+    std::string name;  ///< "L<line>_" and the words of its naming cell: a failure names its row
+};
+/// The rows of a table file, as TableRows reads them, each named by its line and the words of cell
+/// nameCell (counted from the end when negative).
+std::vector<TableRow> TableParams(const std::string& relative, int nameCell = -1);
+/// A table row's name, for INSTANTIATE_TEST_SUITE_P.
+std::string TableRowName(const testing::TestParamInfo<TableRow>& info);
+/// How GoogleTest prints a row: its cells.
+void PrintTo(const TableRow& row, std::ostream* out);
+
 /// Checks condition every 20 ms until it holds or the deadline passes; returns its last value.
 bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
 

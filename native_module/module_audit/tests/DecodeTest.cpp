@@ -57,12 +57,22 @@ TEST(HexConversions, FollowTheAuditEncoding)
     }
 }
 
-TEST(Decode, FieldsAccessKindsAndSocketAddresses)
+class DecodeTable : public testing::TestWithParam<TestSupport::TableRow> {};
+
+TEST_P(DecodeTable, FieldsAccessKindsAndSocketAddress)
 {
-    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/decode.txt")) {
-        row.resize(4);
-        EXPECT_EQ(Describe(*Decode(row[0], SDK::StrUtils::Split(row[1], "; "))), row[2]) << row[3];
-    }
+    std::vector<std::string> row = GetParam().cells;
+    ASSERT_FALSE(row.empty()) << "the table holds no rows";
+    row.resize(4);
+    EXPECT_EQ(Describe(*Decode(row[0], SDK::StrUtils::Split(row[1], "; "))), row[2]) << row[3];
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, DecodeTable,
+                         testing::ValuesIn(TestSupport::TableParams("native_module/module_audit/tests/tables/decode.txt", 3)),
+                         TestSupport::TableRowName);
+
+TEST(Decode, ExecveFieldsAndTheSocketTrace)
+{
     const auto exec = Decode("arch=c000003e syscall=59 exe=2F746D702F612062", {"EXECVE argc=2 a0=\"cat\" a1=78", "CWD cwd=\"/\""});
     EXPECT_EQ(exec->parsedEvent.FindRecord("SYSCALL")->View("exe"), "/tmp/a b") << "written back";
     EXPECT_TRUE(exec->isExecve);

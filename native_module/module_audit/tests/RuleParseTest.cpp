@@ -63,17 +63,27 @@ std::string Unescaped(const std::string& text)
 
 }  // namespace
 
-TEST(RuleParse, ResultCodesAndParsedRules)
+class RuleParseTable : public testing::TestWithParam<TestSupport::TableRow> {};
+
+TEST_P(RuleParseTable, ResultCodeAndParsedRule)
 {
-    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/rule-parse.txt")) {
-        row.resize(4);
-        row[1] = Unescaped(row[1]);
-        const auto [code, parsed] = row[0] == "S" ? Parsed<SyscallSub>(row[1]) : Parsed<WatchSub>(row[1]);
-        EXPECT_EQ(std::to_string(code), row[2]) << row[1];
-        if (code == 0) {
-            EXPECT_EQ(parsed, row[3]) << row[1];
-        }
+    std::vector<std::string> row = GetParam().cells;
+    ASSERT_FALSE(row.empty()) << "the table holds no rows";
+    row.resize(4);
+    row[1] = Unescaped(row[1]);
+    const auto [code, parsed] = row[0] == "S" ? Parsed<SyscallSub>(row[1]) : Parsed<WatchSub>(row[1]);
+    EXPECT_EQ(std::to_string(code), row[2]) << row[1];
+    if (code == 0) {
+        EXPECT_EQ(parsed, row[3]) << row[1];
     }
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, RuleParseTable,
+                         testing::ValuesIn(TestSupport::TableParams("native_module/module_audit/tests/tables/rule-parse.txt", 1)),
+                         TestSupport::TableRowName);
+
+TEST(RuleParse, ResultCodesOfTextsATableCannotHold)
+{
     EXPECT_EQ(SyscallSub(nullptr, "t", "   ").parsed, 2);
     EXPECT_THROW(SyscallSub(nullptr, "t", "exit,always -S open -F a0=zz"), std::invalid_argument);
     EXPECT_THROW(SyscallSub(nullptr, "t", "exit,always -S open -F a0=99999999999"), std::out_of_range);

@@ -30,17 +30,24 @@ std::string Describe(const Framework::ContainerInfo& info)
 
 }  // namespace
 
-TEST(Cgroup, EachRuntimesFormNamesItsContainerAndTheHostsUnitsNone)
+class CgroupTable : public testing::TestWithParam<TestSupport::TableRow> {};
+
+TEST_P(CgroupTable, EachRuntimesFormNamesItsContainerAndTheHostsUnitsNone)
 {
-    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_container/tests/tables/cgroups.txt")) {
-        row.resize(3);
-        std::string text = row[0].rfind("fixture:", 0) == 0 ? Fixture(row[0].substr(8)) : row[0];
-        Poco::replaceInPlace(text, std::string("\\n"), std::string("\n"));
-        const CgroupOwner owner = OwnerFromCgroup(text);
-        EXPECT_EQ(owner.id.substr(0, 4) + " " + owner.runtime, row[1] + " " + row[2]) << row[0];
-        EXPECT_EQ(owner.id.size(), row[1].empty() ? 0U : 64U) << row[0];
-    }
+    std::vector<std::string> row = GetParam().cells;
+    ASSERT_FALSE(row.empty()) << "the table holds no rows";
+    row.resize(3);
+    std::string text = row[0].rfind("fixture:", 0) == 0 ? Fixture(row[0].substr(8)) : row[0];
+    Poco::replaceInPlace(text, std::string("\\n"), std::string("\n"));
+    const CgroupOwner owner = OwnerFromCgroup(text);
+    EXPECT_EQ(owner.id.substr(0, 4) + " " + owner.runtime, row[1] + " " + row[2]) << row[0];
+    EXPECT_EQ(owner.id.size(), row[1].empty() ? 0U : 64U) << row[0];
 }
+
+INSTANTIATE_TEST_SUITE_P(Rows, CgroupTable,
+                         testing::ValuesIn(TestSupport::TableParams("native_module/module_container/tests/tables/cgroups.txt", 3)),
+                         TestSupport::TableRowName);
+
 
 TEST(MountInfo, ContainerMountsAreNamedAsTheHostSeesThemDeepestFirst)
 {

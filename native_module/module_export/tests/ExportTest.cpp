@@ -44,14 +44,24 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
               "0 20 5000") << "no limit, its own, the default";
 }
 
-TEST(ExportConfig, ABadFileNamesTheEntryAndWhatIsWrong)
+class ConfigErrorTable : public testing::TestWithParam<TestSupport::TableRow> {};
+
+TEST_P(ConfigErrorTable, ABadFileNamesTheEntryAndWhatIsWrong)
 {
-    for (const std::vector<std::string>& row : TestSupport::TableRows("native_module/module_export/tests/tables/config-errors.txt")) {
-        Export::AgentConfig config;
-        std::string error;
-        EXPECT_FALSE(Export::ParseAgentConfig(row.at(0), "/opt/hw/", config, error)) << row[0];
-        EXPECT_EQ(error.compare(0, row.at(1).size(), row[1]), 0) << row[0] << " gave: " << error;
-    }
+    const std::vector<std::string>& row = GetParam().cells;
+    ASSERT_GE(row.size(), 2U) << "the table holds no rows";
+    Export::AgentConfig config;
+    std::string error;
+    EXPECT_FALSE(Export::ParseAgentConfig(row.at(0), "/opt/hw/", config, error)) << row[0];
+    EXPECT_EQ(error.compare(0, row.at(1).size(), row[1]), 0) << row[0] << " gave: " << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ConfigErrorTable,
+                         testing::ValuesIn(TestSupport::TableParams("native_module/module_export/tests/tables/config-errors.txt", 1)),
+                         TestSupport::TableRowName);
+
+TEST(ExportConfig, ABadFileOrWatchedPathNamesWhatIsWrong)
+{
     Export::AgentConfig config;
     std::string error;
     EXPECT_FALSE(Export::LoadAgentConfig("/no/such/file.json", "/opt/hw/", config, error));
