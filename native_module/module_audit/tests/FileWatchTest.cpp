@@ -42,7 +42,8 @@ FileNotifyRule Rule(const std::string& path, bool recursive, uint32_t mask = kNo
     return FileNotifyRule{path, mask, recursive, "", true, 0, task};
 }
 
-// The notifications sink received since the last call, as "kind path[ -> dest][ dir]" with root
+// The notifications sink received since the last call, as "kind path[ -> dest][ dir]" (the kind by
+// name) with root
 // written as W.
 Notes Take(Subscriber& sink, const std::string& root)
 {
@@ -50,7 +51,8 @@ Notes Take(Subscriber& sink, const std::string& root)
     const auto shorten = [&](const std::string& p) { return p.compare(0, root.size(), root) == 0 ? "W" + p.substr(root.size()) : p; };
     Notes out;
     for (const AuditEventResult& r : std::exchange(sink.notifications, {})) {
-        out.push_back(std::to_string(r.event) + " " + shorten(r.path) +
+        const char* kind = FileNotifyKindName(static_cast<uint32_t>(r.event));
+        out.push_back((kind != nullptr ? kind : std::to_string(r.event)) + " " + shorten(r.path) +
                       (r.destPath.empty() ? "" : " -> " + shorten(r.destPath)) + (r.isDir ? " dir" : ""));
     }
     return out;
@@ -285,11 +287,14 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
             return call.size() > 1 && call[1].rfind(name, 0) == 0 ? call[1].substr(name.size()) : otherwise;
         };
         const std::vector<std::string> a = SDK::StrUtils::Split(row[1], " ");
-        const auto event = Synthetic(std::stoi(call[0]), "a1=" + a.at(0) + " a2=" + a.at(1) + " a3=" + a.at(2), row[2], records,
+        const bool i386 = option("arch=", "c000003e") != "c000003e";
+        int32_t number = -1;
+        ASSERT_TRUE((i386 ? syscallNameToNumber32 : syscallNameToNumber64).Find(call[0], number)) << call[0];
+        const auto event = Synthetic(number, "a1=" + a.at(0) + " a2=" + a.at(1) + " a3=" + a.at(2), row[2], records,
                                      option("arch=", "c000003e"), option("success=", "yes"));
         EXPECT_EQ(Notify(watch, sink, event, w), row[4].empty() ? Notes{} : SDK::StrUtils::Split(row[4], "; ")) << row[0] << ": " << row[5];
     }
-    EXPECT_EQ(Take(flat, w), (Notes{"256 W/n", "256 W/e/deep", "256 W/s", "256 W/x", "256 W/evil job", "256 W/ln", "256 W/hl", "256 W/fifo", "256 W/q"}));
+    EXPECT_EQ(Take(flat, w), (Notes{"create W/n", "create W/e/deep", "create W/s", "create W/x", "create W/evil job", "create W/ln", "create W/hl", "create W/fifo", "create W/q"}));
     for (const char* text : {"old attr is 33261, new attr is 33188", "type=chmod", "a1=1ed"}) {  // the new mode first
         EXPECT_TRUE(capture.channel().Has(text)) << text;
     }
@@ -342,19 +347,19 @@ TEST(FileWatchEvents, TheIndexFollowsCreatesMovesAndDeletes)
     const std::string f = record(w + "/f", "DELETE");
     ASSERT_EQ(std::rename((w + "/f").c_str(), (w + "/g").c_str()), 0);
     EXPECT_EQ(Notify(watch, sink, Synthetic(82, "a1=0 a2=0 a3=0", "mv", {parent, parent, f, record(w + "/g", "CREATE")}), w),
-              Notes{"192 W/f -> W/g"});
+              Notes{"move W/f -> W/g"});
     EXPECT_EQ(known(), (Notes{"W/", "W/g"}));
 
     const std::string from = record(dir.path() + "/out/t", "DELETE", "040755");
     ASSERT_EQ(std::rename((dir.path() + "/out/t").c_str(), (w + "/t").c_str()), 0);
     const std::string to = record(w + "/t", "CREATE", "040755");
     EXPECT_EQ(Notify(watch, sink, Synthetic(82, "a1=0 a2=0 a3=0", "mv", {record(dir.path() + "/out", "PARENT", "040755"), parent, from, to}), w),
-              Notes{"128 W/t dir"});
+              Notes{"moved_to W/t dir"});
     EXPECT_EQ(known(), (Notes{"W/", "W/g", "W/t/", "W/t/c"}));
 
     const std::string gone = record(w + "/t", "DELETE", "040755");
     std::filesystem::remove_all(w + "/t");
-    EXPECT_EQ(Notify(watch, sink, Synthetic(263, "a1=0 a2=200 a3=0", "rm", {parent, gone}), w), Notes{"512 W/t dir"});
+    EXPECT_EQ(Notify(watch, sink, Synthetic(263, "a1=0 a2=200 a3=0", "rm", {parent, gone}), w), Notes{"delete W/t dir"});
     EXPECT_EQ(known(), (Notes{"W/", "W/g"}));
 }
 
@@ -379,7 +384,7 @@ TEST(FileWatchEvents, LinksSwappedInRedirectNothing)
     // was handled.
     ASSERT_EQ(symlink((dir.path() + "/outside/secret").c_str(), (w + "/new").c_str()), 0);
     EXPECT_EQ(Notify(watch, sink, Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, Record("new", "9", "CREATE")}), w),
-              Notes{"256 W/new"});
+              Notes{"create W/new"});
     ASSERT_NE(watch.Index().Find(w + "/new"), nullptr);
     ASSERT_EQ(lstat((w + "/new").c_str(), &st), 0);
     EXPECT_EQ(watch.Index().Find(w + "/new")->inode, st.st_ino) << "the link itself is recorded";
@@ -427,7 +432,7 @@ TEST(FileWatchEvents, ATreeIsRecordedInStepsAndAFullWatchSendsOneOverflow)
     dir.Write("w/new", "");
     const std::string parent = Record(w, std::to_string(st.st_ino), "PARENT", "040755");
     EXPECT_EQ(Notify(watch, sink, Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, Record("new", "9", "CREATE")}), w),
-              Notes{"256 W/new"}) << "a notification between two steps";
+              Notes{"create W/new"}) << "a notification between two steps";
     while (watch.ScanStep(50)) {
     }
     EXPECT_EQ(watch.Index().size(), 305U) << "the watched directory, three below it, their files, and new";
@@ -440,9 +445,9 @@ TEST(FileWatchEvents, ATreeIsRecordedInStepsAndAFullWatchSendsOneOverflow)
     while (small.ScanStep(1000)) {
     }
     EXPECT_EQ(small.Index().size(), 101U);
-    EXPECT_EQ(Take(sink, w), Notes{"16384 W dir"}) << "once, naming the watch";
+    EXPECT_EQ(Take(sink, w), Notes{"overflow W dir"}) << "once, naming the watch";
     EXPECT_EQ(Notify(small, sink, Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, Record("new", "9", "CREATE")}), w),
-              Notes{"256 W/new"}) << "creates are still reported";
+              Notes{"create W/new"}) << "creates are still reported";
 }
 
 namespace {

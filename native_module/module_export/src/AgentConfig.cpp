@@ -172,13 +172,12 @@ std::string Expand(std::string path, const std::string& installation)
 
 bool ParseEventMask(const std::string& list, uint32_t& mask, std::string& bad)
 {
-    static const std::pair<const char*, uint32_t> kNames[] = {
-        {"create", Engine::kNotifyCreate},        {"delete", Engine::kNotifyDelete},
-        {"modify", Engine::kNotifyModify},        {"attrib", Engine::kNotifyAttrib},
-        {"moved_from", Engine::kNotifyMovedFrom}, {"moved_to", Engine::kNotifyMovedTo}};
+    // The kinds a subscriber may ask for, each by its name.
+    static const uint32_t kKinds[] = {Engine::kNotifyCreate, Engine::kNotifyDelete,    Engine::kNotifyModify,
+                                      Engine::kNotifyAttrib, Engine::kNotifyMovedFrom, Engine::kNotifyMovedTo};
     mask = 0;
     if (list.empty()) {
-        for (const auto& [name, bit] : kNames) {
+        for (const uint32_t bit : kKinds) {
             mask |= bit;
         }
         return true;
@@ -186,8 +185,8 @@ bool ParseEventMask(const std::string& list, uint32_t& mask, std::string& bad)
     for (const std::string& piece : SDK::StrUtils::Split(list, ",")) {
         const std::string word = SDK::StrUtils::Trim(piece);
         uint32_t bits = 0;
-        for (const auto& [name, bit] : kNames) {
-            bits = word == name ? bit : bits;
+        for (const uint32_t bit : kKinds) {
+            bits = word == Engine::FileNotifyKindName(bit) ? bit : bits;
         }
         char* end = nullptr;
         const unsigned long number = bits == 0 && !word.empty() ? std::strtoul(word.c_str(), &end, 10) : 0;

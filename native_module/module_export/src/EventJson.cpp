@@ -93,17 +93,8 @@ std::string DecodedEventToJson(const Engine::AuditEvent& event, const std::strin
 
 std::string NotificationKindName(int kind)
 {
-    switch (kind) {
-    case Engine::kNotifyModify: return "modify";
-    case Engine::kNotifyAttrib: return "attrib";
-    case Engine::kNotifyMovedFrom: return "moved_from";
-    case Engine::kNotifyMovedTo: return "moved_to";
-    case Engine::kNotifyMove: return "move";
-    case Engine::kNotifyCreate: return "create";
-    case Engine::kNotifyDelete: return "delete";
-    case Engine::kNotifyOverflow: return "overflow";
-    default: return std::to_string(kind);
-    }
+    const char* name = kind < 0 ? nullptr : Engine::FileNotifyKindName(static_cast<uint32_t>(kind));
+    return name != nullptr ? name : std::to_string(kind);
 }
 
 void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
