@@ -81,43 +81,51 @@ protected:
         for (const std::string& step : SDK::StrUtils::Split(steps, "; ")) {
             SCOPED_TRACE(step);
             const std::vector<std::string> arg = SDK::StrUtils::Split(step + "  ", " ");
-            switch (step[0]) {
-            case 's': Start(); break;
-            case 'o': reader_.SetAuditLogPath(Path()); break;
-            case 'a': Append(Named(arg)); break;
-            case 'p': EXPECT_EQ(Poll(), Named(arg)); break;
-            case 'q':
+            const std::string& verb = arg[0];
+            const std::string text = step.size() > verb.size() ? step.substr(verb.size() + 1) : std::string();
+            if (verb == "start") {
+                Start();
+            } else if (verb == "follow") {
+                reader_.SetAuditLogPath(Path());
+            } else if (verb == "append") {
+                Append(Named(arg));
+            } else if (verb == "poll") {
+                EXPECT_EQ(Poll(), Named(arg));
+            } else if (verb == "woken-poll") {
                 reader_.ReadOnceLog(log_, false);
                 EXPECT_TRUE(std::exchange(log_.lines, {}).empty());
-                break;
-            case 'i': EXPECT_EQ(log_.idlePolls, std::stoi(arg[1])); break;
-            case 'r':
+            } else if (verb == "quiet-polls") {
+                EXPECT_EQ(log_.idlePolls, std::stoi(arg[1]));
+            } else if (verb == "rotate") {
                 std::rename((Path() + ".1").c_str(), (Path() + ".2").c_str());
                 ASSERT_EQ(std::rename(Path().c_str(), (Path() + ".1").c_str()), 0);
                 std::ofstream(Path(), std::ios::trunc).flush();
-                break;
-            case 'c':
+            } else if (verb == "copy-truncate") {
                 std::ofstream(Path() + ".1") << TestSupport::ReadFile(Path());
                 std::ofstream(Path(), std::ios::trunc).flush();
-                break;
-            case 't': ASSERT_EQ(truncate(Path().c_str(), std::stol(arg[1]) * static_cast<long>(Record("before", 1).size() + 1)), 0); break;
-            case 'x': std::remove(Path().c_str()); break;
-            case 'D': ASSERT_EQ(std::remove((Path() + ".1").c_str()), 0); break;
-            case 'H': std::ofstream(Path(), std::ios::trunc) << "short\n"; break;
-            case 'e': EXPECT_EQ(reader_.position, static_cast<int64_t>(TestSupport::ReadFile(Path()).size())); break;
-            case 'n': EXPECT_EQ(reader_.position, -1); break;
-            case 'l': EXPECT_TRUE(capture.channel().Has(Expand(step.substr(2)))) << Expand(step.substr(2)); break;
-            case 'k': {
+            } else if (verb == "truncate") {
+                ASSERT_EQ(truncate(Path().c_str(), std::stol(arg[1]) * static_cast<long>(Record("before", 1).size() + 1)), 0);
+            } else if (verb == "remove-log") {
+                std::remove(Path().c_str());
+            } else if (verb == "remove-rotated") {
+                ASSERT_EQ(std::remove((Path() + ".1").c_str()), 0);
+            } else if (verb == "short-log") {
+                std::ofstream(Path(), std::ios::trunc) << "short\n";
+            } else if (verb == "at-end") {
+                EXPECT_EQ(reader_.position, static_cast<int64_t>(TestSupport::ReadFile(Path()).size()));
+            } else if (verb == "resync") {
+                EXPECT_EQ(reader_.position, -1);
+            } else if (verb == "logged") {
+                EXPECT_TRUE(capture.channel().Has(Expand(text))) << Expand(text);
+            } else if (verb == "logged-times") {
                 const std::vector<std::string> texts = capture.channel().Texts();
-                EXPECT_EQ(std::count(texts.begin(), texts.end(), step.substr(3 + arg[1].size())), std::stoi(arg[1]));
-                break;
-            }
-            case 'P':
+                EXPECT_EQ(std::count(texts.begin(), texts.end(), text.substr(arg[1].size() + 1)), std::stoi(arg[1]));
+            } else if (verb == "polls") {
                 for (int i = std::stoi(arg[1]); i > 0; --i) {
                     Poll();
                 }
-                break;
-            default: FAIL() << "unknown step";
+            } else {
+                FAIL() << "unknown step";
             }
         }
     }
@@ -129,19 +137,19 @@ protected:
 
 }  // namespace
 
-TEST_F(Reader, FollowsTheLogThroughEveryWayItChanges)
+class ReaderScenario : public Reader, public testing::WithParamInterface<TestSupport::TableRow> {};
+
+TEST_P(ReaderScenario, FollowsTheLogThroughEveryWayItChanges)
 {
-    for (const std::vector<std::string>& row : TestSupport::TableRows("native_module/module_audit/tests/tables/reader-scenarios.txt")) {
-        SCOPED_TRACE(row.at(0));
-        for (const char* name : {"", ".1", ".2"}) {
-            std::remove((Path() + name).c_str());
-        }
-        reader_.Clear();
-        log_.lines.clear();
-        log_.idlePolls = 0;
-        Run(row.at(1));
-    }
+    const std::vector<std::string>& row = GetParam().cells;
+    ASSERT_GE(row.size(), 2U) << "the table holds no rows";
+    SCOPED_TRACE(row[0]);
+    Run(row[1]);
 }
+
+INSTANTIATE_TEST_SUITE_P(Rows, ReaderScenario,
+                         testing::ValuesIn(TestSupport::TableParams("native_module/module_audit/tests/tables/reader-scenarios.txt", 0)),
+                         TestSupport::TableRowName);
 
 // A write seen cut short at a page boundary: its line waits until whole. Lines past 64 KiB arrive
 // whole too; a line no audit record could be (over 1 MiB) is skipped and counted, and the next
