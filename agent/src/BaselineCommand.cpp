@@ -207,6 +207,7 @@ int RunBaselineCommand(const std::vector<std::string>& args, std::string configF
             continue;
         }
         Integrity::TreeScan scan(root, baseline, reader, true, update);
+        scan.SetMostEntries(config.maxWatchEntries);  // what the agent's own scan keeps
         std::vector<Integrity::Difference> found;
         bool more = true;
         while (more) {

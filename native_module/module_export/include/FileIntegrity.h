@@ -24,6 +24,7 @@ struct IntegritySettings {
     std::string baseline;                    ///< the baseline database (absolute); empty for none
     uint64_t maxHashBytes = 64ULL << 20;     ///< regular files above this are not hashed
     double scanShare = 0.25;                 ///< processor share of the start-up scan
+    uint64_t maxEntries = UINT64_MAX;        ///< entries of each tree the baseline holds at most
 };
 
 /// What a notification says of its file beyond the path: the file now, and what the baseline

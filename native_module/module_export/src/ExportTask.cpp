@@ -75,7 +75,9 @@ ExportTask::ExportTask(AgentConfig config, std::FILE* console, Hooks hooks)
         }
     }
     if (!watches.empty() && !config_.integrity.baseline.empty()) {
-        integrity_ = std::make_unique<FileIntegrity>(config_.integrity, std::move(watches));
+        IntegritySettings settings = config_.integrity;
+        settings.maxEntries = config_.maxWatchEntries;  // the same bound as the file-watch index
+        integrity_ = std::make_unique<FileIntegrity>(std::move(settings), std::move(watches));
     }
     if (!hooks_.stop) {
         hooks_.stop = [](int code) {

@@ -93,7 +93,9 @@ void FileIntegrity::Start()
     const auto now = std::chrono::steady_clock::now();
     for (const Integrity::Root& root : roots_) {
         const bool complete = baseline_.Complete(root);
-        scans_.push_back(Scan{std::make_unique<Integrity::TreeScan>(root, baseline_, reader_, complete, true), !complete, now});
+        auto scan = std::make_unique<Integrity::TreeScan>(root, baseline_, reader_, complete, true);
+        scan->SetMostEntries(settings_.maxEntries);
+        scans_.push_back(Scan{std::move(scan), !complete, now});
         poco_information(Log(), (complete ? "Comparing " + root.path + " with its baseline."
                                           : "Recording the baseline of " + root.path + "."));
     }
@@ -296,6 +298,10 @@ bool FileIntegrity::Step(std::vector<ScanFinding>& found)
         const Integrity::Root& root = current.scan->GetRoot();
         if (current.marksComplete && !current.scan->Skipped()) {
             baseline_.SetComplete(root, true);
+        }
+        if (current.scan->Capped()) {
+            poco_warning(Log(), "File integrity: " + root.path + " holds more than " + std::to_string(settings_.maxEntries) +
+                                " entries; the baseline keeps and compares the first of them only.");
         }
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - current.started).count();

@@ -195,6 +195,18 @@ bool TreeScan::Step(size_t budget, std::vector<Difference>& found)
         Visit(AT_FDCWD, std::string(), root_.path, known ? &recorded : nullptr, found);
     }
     while (used() < budget) {
+        if (entries_ >= most_) {
+            // A user who may write in the tree must not grow the baseline without end.
+            capped_ = true;
+            queue_.clear();
+            recorded_.clear();  // what lies beyond is not compared, so nothing counts as deleted
+            if (dirFd_ >= 0) {
+                ::close(dirFd_);
+                dirFd_ = -1;
+            }
+            baseline_.Flush();
+            return false;
+        }
         if (dirFd_ < 0 && !OpenNext()) {
             baseline_.Flush();
             return false;

@@ -471,6 +471,28 @@ TEST(IntegrityScan, ADirectorySwappedForALinkIsNotFollowedAndOtherFileSystemsAre
     EXPECT_EQ(facts.hash, HashState::kNone) << "a device is never read";
 }
 
+TEST(IntegrityScan, ATreeLargerThanTheBoundIsRecordedOnlyToTheBoundAndNothingBeyondIsReported)
+{
+    TempDir dir;
+    for (int i = 0; i < 20; ++i) {
+        dir.Write("tree/f" + std::to_string(i), "x");
+    }
+    Baseline baseline;
+    std::string note;
+    ASSERT_EQ(baseline.Open(":memory:", note), Baseline::Opened::kCreated);
+    Integrity::FactsReader reader(kMaxHash);
+    for (const bool report : {false, true}) {
+        Integrity::TreeScan scan({dir.path() + "/tree", true}, baseline, reader, report, true);
+        scan.SetMostEntries(8);
+        std::vector<Difference> found;
+        while (scan.Step(3, found)) {
+        }
+        EXPECT_TRUE(scan.Capped());
+        EXPECT_LE(baseline.Count(), 9U);
+        EXPECT_TRUE(found.empty()) << "neither the entries beyond nor the recorded ones are differences";
+    }
+}
+
 TEST(IntegrityScan, ATreeOfAHundredThousandFilesIsRecordedInBoundedStepsAndRescannedWithoutReading)
 {
     // In memory where there is a tmpfs: making 100,000 files on a disk takes longer than the scan.

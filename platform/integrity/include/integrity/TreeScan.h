@@ -3,6 +3,7 @@
 #include "integrity/Baseline.h"
 #include "integrity/FileFacts.h"
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -35,6 +36,11 @@ public:
     TreeScan(const TreeScan&) = delete;
     TreeScan& operator=(const TreeScan&) = delete;
 
+    /// Looks at no more than most entries: the rest of a larger tree is neither recorded nor
+    /// compared (Capped says so).
+    void SetMostEntries(uint64_t most) { most_ = most; }
+    /// True when the tree held more entries than the scan may look at.
+    bool Capped() const { return capped_; }
     /// Does about budget units of work (an entry is one, and every 64 KiB hashed another) and
     /// appends the differences found. False once the whole tree is done.
     bool Step(size_t budget, std::vector<Difference>& found);
@@ -79,6 +85,8 @@ private:
     uint64_t entries_ = 0;
     uint64_t hashed_ = 0;
     bool skipped_ = false;
+    uint64_t most_ = UINT64_MAX;
+    bool capped_ = false;
 };
 
 }  // namespace Integrity
