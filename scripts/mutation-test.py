@@ -3,8 +3,8 @@
 the product's sources, one mutant at a time, to a scratch copy of the project, runs the unit suite
 (ctest -L unit, no kernel tests) there, and reports per source directory how many were caught.
 
-Usage: scripts/mutation-test.py [--count N] [--seed S] [--only ID ...] [--list] [--keep]
-                                [--survivors FILE]
+Usage: scripts/mutation-test.py [--count N] [--seed S] [--from I] [--to J] [--only ID ...]
+                                [--list] [--keep] [--survivors FILE]
 
 Operators (each site is one place in one line of code, outside comments and string literals):
   compare   a comparison flipped: == and !=, < and >=, > and <=
@@ -16,7 +16,9 @@ Operators (each site is one place in one line of code, outside comments and stri
 Sites are drawn from native_module/*/src and platform/*/src (not the generated system-call
 tables), N of them (default 400) by a seeded random choice, so a run can be repeated. A mutant
 that does not compile is reported as such and left out of the score. Each mutant has an id
-(DIR-FILE-LINE-OPERATOR) that --only takes, to run it again. --list prints the sample and stops.
+(DIR-FILE-LINE-OPERATOR) that --only takes, to run it again. --from and --to run a slice of the
+sample (in its drawn order, so any slice is itself a random sample): a long run can be split.
+--list prints the sample and stops.
 Survivors are written to FILE (default scripts/mutation-survivors.txt): the triage of each lives in
 scripts/mutation-triage.md. Slow (a build per mutant): run it by hand, not in CI. Exit status 1
 when a directory catches fewer than 80 % of its mutants.
@@ -140,6 +142,8 @@ def main():
     parser.add_argument("--count", type=int, default=400)
     parser.add_argument("--seed", type=int, default=24)
     parser.add_argument("--only", nargs="*", default=[])
+    parser.add_argument("--from", dest="first", type=int, default=0, help="first of the sample to run")
+    parser.add_argument("--to", dest="last", type=int, default=None, help="one past the last to run")
     parser.add_argument("--list", action="store_true", help="print the sample and stop")
     parser.add_argument("--keep", action="store_true", help="keep the scratch copy")
     parser.add_argument("--survivors", default=os.path.join(ROOT, "scripts", "mutation-survivors.txt"))
@@ -148,8 +152,8 @@ def main():
     if options.only:
         mutants = [m for m in everything if m["id"] in options.only]
     else:
-        mutants = sorted(random.Random(options.seed).sample(everything, min(options.count, len(everything))),
-                         key=lambda m: (m["file"], m["line"]))
+        drawn = random.Random(options.seed).sample(everything, min(options.count, len(everything)))
+        mutants = drawn[options.first:options.last]
     if options.list:
         for m in mutants:
             print("%s\n  - %s\n  + %s" % (m["id"], m["before"].strip(), m["after"].strip()))
