@@ -66,7 +66,8 @@ TEST(FileWatchRules, IdsReuseFreedSlotsAndOnlyTheSameTaskIsRefusedTwice)
     EXPECT_EQ(watch.AddFileNotifyRule(Rule("/a", false)), 0U) << "no rule lock yet";
     ASSERT_TRUE(watch.InitFileWatchLock());
     for (const char* path : {"/a", "/b", "/c"}) {
-        watch.AddFileNotifyRule(Rule(path, false));
+        const uint32_t id = watch.AddFileNotifyRule(Rule(path, false));
+        EXPECT_EQ(id, watch.Rules().size()) << "an id is its slot + 1";
     }
     for (const uint32_t id : {2, 0, 9}) {
         watch.RmFileNotifyRule(id);

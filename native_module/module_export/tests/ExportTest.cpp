@@ -23,6 +23,7 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
         "log": {"level": "debug"},
         "cpu": {"share": 0.25},
         "file_watch": {"max_entries": 1000},
+        "file_integrity": {"baseline": "state/b.db", "max_hash_size": "512 K", "scan_cpu_share": 0.5},
         "output": {"file": "var/events.jsonl", "rotate_size": "1 M", "keep": 2, "stdout": false},
         "subscriptions": [
             {"tag": "exec", "syscall": "exit,always -F arch=b64 -S execve", "rate_limit": 0},
@@ -33,6 +34,8 @@ TEST(ExportConfig, AGoodFileGivesItsSettingsWithPathsFromTheInstallation)
     EXPECT_EQ(config.output.file + " " + std::to_string(config.output.rotateBytes) + " " + std::to_string(config.output.keep), installation + "var/events.jsonl 1048576 2");
     EXPECT_FALSE(config.output.toStdout);
     EXPECT_EQ(config.maxWatchEntries, 1000U);
+    EXPECT_EQ(config.integrity.baseline + " " + std::to_string(config.integrity.maxHashBytes), installation + "state/b.db 524288");
+    EXPECT_EQ(config.integrity.scanShare, 0.5);
     ASSERT_EQ(config.subscriptions.size(), 3U);
     EXPECT_EQ(config.subscriptions[0].syscall, "exit,always -F arch=b64 -S execve");
     EXPECT_EQ(config.subscriptions[1].watch + " " + std::to_string(config.subscriptions[1].events), home.path() + " 768");

@@ -2,6 +2,7 @@
 // keep the baseline in step and come back with the file before and after; a start-up scan's
 // findings; and how both read in ECS.
 #include "EcsJson.h"
+#include "EventJson.h"
 #include "FileIntegrity.h"
 
 #include "FileNotify.h"
@@ -168,6 +169,25 @@ TEST(FileIntegrity, AStartUpFindingReadsInEcsWithItsReasonAndOnlyWhatChangedBefo
     EXPECT_EQ(before->getObject("hash")->getValue<std::string>("sha256"), Integrity::Hex(found[0].change.before->sha256));
     EXPECT_FALSE(before->has("size")) << "the size did not change:\n" << line;
     EXPECT_FALSE(before->has("uid"));
+
+    // A directory found deleted says how much it held; the flat line is JSON with both hashes.
+    Export::ScanFinding gone;
+    gone.result.path = tree + "/sub";
+    gone.result.event = Engine::kNotifyDelete;
+    gone.result.isDir = true;
+    gone.change = found[0].change;
+    gone.change.after.reset();
+    gone.change.below = 3;
+    line.clear();
+    encoder.AppendNotification(line, gone.result, "fim", &gone.change);
+    const auto deleted = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+    EXPECT_EQ(deleted->getObject("hostwarden")->getObject("file")->getValue<uint64_t>("entries_below"), 3U);
+    line.clear();
+    Export::AppendNotification(line, found[0].result, "fim", &found[0].change);
+    const auto flat = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>()->getObject("integrity");
+    ASSERT_TRUE(flat) << line;
+    EXPECT_EQ(flat->getValue<std::string>("sha256"), Integrity::Hex(found[0].change.after->sha256));
+    EXPECT_EQ(flat->getValue<std::string>("before_sha256"), Integrity::Hex(found[0].change.before->sha256));
 }
 
 }  // namespace
