@@ -84,9 +84,14 @@ TEST(FileWatchRules, IdsReuseFreedSlotsAndOnlyTheSameTaskIsRefusedTwice)
     // A removal takes the first identical rule, whichever task holds it.
     EXPECT_EQ(watch.RmFileWatch(WatchMessage(&two, "/w", 2, true)), 4U);
     EXPECT_EQ(watch.RmFileWatch(WatchMessage(&two, "/w", 4, true)), 0U);
-    const std::vector<FileNotifyRule> rules = watch.Rules();
+    std::vector<FileNotifyRule> rules = watch.Rules();
     EXPECT_TRUE(!rules[3].valid && rules[3].path.empty());
     EXPECT_TRUE(rules[5].valid && rules[5].task == &two);
+    // A rule placed in a freed slot is found and removed by that slot's id, not a neighbour's.
+    EXPECT_EQ(watch.AddFileWatch(WatchMessage(&two, "/v", 2, true)), 4U);
+    EXPECT_EQ(watch.RmFileWatch(WatchMessage(&two, "/v", 2, true)), 4U);
+    rules = watch.Rules();
+    EXPECT_TRUE(!rules[3].valid && rules[4].valid && rules[5].valid);
 }
 
 TEST(FileWatchPaths, CoverageFollowsTheRecursiveFlagAndWholeNames)

@@ -2,6 +2,7 @@
 // mapping with enrichment it is given; the argument decoding; the process table's refusal to
 // guess; the id names read inside a root.
 #include "EcsJson.h"
+#include "EventJson.h"
 #include "IdNames.h"
 #include "ProcessTable.h"
 
@@ -253,6 +254,39 @@ TEST(EcsEncoder, NotificationsCarryTheFileAsItIsAndTheActor)
           std::string("\"process\":{\"pid\":9,\"executable\":\"/usr/bin/mv\",\"name\":\"mv\""), std::string("\"syscall\":\"rename\"")}) {
         EXPECT_NE(line.find(part), std::string::npos) << part << "\n" << line;
     }
+}
+
+// The agent's notice of events it dropped is a line of its own, a metric, in both formats.
+TEST(EcsEncoder, TheAgentsNoticeIsAMetricLineInBothFormats)
+{
+    Export::AgentNotice limited;
+    limited.action = Export::AgentNotice::kRateLimited;
+    limited.tag = "connect";
+    limited.dropped = 20;
+    limited.seconds = 10;
+    limited.limit = 5;
+    limited.users = {{"4242", "", 15}, {"0", "root", 5}};
+    limited.programs = {{"/bin/nc", "", 20}};
+    Export::AgentNotice lost;
+    lost.action = Export::AgentNotice::kOutputLost;
+    lost.dropped = 3;
+    lost.seconds = 1;
+    FixedEnrichment enrichment;
+    Export::EcsEncoder encoder(Settings(), enrichment);
+    std::string ecs;
+    encoder.AppendNotice(ecs, limited, 1700000000123);
+    std::string flat;
+    Export::AppendNotice(flat, lost, 1700000000123);
+    const std::string notice = R"("message":"subscription connect: 20 events over its limit of 5 a second dropped in 10 s; )"
+                               R"(most from user 4242: 15, root (0): 5; program /bin/nc: 20","hostwarden":{"notice":{)"
+                               R"("action":"rate-limited","dropped":20,"seconds":10,"limit":5,"users":[{"id":"4242",)"
+                               R"("events":15},{"id":"0","name":"root","events":5}],"programs":[{"executable":"/bin/nc","events":20}]}}})";
+    EXPECT_EQ(ecs, R"({"@timestamp":"2023-11-14T22:13:20.123Z","ecs":{"version":")" + std::string(Export::kEcsVersion) +
+                       R"("},"host":{"name":"host","id":"machine"},"agent":{"type":"hostwarden","name":"host","version":"0.1.0"},)"
+                       R"("tags":["connect"],"event":{"kind":"metric","action":"rate-limited"},)" + notice);
+    EXPECT_EQ(flat, R"({"time_ms":1700000000123,"message":"output: 3 events could not be written whole and were lost in 1 s",)"
+                    R"("hostwarden":{"notice":{"action":"output-lost","dropped":3,"seconds":1}}})");
+    EXPECT_TRUE(ValidJson(ecs) && ValidJson(flat));
 }
 
 namespace {

@@ -138,3 +138,26 @@ TEST(Engine, AnExceptionStopsItsTaskButNotTheAgent)
     engine.StopAll();
     framework.setChannel(previous);
 }
+
+// The engine run as the agent's main job, its wait ended at once.
+class MainJob : public Framework::Engine {
+public:
+    using Framework::Engine::main;
+    std::vector<std::string> running;
+
+protected:
+    void WaitForStop() override { running = ModuleNames(); }
+};
+
+TEST(Engine, TheMainJobRunsTheModulesOfTheInstallationUntilAskedToStop)
+{
+    TestSupport::TempDir home;
+    std::filesystem::create_directories(home.path() + "/lib/modules");
+    std::filesystem::copy_file(HW_TEST_MODULE, home.path() + "/lib/modules/libecho_module.so");
+    setenv("HOSTWARDEN_HOME", home.path().c_str(), 1);
+    MainJob engine;
+    EXPECT_EQ(engine.main({}), Framework::Engine::EXIT_OK);
+    EXPECT_EQ(engine.running, std::vector<std::string>{"echo_module"});
+    EXPECT_TRUE(engine.ModuleNames().empty()) << "stopped";
+    unsetenv("HOSTWARDEN_HOME");
+}

@@ -73,9 +73,11 @@ TEST(AuditParser, AgreesWithLibauparseOnRealRawAndEnrichedCaptures)
 TEST(AuditParser, SplitsEventsByStampAndSkipsLinesThatAreNotRecords)
 {
     AuditParser parser;
+    EXPECT_FALSE(parser.FeedLine("type=SYSCALL msg=audit(): an empty stamp, before any was seen"));
     EXPECT_TRUE(parser.FeedLine("type=SYSCALL msg=audit(1.001:1): a=1"));
     for (const char* bad : {"", "garbage without a type", "type=PATH msg=audit(1.001): no serial", "type=PATH msg=audit(x.001:1): bad seconds",
-                            "type= msg=audit(1.001:1): empty type", "type=PATH msg=audit(1.001:1 unterminated"}) {
+                            "type= msg=audit(1.001:1): empty type", "type=PATH msg=audit(1.001:1 unterminated",
+                            "type=PATH msg=audit(): empty stamp"}) {
         EXPECT_FALSE(parser.FeedLine(bad)) << bad;
     }
     EXPECT_TRUE(parser.FeedLine("type=EOE msg=audit(1.001:1): "));

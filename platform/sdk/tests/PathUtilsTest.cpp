@@ -1,3 +1,4 @@
+#include "sdk/DirUtils.h"
 #include "sdk/PathUtils.h"
 
 #include "TestCommon.h"
@@ -20,6 +21,46 @@ TEST(PathUtils, APathIsBelowADirectoryOnlyAcrossASlash)
     for (const Case& c : cases) {
         EXPECT_EQ(SDK::PathUtils::IsBelow(c.dir, c.path), c.below) << c.dir << " " << c.path;
     }
+}
+
+TEST(PathUtils, TheInstallationIsHostwardenHomeOrTheDirectoryAboveTheProgramsBin)
+{
+    const char* saved = std::getenv("HOSTWARDEN_HOME");
+    const std::string restore = saved != nullptr ? saved : "";
+    std::string path;
+    setenv("HOSTWARDEN_HOME", "/opt/hw", 1);
+    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
+    EXPECT_EQ(path, "/opt/hw/") << "always ends in a slash";
+
+    unsetenv("HOSTWARDEN_HOME");
+    // This program is <build>/<dir>/<program>: the installation would be <build>/.
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
+    ASSERT_EQ(SDK::PathUtils::GetInstallationPath(path), 0);
+    EXPECT_EQ(path, self.parent_path().parent_path().string() + "/");
+    if (saved != nullptr) {
+        setenv("HOSTWARDEN_HOME", restore.c_str(), 1);
+    }
+}
+
+TEST(DirUtils, CreateDirsMakesEachMissingParentAndNothingElse)
+{
+    const TestSupport::TempDir dir;
+    const std::string deep = dir.path() + "/alpha/beta/gamma";
+    ASSERT_EQ(SDK::DirUtils::CreateDirs(deep, 0700), 0);
+    EXPECT_TRUE(SDK::DirUtils::IsDir(deep));
+    EXPECT_EQ(SDK::DirUtils::CreateDirs(deep), 0) << "an existing directory is success";
+    std::vector<std::string> names;
+    ASSERT_EQ(SDK::DirUtils::ListEntries(dir.path(), names), 0);
+    EXPECT_EQ(names, std::vector<std::string>{"alpha"}) << "no directory named by a part of a name";
+    ASSERT_EQ(SDK::DirUtils::ListEntries(dir.path() + "/alpha", names), 0);
+    EXPECT_EQ(names, std::vector<std::string>{"beta"});
+    struct stat st {};
+    ASSERT_EQ(stat(deep.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0700U);
+
+    dir.Write("file", "x");
+    EXPECT_EQ(SDK::DirUtils::CreateDirs(dir.path() + "/file/below"), -1) << "a file in the way";
+    EXPECT_EQ(SDK::DirUtils::CreateDirs(""), -1);
 }
 
 }  // namespace
