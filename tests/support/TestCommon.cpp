@@ -211,4 +211,50 @@ int Program::Wait(int seconds)
     return status;
 }
 
+void CapturingChannel::log(const Poco::Message& msg)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    messages_.push_back(msg);
+}
+
+std::vector<Poco::Message> CapturingChannel::Messages()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return messages_;
+}
+
+std::vector<std::string> CapturingChannel::Texts()
+{
+    std::vector<std::string> texts;
+    for (const Poco::Message& msg : Messages()) {
+        texts.push_back(msg.getText());
+    }
+    return texts;
+}
+
+bool CapturingChannel::Has(const std::string& text)
+{
+    const std::vector<std::string> texts = Texts();
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+void CapturingChannel::Clear()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    messages_.clear();
+}
+
+LoggerCapture::LoggerCapture(Poco::Logger& logger, int level)
+    : logger_(logger), previous_(logger.getChannel()), previousLevel_(logger.getLevel()), channel_(new CapturingChannel)
+{
+    logger_.setChannel(channel_);
+    logger_.setLevel(level);
+}
+
+LoggerCapture::~LoggerCapture()
+{
+    logger_.setChannel(previous_);
+    logger_.setLevel(previousLevel_);
+}
+
 }  // namespace TestSupport

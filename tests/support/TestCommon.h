@@ -1,6 +1,10 @@
 #pragma once
 
 // Included by every test program: GoogleTest and the standard and POSIX headers the tests share.
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
 #include <Poco/Pipe.h>
 #include <Poco/Process.h>
 #include <gtest/gtest.h>
@@ -102,6 +106,39 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<T> items_;
+};
+
+/// A Poco channel that keeps every message, for asserting log lines.
+class CapturingChannel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override;
+    std::vector<Poco::Message> Messages();
+    /// The texts of the messages logged so far.
+    std::vector<std::string> Texts();
+    /// True when a message with exactly this text was logged.
+    bool Has(const std::string& text);
+    void Clear();
+
+private:
+    std::mutex mutex_;
+    std::vector<Poco::Message> messages_;
+};
+
+/// Routes a logger to a fresh capturing channel at the given level for the life of the object;
+/// its channel and level before are put back after.
+class LoggerCapture {
+public:
+    explicit LoggerCapture(Poco::Logger& logger, int level = Poco::Message::PRIO_TRACE);
+    ~LoggerCapture();
+    LoggerCapture(const LoggerCapture&) = delete;
+    LoggerCapture& operator=(const LoggerCapture&) = delete;
+    CapturingChannel& channel() { return *channel_; }
+
+private:
+    Poco::Logger& logger_;
+    Poco::Channel::Ptr previous_;
+    int previousLevel_;
+    Poco::AutoPtr<CapturingChannel> channel_;
 };
 
 /// A program started by a test, with its standard output and error captured.

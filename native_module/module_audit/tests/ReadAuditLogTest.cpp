@@ -50,11 +50,11 @@ protected:
     void Start()
     {
         Append(Records("before", 1, 3));
-        reader_.SetAuditLogPath(Path());
+        reader_->SetAuditLogPath(Path());
     }
     std::vector<std::string> Poll()
     {
-        reader_.ReadOnceLog(log_);
+        reader_->ReadOnceLog(log_);
         return std::exchange(log_.lines, {});
     }
     // The records "F N-M [F N-M]..." names, in order.
@@ -86,13 +86,13 @@ protected:
             if (verb == "start") {
                 Start();
             } else if (verb == "follow") {
-                reader_.SetAuditLogPath(Path());
+                reader_->SetAuditLogPath(Path());
             } else if (verb == "append") {
                 Append(Named(arg));
             } else if (verb == "poll") {
                 EXPECT_EQ(Poll(), Named(arg));
             } else if (verb == "woken-poll") {
-                reader_.ReadOnceLog(log_, false);
+                reader_->ReadOnceLog(log_, false);
                 EXPECT_TRUE(std::exchange(log_.lines, {}).empty());
             } else if (verb == "quiet-polls") {
                 EXPECT_EQ(log_.idlePolls, std::stoi(arg[1]));
@@ -112,9 +112,9 @@ protected:
             } else if (verb == "short-log") {
                 std::ofstream(Path(), std::ios::trunc) << "short\n";
             } else if (verb == "at-end") {
-                EXPECT_EQ(reader_.position, static_cast<int64_t>(TestSupport::ReadFile(Path()).size()));
+                EXPECT_EQ(reader_->position, static_cast<int64_t>(TestSupport::ReadFile(Path()).size()));
             } else if (verb == "resync") {
-                EXPECT_EQ(reader_.position, -1);
+                EXPECT_EQ(reader_->position, -1);
             } else if (verb == "logged") {
                 EXPECT_TRUE(capture.channel().Has(Expand(text))) << Expand(text);
             } else if (verb == "logged-times") {
@@ -131,7 +131,7 @@ protected:
     }
 
     TestSupport::TempDir dir_;
-    ReadAuditLog reader_;
+    std::unique_ptr<ReadAuditLog> reader_ = std::make_unique<ReadAuditLog>();
     RecordingLog log_;
 };
 
@@ -144,7 +144,14 @@ TEST_P(ReaderScenario, FollowsTheLogThroughEveryWayItChanges)
     const std::vector<std::string>& row = GetParam().cells;
     ASSERT_GE(row.size(), 2U) << "the table holds no rows";
     SCOPED_TRACE(row[0]);
+    const auto openFiles = [] {
+        const std::filesystem::directory_iterator fds("/proc/self/fd");
+        return std::distance(begin(fds), end(fds));
+    };
+    const auto before = openFiles();
     Run(row[1]);
+    reader_.reset();
+    EXPECT_EQ(openFiles(), before) << "the reader closes every file it held";
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, ReaderScenario,
@@ -166,5 +173,5 @@ TEST_F(Reader, LinesArriveWholeWhateverTheirLengthAndOnlyOnceComplete)
     EXPECT_EQ(Poll(), (std::vector<std::string>{huge, Record("log", 3)}));
     Append({std::string(3 * 1024 * 1024, 'y'), Record("log", 4)});
     EXPECT_EQ(Poll(), Records("log", 4, 4));
-    EXPECT_EQ(reader_.droppedLines, 1u);
+    EXPECT_EQ(reader_->droppedLines, 1u);
 }

@@ -9,52 +9,7 @@
 
 namespace TestSupport {
 
-void CapturingChannel::log(const Poco::Message& msg)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    messages_.push_back(msg);
-}
-
-std::vector<Poco::Message> CapturingChannel::Messages()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return messages_;
-}
-
-std::vector<std::string> CapturingChannel::Texts()
-{
-    std::vector<std::string> texts;
-    for (const Poco::Message& msg : Messages()) {
-        texts.push_back(msg.getText());
-    }
-    return texts;
-}
-
-bool CapturingChannel::Has(const std::string& text)
-{
-    const std::vector<std::string> texts = Texts();
-    return std::find(texts.begin(), texts.end(), text) != texts.end();
-}
-
-void CapturingChannel::Clear()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    messages_.clear();
-}
-
-LogCapture::LogCapture(int level) : channel_(new CapturingChannel)
-{
-    Poco::Logger* logger = Engine::Audit::GetLoggerPtr();
-    logger->setChannel(channel_);
-    logger->setLevel(level);
-}
-
-LogCapture::~LogCapture()
-{
-    Poco::Logger* logger = Engine::Audit::GetLoggerPtr();
-    logger->setChannel(nullptr);
-    logger->setLevel(Poco::Message::PRIO_FATAL);
-}
+LogCapture::LogCapture(int level) : LoggerCapture(*Engine::Audit::GetLoggerPtr(), level) {}
 
 FakeInstallation::FakeInstallation(int exitCode, const std::string& printed)
 {

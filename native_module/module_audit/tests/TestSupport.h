@@ -1,9 +1,5 @@
 #pragma once
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Message.h>
-
 #include "AuditLog.h"
 #include "AuditMessages.h"
 #include "AuditRule.h"
@@ -16,31 +12,10 @@
 
 namespace TestSupport {
 
-/// A Poco channel that keeps every message, for asserting the module's log lines.
-class CapturingChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& msg) override;
-    std::vector<Poco::Message> Messages();
-    /// The texts of the messages logged so far.
-    std::vector<std::string> Texts();
-    /// True when a message with exactly this text was logged.
-    bool Has(const std::string& text);
-    void Clear();
-
-private:
-    std::mutex mutex_;
-    std::vector<Poco::Message> messages_;
-};
-
 /// Routes the module logger to a fresh capturing channel at the given level for one test.
-class LogCapture {
+class LogCapture : public LoggerCapture {
 public:
     explicit LogCapture(int level = Poco::Message::PRIO_TRACE);
-    ~LogCapture();
-    CapturingChannel& channel() { return *channel_; }
-
-private:
-    Poco::AutoPtr<CapturingChannel> channel_;
 };
 
 /// An installation directory (HOSTWARDEN_HOME, for the life of the object) whose bin/auditctl

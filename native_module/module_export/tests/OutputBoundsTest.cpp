@@ -89,6 +89,7 @@ TEST(ExportTask, TheRateLimitDropsAFloodAndItsSummaryLineNamesTheAuthor)
     config.subscriptions.push_back(Export::Subscription{"subscriptions[0]", "connect", "exit,always -S connect", "", false, 0, 100});
     Export::ExportTask task(config, nullptr);
     ASSERT_EQ(task.Init(), 0);
+    TestSupport::LoggerCapture log(Poco::Logger::get("export_module"));
     auto event = std::make_shared<Engine::AuditEvent>();
     event->exe = "/usr/bin/flood";
     event->parsedEvent.records.emplace_back();
@@ -112,11 +113,13 @@ TEST(ExportTask, TheRateLimitDropsAFloodAndItsSummaryLineNamesTheAuthor)
     EXPECT_GE(events, 100);
     EXPECT_LE(events, most);
     const std::string last = written.substr(written.rfind('\n', written.size() - 2) + 1);
-    const auto notice = Poco::JSON::Parser().parse(last).extract<Poco::JSON::Object::Ptr>()->getObject("hostwarden")->getObject("notice");
+    const auto line = Poco::JSON::Parser().parse(last).extract<Poco::JSON::Object::Ptr>();
+    const auto notice = line->getObject("hostwarden")->getObject("notice");
     EXPECT_EQ(notice->getValue<std::string>("action") + " " + notice->getValue<std::string>("dropped"),
               "rate-limited " + std::to_string(1000 - events));
     EXPECT_EQ(notice->getArray("users")->getObject(0)->getValue<std::string>("id"), "4242");
     EXPECT_EQ(notice->getArray("programs")->getObject(0)->getValue<std::string>("executable"), "/usr/bin/flood");
+    EXPECT_TRUE(log.channel().Has(line->getValue<std::string>("message") + ".")) << "and the agent's log says it";
 }
 
 TEST(ExportTask, OnAFullDiskTheFileHoldsOnlyWholeLinesCountsTheLossAndWritesAgainWhenSpaceReturns)

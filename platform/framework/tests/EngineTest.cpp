@@ -6,10 +6,6 @@
 #include "framework/Module.h"
 #include "framework/Task.h"
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
-#include <Poco/Message.h>
 
 namespace {
 
@@ -109,34 +105,23 @@ TEST(Engine, NoLibraryIsUnloadedWhileAQueueHoldsItsMessages)
     EXPECT_NE(ReadFile(log).find("destroy module"), std::string::npos) << "the module was destroyed, not leaked";
 }
 
-// Keeps the engine's log lines.
-class EngineLog : public Poco::Channel {
-public:
-    void log(const Poco::Message& msg) override { lines.Push(msg.getText()); }
-    TestSupport::Inbox<std::string> lines;
-};
-
 TEST(Engine, AnExceptionStopsItsTaskButNotTheAgent)
 {
     Framework::Engine engine;  // first: Poco's application gives every logger a console channel
-    Poco::AutoPtr<EngineLog> log(new EngineLog);
-    Poco::Logger& framework = Poco::Logger::get("framework");
-    const Poco::Channel::Ptr previous = framework.getChannel();
-    framework.setChannel(log);
+    TestSupport::LoggerCapture log(Poco::Logger::get("framework"));
     ASSERT_EQ(engine.LoadModule(HW_TEST_MODULE), 0);
     auto* throwing = new ClientTask("throwing_task");
     auto* client = new ClientTask;
     ASSERT_EQ(engine.AddModule(Tasks({throwing, client}, "two_tasks")), 0);
     ASSERT_EQ(engine.StartTasks(), 0);
     ASSERT_TRUE(client->SendDirectMsg("throwing_task", new PingMessage("client_task", -7)));
-    EXPECT_TRUE(log->lines.WaitFor([](const std::string& line) { return line == "Task throwing_task stopped by an exception: bad ping"; }));
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return log.channel().Has("Task throwing_task stopped by an exception: bad ping"); }));
     EXPECT_EQ(throwing->GetState(), Framework::kTaskStop);
     EXPECT_EQ(engine.FindTask("throwing_task"), nullptr) << "its name route is withdrawn";
     // The rest of the agent goes on.
     ASSERT_TRUE(client->SendDirectMsg("echo_task", new PingMessage("client_task", 7)));
     EXPECT_TRUE(client->answers.WaitFor([](int seq) { return seq == 1007; }));
     engine.StopAll();
-    framework.setChannel(previous);
 }
 
 // The engine run as the agent's main job, its wait ended at once.
