@@ -158,6 +158,9 @@ TEST(EcsEncoder, ArgumentsAreDecodedJoinedAndCutWithAMarker)
     EXPECT_EQ(result.args, (std::vector<std::string>{"x", "abcd", "[hostwarden: cut here, 9 more bytes of 3 arguments not shown]"}));
     EXPECT_EQ(result.count, 4U) << "the count stays the kernel's";
 
+    std::vector<std::string> list = {"aaaa", "bbbb", "cccc", "dddd"};  // as a process's command line is read
+    Export::CutArgs(list, 6);
+    EXPECT_EQ(list, (std::vector<std::string>{"aaaa", "bb", "[hostwarden: cut here, 10 more bytes of 3 arguments not shown]"}));
     std::vector<std::string> utf8 = {"\xC3\xA9\xC3\xA9"};  // two two-byte characters
     Export::CutArgs(utf8, 3);
     EXPECT_EQ(utf8.front(), "\xC3\xA9") << "cut at a character boundary";

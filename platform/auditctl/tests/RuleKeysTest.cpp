@@ -45,3 +45,17 @@ TEST(RuleKeys, RulesWithoutKeyOrWithBadLengthsGiveNoKey)
     rule->field_count = 5000;  // more than the kernel allows
     EXPECT_TRUE(Auditctl::RuleKeys(*rule).empty());
 }
+
+TEST(RuleKeys, EveryKeyIsFoundPastTheRulesOtherStringsAndOnlyKeysAreSearched)
+{
+    const auto rule = Rule({{AUDIT_ARCH, AUDIT_ARCH_X86_64, ""},
+                            {AUDIT_DIR, 0, "/etc/ssh"},
+                            {AUDIT_EXE, 0, "/usr/bin/hostwarden"},
+                            {AUDIT_PERM, 3, ""},
+                            {AUDIT_FILTERKEY, 0, "wapi***1\x01ids"}});
+    EXPECT_EQ(Auditctl::RuleKeys(*rule), (std::vector<std::string>{"wapi***1", "ids"}));
+    EXPECT_TRUE(Auditctl::RuleKeyContains(*rule, "***1"));
+    EXPECT_TRUE(Auditctl::RuleKeyContains(*rule, "ids"));
+    EXPECT_FALSE(Auditctl::RuleKeyContains(*rule, "hostwarden")) << "the program's path is not a key";
+    EXPECT_FALSE(Auditctl::RuleKeyContains(*rule, "1\x01i")) << "keys are searched one by one";
+}
