@@ -381,6 +381,32 @@ TEST(ProcessTable, StaysWithinItsCapacityAndSparesRechecks)
     EXPECT_EQ(table.size(), 4U);
 }
 
+// A process as /proc gives it: this one, and a name with blanks and parentheses of its own.
+TEST(ProcessTable, ProcGivesTheParentNameProgramArgumentsAndStartOfAProcess)
+{
+    Export::ProcProcessSource live(4096);
+    Export::ProcessFacts self;
+    ASSERT_TRUE(live.Read(getpid(), self));
+    EXPECT_EQ(self.ppid, getppid());
+    EXPECT_EQ(self.executable, std::filesystem::read_symlink("/proc/self/exe").string());
+    EXPECT_EQ(self.name, TestSupport::ReadFile("/proc/self/comm").substr(0, self.name.size()));
+    const uint64_t nowMs = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                     std::chrono::system_clock::now().time_since_epoch()).count());
+    EXPECT_LE(self.startMs, nowMs);
+    EXPECT_GT(self.startMs + 3600 * 1000, nowMs) << "started within the hour";
+
+    TestSupport::TempDir proc;
+    proc.Write("4242/stat", "4242 (a) b (c) S 77 4242 4242 0 -1 4194560 0 0 0 0 0 0 0 0 20 0 1 0 100 0 0\n");
+    proc.Write("4242/cmdline", std::string("x\0-y\0", 5));
+    std::filesystem::create_symlink("/bin/x", proc.path() + "/4242/exe");
+    Export::ProcProcessSource fake(4096, proc.path());
+    Export::ProcessFacts odd;
+    ASSERT_TRUE(fake.Read(4242, odd));
+    EXPECT_EQ(std::to_string(odd.ppid) + " " + odd.name + " " + odd.executable, "77 a) b (c /bin/x");
+    EXPECT_EQ(odd.args, (std::vector<std::string>{"x", "-y"}));
+    EXPECT_EQ(fake.Pids(), std::vector<int32_t>{4242});
+}
+
 // passwd and group texts: the first name of an id, comments and broken lines skipped.
 TEST(IdNames, ReadsNamesOfBothFilesAndFollowsChanges)
 {
