@@ -70,9 +70,28 @@ std::vector<std::vector<std::string>> TableRows(const std::string& relative)
     return rows;
 }
 
-std::vector<TableRow> TableParams(const std::string& relative, int nameCell)
+namespace {
+
+// "L<line>" and the words of text run together, each capitalised: a valid test name.
+std::string RowName(size_t line, const std::string& words)
 {
-    std::vector<TableRow> rows;
+    std::string name;
+    bool upper = true;
+    for (const char c : words) {
+        if (std::isalnum(static_cast<unsigned char>(c)) == 0) {
+            upper = true;
+        } else if (name.size() < 48) {
+            name += upper ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
+            upper = false;
+        }
+    }
+    return "L" + std::to_string(line) + (name.empty() ? "" : "_" + name);
+}
+
+// The rows of a table file with their line numbers.
+std::vector<std::pair<size_t, std::vector<std::string>>> NumberedRows(const std::string& relative)
+{
+    std::vector<std::pair<size_t, std::vector<std::string>>> rows;
     size_t number = 0;
     for (const std::string& line : ReadLines(std::string(HW_SOURCE_DIR) + "/" + relative)) {
         ++number;
@@ -80,27 +99,47 @@ std::vector<TableRow> TableParams(const std::string& relative, int nameCell)
             continue;
         }
         const Poco::StringTokenizer cells(line, "|", Poco::StringTokenizer::TOK_TRIM);
-        TableRow row{{cells.begin(), cells.end()}, "L" + std::to_string(number)};
-        const int at = nameCell < 0 ? static_cast<int>(row.cells.size()) + nameCell : nameCell;
-        const std::string words = at >= 0 && at < static_cast<int>(row.cells.size()) ? row.cells[at] : "";
-        std::string name;
-        bool upper = true;
-        for (const char c : words) {
-            if (std::isalnum(static_cast<unsigned char>(c)) == 0) {
-                upper = true;
-            } else if (name.size() < 48) {
-                name += upper ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
-                upper = false;
-            }
-        }
-        row.name += name.empty() ? "" : "_" + name;
-        rows.push_back(std::move(row));
-    }
-    if (rows.empty()) {
-        // Reported by the suite: a table that went missing must not pass as an empty one.
-        rows.push_back(TableRow{{}, "TheTableHoldsNoRows"});
+        rows.emplace_back(number, std::vector<std::string>(cells.begin(), cells.end()));
     }
     return rows;
+}
+
+// Reported by the suite: a table that went missing must not pass as an empty one.
+std::vector<TableRow> NotEmpty(std::vector<TableRow> rows)
+{
+    if (rows.empty()) {
+        rows.push_back(TableRow{{}, "TheTableHoldsNoRows", {}});
+    }
+    return rows;
+}
+
+}  // namespace
+
+std::vector<TableRow> TableParams(const std::string& relative, int nameCell)
+{
+    std::vector<TableRow> rows;
+    for (auto& [number, cells] : NumberedRows(relative)) {
+        const int at = nameCell < 0 ? static_cast<int>(cells.size()) + nameCell : nameCell;
+        const std::string words = at >= 0 && at < static_cast<int>(cells.size()) ? cells[at] : "";
+        rows.push_back(TableRow{std::move(cells), RowName(number, words), {}});
+    }
+    return NotEmpty(std::move(rows));
+}
+
+std::vector<TableRow> TableBlockParams(const std::string& relative, const std::string& marker)
+{
+    std::vector<TableRow> blocks;
+    for (auto& [number, cells] : NumberedRows(relative)) {
+        if (!cells.empty() && cells[0] == marker) {
+            const std::string words = cells.size() > 1 ? cells[1] : "";
+            blocks.push_back(TableRow{std::move(cells), RowName(number, words), {}});
+        } else if (!blocks.empty()) {
+            blocks.back().block.push_back(std::move(cells));
+        } else {
+            ADD_FAILURE() << relative << ":" << number << ": a row before the first " << marker;
+        }
+    }
+    return NotEmpty(std::move(blocks));
 }
 
 std::string TableRowName(const testing::TestParamInfo<TableRow>& info)

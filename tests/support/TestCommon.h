@@ -68,10 +68,14 @@ std::vector<std::vector<std::string>> TableRows(const std::string& relative);
 struct TableRow {
     std::vector<std::string> cells;
     std::string name;  ///< "L<line>_" and the words of its naming cell: a failure names its row
+    std::vector<std::vector<std::string>> block;  ///< a block's rows after its marker row
 };
 /// The rows of a table file, as TableRows reads them, each named by its line and the words of cell
 /// nameCell (counted from the end when negative).
 std::vector<TableRow> TableParams(const std::string& relative, int nameCell = -1);
+/// The blocks of a table file whose rows are steps: a block starts at a row whose first cell is
+/// marker and is named by its line and the words of that row's second cell.
+std::vector<TableRow> TableBlockParams(const std::string& relative, const std::string& marker);
 /// A table row's name, for INSTANTIATE_TEST_SUITE_P.
 std::string TableRowName(const testing::TestParamInfo<TableRow>& info);
 /// How GoogleTest prints a row: its cells.

@@ -42,47 +42,41 @@ std::vector<std::string> Routes(const AuditLog& log)
 
 }  // namespace
 
-TEST(RouteTable, SubscriptionsAndRemovalsLeaveTheseDestinations)
+class RouteScenario : public testing::TestWithParam<TestSupport::TableRow> {};
+
+TEST_P(RouteScenario, SubscriptionsAndRemovalsLeaveTheseDestinations)
 {
+    ASSERT_FALSE(GetParam().block.empty()) << "the table holds no scenarios";
     std::map<std::string, NamedTask> tasks;
     tasks.try_emplace("a_task", "a_task");
     tasks.try_emplace("b_task", "b_task");
-    std::string what;
-    std::unique_ptr<AuditLog> log;
-    std::unique_ptr<TestSupport::LogCapture> capture;
+    TestSupport::LogCapture capture(Poco::Message::PRIO_TRACE);
+    AuditLog log(nullptr, nullptr);
     std::vector<std::string> routes;
-    const auto check = [&] {
-        if (log) {
-            EXPECT_EQ(Routes(*log), routes) << what;
-        }
-    };
-    for (const std::vector<std::string>& row : TestSupport::TableRows("native_module/module_audit/tests/tables/routes.txt")) {
+    for (const std::vector<std::string>& row : GetParam().block) {
         const std::string& op = row.at(0);
-        if (op == "scenario") {
-            check();
-            what = row.at(1);
-            capture.reset();  // one capture at a time
-            capture = std::make_unique<TestSupport::LogCapture>(Poco::Message::PRIO_TRACE);
-            log = std::make_unique<AuditLog>(nullptr, nullptr);
-            routes.clear();
-        } else if (op == "route") {
+        if (op == "route") {
             routes.push_back(row.at(1));
         } else if (op == "logged") {
-            EXPECT_TRUE(capture->channel().Has(row.at(1))) << what;
+            EXPECT_TRUE(capture.channel().Has(row.at(1))) << row.at(1);
         } else if (op == "unregister") {
-            log->UnregisterTask(&tasks.at(row.at(1)));
+            log.UnregisterTask(&tasks.at(row.at(1)));
         } else if (op == "clean") {
-            log->CleanLogRoute();
+            log.CleanLogRoute();
         } else if (op[1] == 'S') {
             TestSupport::SyscallSub sub(&tasks.at(row.at(1)), row.at(2), row.at(3));
-            op[0] == '+' ? log->AddLogRoute(sub.msg, sub.rule) : log->DeleteLogRoute(sub.msg, sub.rule);
+            op[0] == '+' ? log.AddLogRoute(sub.msg, sub.rule) : log.DeleteLogRoute(sub.msg, sub.rule);
         } else {
             TestSupport::WatchSub sub(&tasks.at(row.at(1)), row.at(2), row.at(3));
-            op[0] == '+' ? log->AddLogRoute(sub.msg, sub.rule) : log->DeleteLogRoute(sub.msg, sub.rule);
+            op[0] == '+' ? log.AddLogRoute(sub.msg, sub.rule) : log.DeleteLogRoute(sub.msg, sub.rule);
         }
     }
-    check();
+    EXPECT_EQ(Routes(log), routes);
 }
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, RouteScenario,
+                         testing::ValuesIn(TestSupport::TableBlockParams("native_module/module_audit/tests/tables/routes.txt", "scenario")),
+                         TestSupport::TableRowName);
 
 TEST(RouteTable, AnEmptyPermissionSetsNoFlag)
 {

@@ -97,23 +97,45 @@ TEST(PathHelpers, HostPathsAreResolvedAndNamesMadeAbsolute)
     }
 }
 
-TEST(PathHelpers, PathsInContainersAreTranslatedToTheHostAndBadProcessIdsDropThem)
-{
-    auto* fake = new FakeContainers;
-    Framework::Engine engine;
-    ASSERT_EQ(engine.AddModule(std::make_unique<TestSupport::TasksModule>(std::vector<Framework::Task*>{fake})), 0);
-    ASSERT_EQ(engine.StartTasks(), 0);
-    LinuxAuditUtil::ResetContainerMetaCache();  // the module caches the provider per process
-    for (std::vector<std::string> row : TestSupport::TableRows("native_module/module_audit/tests/tables/container-paths.txt")) {
-        row.resize(7);
-        fake->lookups.clear();
-        AuditLogPath record;
-        record.path = record.hostPath = row[3];
-        EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event(row[0], row[1], row[2]), record), 0);
-        EXPECT_EQ(record.hostPath + " |" + fake->lookups, row[4] + " | " + row[5]) << row[3] << ": " << row[6];
+// An agent whose container provider is FakeContainers.
+class WithContainers : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_EQ(engine_.AddModule(std::make_unique<TestSupport::TasksModule>(std::vector<Framework::Task*>{fake_})), 0);
+        ASSERT_EQ(engine_.StartTasks(), 0);
+        LinuxAuditUtil::ResetContainerMetaCache();  // the module caches the provider per process
     }
+    void TearDown() override
+    {
+        engine_.StopAll();
+        LinuxAuditUtil::ResetContainerMetaCache();
+    }
+    FakeContainers* fake_ = new FakeContainers;  // owned by the engine once added
 
-    // A process id that does not convert drops the event's paths, but not the event.
+private:
+    Framework::Engine engine_;
+};
+
+class ContainerPath : public WithContainers, public testing::WithParamInterface<TestSupport::TableRow> {};
+
+TEST_P(ContainerPath, IsTranslatedToTheHostThroughTheProvider)
+{
+    std::vector<std::string> row = GetParam().cells;
+    ASSERT_GE(row.size(), 6U) << "the table holds no rows";
+    AuditLogPath record;
+    record.path = record.hostPath = row[3];
+    EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event(row[0], row[1], row[2]), record), 0);
+    EXPECT_EQ(record.hostPath + " |" + fake_->lookups, row[4] + " | " + row[5]);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, ContainerPath,
+                         testing::ValuesIn(TestSupport::TableParams("native_module/module_audit/tests/tables/container-paths.txt")),
+                         TestSupport::TableRowName);
+
+// A process id that does not convert drops the event's paths, but not the event.
+TEST_F(WithContainers, ABadProcessIdDropsThePathsButNotTheEvent)
+{
     AuditLogPath record;
     EXPECT_EQ(AuditLog(nullptr, nullptr).LogPathProcForContainer(Event("1", ""), record), -1);
     TestSupport::Pipeline routed;
@@ -125,8 +147,6 @@ TEST(PathHelpers, PathsInContainersAreTranslatedToTheHostAndBadProcessIdsDropThe
     EXPECT_EQ(routed.Delivered(), std::vector<size_t>{4});
     EXPECT_TRUE(event->paths.empty());
     EXPECT_FALSE(event->write) << "the access kinds are skipped too";
-    engine.StopAll();
-    LinuxAuditUtil::ResetContainerMetaCache();
 }
 
 TEST(PathHelpers, TheProviderIsLookedUpOnTheFirstNineCallsOnly)
