@@ -163,6 +163,12 @@ void ExpectGolden(const std::string& relative, const std::string& text)
     EXPECT_EQ(ReadFile(path), text) << relative << " differs (HW_UPDATE_GOLDEN=1 rewrites it)";
 }
 
+size_t OpenFileCount()
+{
+    const std::filesystem::directory_iterator fds("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(fds), end(fds)));
+}
+
 bool WaitUntil(const std::function<bool()>& condition, int seconds)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);

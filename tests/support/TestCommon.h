@@ -81,6 +81,9 @@ std::string TableRowName(const testing::TestParamInfo<TableRow>& info);
 /// How GoogleTest prints a row: its cells.
 void PrintTo(const TableRow& row, std::ostream* out);
 
+/// How many files this process holds open.
+size_t OpenFileCount();
+
 /// Checks condition every 20 ms until it holds or the deadline passes; returns its last value.
 bool WaitUntil(const std::function<bool()>& condition, int seconds = 20);
 

@@ -112,7 +112,7 @@ TEST(Assembly, ConfigChangesPutOurMissingRulesBack)
     const std::string add = "[-w][/tmp/fx/notyet/file][-p][wa][-k][" + key + "]";
     const auto change = [&](const std::string& fields) { p.log.HandleOneLineLog(Line("CONFIG_CHANGE", 5, fields)); };
     const auto putBack = [&](size_t runs) {
-        return TestSupport::WaitUntil([&] { return install.Commands().size() == runs; }, 5) &&
+        return TestSupport::WaitUntil([&] { return install.Commands().size() == runs; }) &&
                install.Commands()[runs - 2] == "[-l]" && install.Commands()[runs - 1] == add;
     };
 

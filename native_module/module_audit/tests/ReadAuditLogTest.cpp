@@ -144,14 +144,10 @@ TEST_P(ReaderScenario, FollowsTheLogThroughEveryWayItChanges)
     const std::vector<std::string>& row = GetParam().cells;
     ASSERT_GE(row.size(), 2U) << "the table holds no rows";
     SCOPED_TRACE(row[0]);
-    const auto openFiles = [] {
-        const std::filesystem::directory_iterator fds("/proc/self/fd");
-        return std::distance(begin(fds), end(fds));
-    };
-    const auto before = openFiles();
+    const size_t before = TestSupport::OpenFileCount();
     Run(row[1]);
     reader_.reset();
-    EXPECT_EQ(openFiles(), before) << "the reader closes every file it held";
+    EXPECT_EQ(TestSupport::OpenFileCount(), before) << "the reader closes every file it held";
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, ReaderScenario,

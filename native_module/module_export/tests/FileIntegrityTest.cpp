@@ -140,16 +140,21 @@ TEST(FileIntegrity, AStartUpFindingReadsInEcsWithItsReasonAndOnlyWhatChangedBefo
     TempDir dir;
     const std::string tree = dir.path() + "/tree";
     dir.Write("tree/file", "before", 0644);
+    for (const char* name : {"tree/sub/a", "tree/sub/b", "tree/sub/c"}) {
+        dir.Write(name, "");
+    }
     {
-        FileIntegrity integrity(Settings(dir), {{tree, false}});
+        FileIntegrity integrity(Settings(dir), {{tree, true}});
         integrity.Start();
         Scan(integrity);
     }
     dir.Write("tree/file", "after!", 0600);
-    FileIntegrity integrity(Settings(dir), {{tree, false}});
+    std::filesystem::remove_all(tree + "/sub");
+    FileIntegrity integrity(Settings(dir), {{tree, true}});
     integrity.Start();
-    const auto found = Scan(integrity);
-    ASSERT_EQ(found.size(), 1U);
+    auto found = Scan(integrity);
+    ASSERT_EQ(found.size(), 2U);
+    std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.result.path < b.result.path; });
     EXPECT_EQ(found[0].result.event, Engine::kNotifyModify);
 
     NoEnrichment enrichment;
@@ -171,16 +176,12 @@ TEST(FileIntegrity, AStartUpFindingReadsInEcsWithItsReasonAndOnlyWhatChangedBefo
     EXPECT_FALSE(before->has("uid"));
 
     // A directory found deleted says how much it held; the flat line is JSON with both hashes.
-    Export::ScanFinding gone;
-    gone.result.path = tree + "/sub";
-    gone.result.event = Engine::kNotifyDelete;
-    gone.result.isDir = true;
-    gone.change = found[0].change;
-    gone.change.after.reset();
-    gone.change.below = 3;
+    const Export::ScanFinding& gone = found[1];
+    EXPECT_EQ(gone.result.path + " " + Export::NotificationKindName(gone.result.event), tree + "/sub delete");
     line.clear();
     encoder.AppendNotification(line, gone.result, "fim", &gone.change);
     const auto deleted = Poco::JSON::Parser().parse(line).extract<Poco::JSON::Object::Ptr>();
+    EXPECT_EQ(deleted->getObject("file")->getValue<std::string>("type"), "dir");
     EXPECT_EQ(deleted->getObject("hostwarden")->getObject("file")->getValue<uint64_t>("entries_below"), 3U);
     line.clear();
     Export::AppendNotification(line, found[0].result, "fim", &found[0].change);

@@ -106,6 +106,11 @@ TEST(Task, StopsAndJoinsUnderLoadKeepingPerSenderOrderAndLosingNoMemory)
 
 TEST(EventWaiter, ReturnsAtOnceForWaitingMessagesAReadableWakeSourceAndAStop)
 {
+    const size_t openBefore = TestSupport::OpenFileCount();
+    {
+        RecordingTask gone("gone");
+    }
+    EXPECT_EQ(TestSupport::OpenFileCount(), openBefore) << "a task's waiter closes its wake-up descriptor";
     RecordingTask task("waiter");
     Framework::EventWaiter& waiter = task.GetEventWaiter();
     EXPECT_EQ(waiter.WaitAndHandleEvent(1, 128), 0);  // nothing: time-out
