@@ -209,7 +209,7 @@ namespace {
 // and PATH records given as "name=... inode=... mode=... nametype=..." (dev fe:00 added).
 std::shared_ptr<AuditEvent> Synthetic(int syscall, const std::string& args, const std::string& comm,
                                       const std::vector<std::string>& paths, const std::string& arch = "c000003e",
-                                      const std::string& success = "yes")
+                                      const std::string& success = "yes", const std::string& oflag = "")
 {
     static unsigned serial = 0;
     const std::string stamp = "msg=audit(1795311540.000:" + std::to_string(++serial) + "): ";
@@ -220,6 +220,9 @@ std::shared_ptr<AuditEvent> Synthetic(int syscall, const std::string& args, cons
                                    "type=CWD " + stamp + "cwd=\"/\""};
     for (size_t i = 0; i < paths.size(); ++i) {
         lines.push_back("type=PATH " + stamp + "item=" + std::to_string(i) + " " + paths[i] + " dev=fe:00 ouid=0 ogid=0");
+    }
+    if (!oflag.empty()) {  // openat2's flags, as the kernel writes its open_how
+        lines.push_back("type=OPENAT2 " + stamp + "oflag=" + oflag + " mode=00 resolve=0x0");
     }
     return TestSupport::DecodeEvent(lines);
 }
@@ -290,14 +293,19 @@ TEST(FileWatchEvents, EachCallNamesItsEntryAsItsHandlerRequires)
         }
         const std::vector<std::string> call = SDK::StrUtils::Split(row[0], " ");
         const auto option = [&](const std::string& name, const std::string& otherwise) {
-            return call.size() > 1 && call[1].rfind(name, 0) == 0 ? call[1].substr(name.size()) : otherwise;
+            for (size_t i = 1; i < call.size(); ++i) {
+                if (call[i].rfind(name, 0) == 0) {
+                    return call[i].substr(name.size());
+                }
+            }
+            return otherwise;
         };
         const std::vector<std::string> a = SDK::StrUtils::Split(row[1], " ");
         const bool i386 = option("arch=", "c000003e") != "c000003e";
         int32_t number = -1;
         ASSERT_TRUE((i386 ? syscallNameToNumber32 : syscallNameToNumber64).Find(call[0], number)) << call[0];
         const auto event = Synthetic(number, "a1=" + a.at(0) + " a2=" + a.at(1) + " a3=" + a.at(2), row[2], records,
-                                     option("arch=", "c000003e"), option("success=", "yes"));
+                                     option("arch=", "c000003e"), option("success=", "yes"), option("oflag=", ""));
         EXPECT_EQ(Notify(watch, sink, event, w), row[4].empty() ? Notes{} : SDK::StrUtils::Split(row[4], "; ")) << row[0] << ": " << row[5];
     }
     EXPECT_EQ(Take(flat, w), (Notes{"create W/n", "create W/e/deep", "create W/s", "create W/x", "create W/evil job", "create W/ln", "create W/hl", "create W/fifo", "create W/q"}));

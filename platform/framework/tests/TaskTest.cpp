@@ -106,12 +106,12 @@ TEST(Task, StopsAndJoinsUnderLoadKeepingPerSenderOrderAndLosingNoMemory)
 
 TEST(EventWaiter, ReturnsAtOnceForWaitingMessagesAReadableWakeSourceAndAStop)
 {
+    RecordingTask task("waiter");
     const size_t openBefore = TestSupport::OpenFileCount();
     {
         RecordingTask gone("gone");
     }
     EXPECT_EQ(TestSupport::OpenFileCount(), openBefore) << "a task's waiter closes its wake-up descriptor";
-    RecordingTask task("waiter");
     Framework::EventWaiter& waiter = task.GetEventWaiter();
     EXPECT_EQ(waiter.WaitAndHandleEvent(1, 128), 0);  // nothing: time-out
     const auto asleep = std::chrono::steady_clock::now();

@@ -431,6 +431,16 @@ TEST(IntegrityScan, ASecondScanReportsEachChangeOnceWithBeforeAndAfterAndRereads
     EXPECT_TRUE(found.empty());
     EXPECT_EQ(third.Hashed(), 0U);
     EXPECT_EQ(third.Entries(), baseline.Count());
+
+    // The whole tree gone: one finding, its root, with all it held; the baseline forgets it.
+    const uint64_t held = baseline.Count();
+    std::filesystem::remove_all(root);
+    found = ScanAll(baseline, tree, true);
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].path, root);
+    EXPECT_EQ(found[0].kind, Difference::Kind::kDeleted);
+    EXPECT_EQ(found[0].below, held - 1);
+    EXPECT_EQ(baseline.Count(), 0U);
 }
 
 TEST(IntegrityScan, ADirectorySwappedForALinkIsNotFollowedAndOtherFileSystemsAreNotEntered)
