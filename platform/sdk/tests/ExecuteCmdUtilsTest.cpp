@@ -14,6 +14,8 @@ TEST(ExecuteCmd, EachLineGivesItsStatusAndCombinedOutput)
     std::vector<std::string> words;
     ASSERT_TRUE(ExecuteCmdUtils::SplitCommandLine("a 'b c' \"d 'e'\" f\"g h\"i  ", words));
     EXPECT_EQ(words, (std::vector<std::string>{"a", "b c", "d 'e'", "fg hi"}));
+    ASSERT_TRUE(ExecuteCmdUtils::SplitCommandLine("x", words));
+    EXPECT_EQ(words, std::vector<std::string>{"x"}) << "the words of this line only";
     setenv("HW_C", "old", 1);
     const std::tuple<const char*, std::string, int> cases[] = {
         // Each would do something else in a shell; here they reach the program as plain words.
