@@ -357,6 +357,8 @@ TEST(ProcessTable, GivesAProcessOnlyForATimeItHeldThePid)
     source.live[31] = Facts("late", 9500);
     EXPECT_EQ(table.Find(31, 9000), nullptr) << "alive, but started after the event";
     EXPECT_EQ(table.Find(31, 9600)->executable, "/bin/late") << "asked of the live processes";
+    EXPECT_EQ(table.Find(31, 9700)->name, "late") << "known and still alive";
+    EXPECT_EQ(table.Find(31, 9000), nullptr) << "known and alive, but asked for a time before it started";
 }
 
 // Rechecks of a live process are spared within the recheck time; a full table forgets ended

@@ -67,17 +67,25 @@ TEST(Engine, LoadsARealModuleLibraryRunsItsTaskAndTearsDownInOrder)
     unsetenv("HW_TEST_MODULE_LOG");
 }
 
-TEST(Engine, RefusedLibrariesAreUnloaded)
+TEST(Engine, RefusedLibrariesAreUnloadedWithTheReasonLogged)
 {
     Framework::Engine engine;
+    TestSupport::LoggerCapture log(Poco::Logger::get("framework"));
     EXPECT_EQ(engine.LoadModule("/no/such/libmodule.so"), -1);
     EXPECT_EQ(engine.LoadModule(HW_NOT_A_MODULE), -1);
     EXPECT_FALSE(Mapped(HW_NOT_A_MODULE)) << "a library without CreateModule";
-    for (const char* refusal : {"HW_TEST_MODULE_FAIL_INIT", "HW_TEST_MODULE_NO_MODULE"}) {
-        setenv(refusal, "1", 1);
+    const std::string library = HW_TEST_MODULE;
+    const std::pair<const char*, std::string> refusals[] = {
+        {"HW_TEST_MODULE_FAIL_INIT=1", "Init of module echo_module failed."},
+        {"HW_TEST_MODULE_NO_MODULE=1", "CreateModule of " + library + " returned no module."},
+        {"HW_TEST_MODULE_THROW=std", "CreateModule of " + library + " failed: no memory for the module"},
+        {"HW_TEST_MODULE_THROW=other", "CreateModule of " + library + " failed with an exception of unknown type."}};
+    for (const auto& [refusal, logged] : refusals) {
+        putenv(const_cast<char*>(refusal));
         EXPECT_EQ(engine.LoadModule(HW_TEST_MODULE), -1) << refusal;
-        unsetenv(refusal);
+        unsetenv(std::string(refusal).substr(0, std::string(refusal).find('=')).c_str());
         EXPECT_FALSE(Mapped(HW_TEST_MODULE)) << refusal;
+        EXPECT_TRUE(log.channel().Has(logged)) << refusal << ": " << logged;
     }
     EXPECT_EQ(engine.LoadModulesFrom("/no/such/dir"), 0);
     EXPECT_TRUE(engine.ModuleNames().empty());

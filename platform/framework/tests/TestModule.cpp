@@ -1,6 +1,7 @@
 // The engine tests' module library: its task echoes each PingMessage (seq + 1000), and it logs its
 // life cycle to $HW_TEST_MODULE_LOG. HW_TEST_MODULE_FAIL_INIT fails its Init, HW_TEST_MODULE_NO_MODULE
-// its CreateModule; HW_TEST_MODULE_UNINIT_PING names a task its UnInit sends a ping of its own to.
+// its CreateModule, HW_TEST_MODULE_THROW=std|other makes CreateModule throw; HW_TEST_MODULE_UNINIT_PING
+// names a task its UnInit sends a ping of its own to.
 #include "TestMessages.h"
 
 #include "framework/Module.h"
@@ -74,5 +75,11 @@ private:
 
 extern "C" __attribute__((visibility("default"))) Framework::Module* CreateModule()
 {
+    if (const char* what = std::getenv("HW_TEST_MODULE_THROW")) {
+        if (std::string(what) == "std") {
+            throw std::runtime_error("no memory for the module");
+        }
+        throw 42;
+    }
     return std::getenv("HW_TEST_MODULE_NO_MODULE") != nullptr ? nullptr : new EchoModule;
 }

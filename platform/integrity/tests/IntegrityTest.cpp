@@ -292,6 +292,14 @@ TEST(IntegrityBaseline, KeepsAnyByteOfANameAndMovesAndErasesWholeSubtrees)
     EXPECT_TRUE(again.Get("/w/a-b", got));
     EXPECT_TRUE(again.Get(odd, got));
     EXPECT_EQ(again.TakeError(), "");
+    again.Flush();
+
+    // A reader beside the writer (baseline check while the agent runs), and one with no file.
+    Baseline reader;
+    ASSERT_EQ(reader.OpenReadOnly(db, note), Baseline::Opened::kExisting) << note;
+    EXPECT_EQ(reader.Count(), 8U);
+    EXPECT_EQ(reader.OpenReadOnly(db + ".none", note), Baseline::Opened::kFailed);
+    EXPECT_EQ(note, db + ".none: No such file or directory");
 }
 
 TEST(IntegrityBaseline, AGarbageOrTruncatedBaselineIsSetAsideAndRebuilt)
