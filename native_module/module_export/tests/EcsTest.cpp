@@ -158,6 +158,24 @@ TEST(EcsEncoder, ArgumentsAreDecodedJoinedAndCutWithAMarker)
     EXPECT_EQ(result.args, (std::vector<std::string>{"x", "abcd", "[hostwarden: cut here, 9 more bytes of 3 arguments not shown]"}));
     EXPECT_EQ(result.count, 4U) << "the count stays the kernel's";
 
+    // A program started is remembered as its process, with its arguments; a failed start is not.
+    for (const bool success : {true, false}) {
+        std::string failed = head;
+        if (!success) {
+            failed.replace(failed.find("success=yes exit=0"), 18, "success=no exit=-2");
+        }
+        const auto event = OneEvent((success ? head : failed) + "type=EXECVE msg=audit(1700000000.000:7): argc=2 a0=\"x\" a1=\"-v\"\n");
+        ASSERT_TRUE(event);
+        FixedEnrichment enrichment;
+        Export::EcsEncoder encoder(Settings(), enrichment);
+        std::string line;
+        encoder.AppendEvent(line, *event, "");
+        EXPECT_EQ(enrichment.processes.count(77), success ? 1U : 0U) << line;
+        if (success) {
+            EXPECT_EQ(enrichment.processes[77].args, (std::vector<std::string>{"x", "-v"}));
+        }
+    }
+
     std::vector<std::string> list = {"aaaa", "bbbb", "cccc", "dddd"};  // as a process's command line is read
     Export::CutArgs(list, 6);
     EXPECT_EQ(list, (std::vector<std::string>{"aaaa", "bb", "[hostwarden: cut here, 10 more bytes of 3 arguments not shown]"}));
