@@ -168,6 +168,13 @@ TEST(Task, AReceiptTellsTheReceiversAnswerOrThatTheMessageWasDropped)
     receiver.BulkConsumeMsg(8);
     EXPECT_EQ(handled->Wait(0, result), Outcome::kHandled);
     EXPECT_EQ(result, 7);
+    // A sender waiting on its receipt is woken by the answer, not by its time-out.
+    const auto answered = send("receiver");
+    const auto asked = std::chrono::steady_clock::now();
+    std::thread answer([&receiver] { receiver.BulkConsumeMsg(8); });
+    EXPECT_EQ(answered->Wait(30000, result), Outcome::kHandled);
+    EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(10));
+    answer.join();
     EXPECT_EQ(send("nobody")->Wait(0, result), Outcome::kDropped);
     std::shared_ptr<Framework::MessageReceipt> unhandled;
     {
