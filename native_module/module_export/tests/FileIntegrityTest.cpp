@@ -127,6 +127,16 @@ TEST(FileIntegrity, NotificationsKeepTheBaselineInStepAndCarryTheFileBeforeAndAf
     EXPECT_FALSE(deleted->after);
     EXPECT_EQ(deleted->before->size, 5U);
     EXPECT_EQ(integrity.Observe(Notification(dir.path() + "/elsewhere", Engine::kNotifyCreate, 7)), nullptr);
+
+    // Bytes written after the notification the open gave are found by the re-check a second on.
+    dir.Write("tree/kept", "three: written after its notification");
+    std::vector<Export::ScanFinding> late;
+    ASSERT_TRUE(TestSupport::WaitUntil([&] {
+        integrity.Step(late);
+        return !late.empty();
+    }));
+    ASSERT_EQ(late.size(), 1U);
+    EXPECT_EQ(late[0].result.path + ": " + late[0].change.reason, tree + "/kept: re-check: changed after its notification");
     integrity.Flush();
 
     // The next start finds the baseline as the notifications left it: nothing to report.

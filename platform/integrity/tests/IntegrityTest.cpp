@@ -298,6 +298,10 @@ TEST(IntegrityBaseline, KeepsAnyByteOfANameAndMovesAndErasesWholeSubtrees)
     Baseline reader;
     ASSERT_EQ(reader.OpenReadOnly(db, note), Baseline::Opened::kExisting) << note;
     EXPECT_EQ(reader.Count(), 8U);
+    reader.Put("/w/new", got);
+    reader.Flush();
+    EXPECT_NE(reader.TakeError().find("readonly"), std::string::npos) << "a write to a read-only baseline fails";
+    EXPECT_EQ(reader.TakeError(), "") << "and says so once";
     EXPECT_EQ(reader.OpenReadOnly(db + ".none", note), Baseline::Opened::kFailed);
     EXPECT_EQ(note, db + ".none: No such file or directory");
 }

@@ -78,3 +78,17 @@ TEST(ExecuteCmd, ProgramsStartWithDefaultSignalsAndOnlyTheStandardDescriptors)
     EXPECT_EQ(mask("SigIgn:"), 0ULL) << status;
     EXPECT_EQ(descriptors, "0\n1\n2\n3\n") << "3 is ls's own directory";
 }
+
+// The installation's auditctl runs with its lib/ first on the loader path; an installation
+// without one runs nothing.
+TEST(ExecuteCmd, TheInstallationsAuditctlRunsWithItsOwnLibrariesFirst)
+{
+    const TestSupport::TempDir home;
+    setenv("HOSTWARDEN_HOME", home.path().c_str(), 1);
+    std::string output;
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteInstalledAuditctl({"-l"}, output, 4096), -1) << "no bin/auditctl";
+    home.Write("bin/auditctl", "#!/bin/sh\necho \"$* ${LD_LIBRARY_PATH%%:*}\"\nexit 3\n", 0755);
+    EXPECT_EQ(ExecuteCmdUtils::ExecuteInstalledAuditctl({"-l", "-k x"}, output, 4096), 3);
+    EXPECT_EQ(output, "-l -k x " + home.path() + "/lib\n");
+    unsetenv("HOSTWARDEN_HOME");
+}
