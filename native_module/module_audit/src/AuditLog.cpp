@@ -345,10 +345,11 @@ void AuditLog::FixAuditConfigChange(const std::string& line)
     // A rule of ours removed (by someone else, or by the kernel with its watched directory), or
     // an add that failed: the keeper compares with the kernel's list and puts back what is missing.
     const std::string op = LinuxAuditUtil::GetField("op", line);
-    if (op == "remove_rule" || (op == "add_rule" && LinuxAuditUtil::GetField("res", line) == "0")) {
+    const bool removed = op == "remove_rule";
+    if (removed || (op == "add_rule" && LinuxAuditUtil::GetField("res", line) == "0")) {
         const std::string key = LinuxAuditUtil::GetField("key", line);
         if (rules_->RuleExists(key)) {
-            rules_->CheckRule(key);
+            rules_->CheckRule(key, removed);
         }
     }
 }

@@ -24,7 +24,8 @@ using AuditctlArgs = std::vector<std::string>;
 /// removal.
 class AuditRules {
 public:
-    AuditRules() = default;
+    /// retryMs: how often rules that could not be added are tried again.
+    explicit AuditRules(int retryMs = RuleKeeper::kRetryMs) : keeper_(*this, retryMs) {}
     AuditRules(const AuditRules&) = delete;
     AuditRules& operator=(const AuditRules&) = delete;
 
@@ -43,8 +44,9 @@ public:
     bool deleteRule(const std::string& key);
     /// True when the key is registered.
     bool RuleExists(const std::string& key) const;
-    /// Asks the keeper to compare key with the kernel's list and put it back when missing.
-    void CheckRule(const std::string& key) { keeper_.Check(key); }
+    /// Asks the keeper to compare key with the kernel's list and put it back when missing;
+    /// removed: the kernel reported the rule removed (rather than an add of it refused).
+    void CheckRule(const std::string& key, bool removed) { keeper_.Check(key, removed); }
     /// A watched path was created: watches waiting for it are retried at once.
     void PathCreated(const std::string& path) { keeper_.Created(path); }
     /// Lists the kernel's rules once and adds again each registered key of keys that it lacks.
@@ -65,7 +67,7 @@ private:
     bool Install(const std::string& key, AuditctlArgs args);
 
     mutable std::mutex kernelMutex_;
-    RuleKeeper keeper_{*this};  // last: its thread stops before the registry goes
+    RuleKeeper keeper_;  // last: its thread stops before the registry goes
 };
 
 /// The key of a syscall subscription, as SyscallRuleKey lays it out (empty for a rule without

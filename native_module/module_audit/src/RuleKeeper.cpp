@@ -18,7 +18,6 @@ namespace Engine {
 namespace {
 
 constexpr auto kCoalesce = std::chrono::milliseconds(20);  // requests arriving meanwhile share a round
-constexpr int kRetryMs = 1000;
 constexpr uint32_t kDirectoryEvents = IN_CREATE | IN_MOVED_TO | IN_ONLYDIR | IN_DELETE_SELF | IN_MOVE_SELF;
 
 bool IsDirectory(const std::string& path)
@@ -69,12 +68,10 @@ void RuleKeeper::Wake()
     }
 }
 
-void RuleKeeper::Check(const std::string& key)
+void RuleKeeper::Check(const std::string& key, bool removed)
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    // A key being added right now, or waiting for its path, is handled already: its failed add's
-    // own record must not start another round.
-    if (key.empty() || waiting_.count(key) > 0 || inFlight_.count(key) > 0) {
+    if (key.empty() || waiting_.count(key) > 0 || (!removed && inFlight_.count(key) > 0)) {
         return;
     }
     requested_.insert(key);
@@ -114,6 +111,7 @@ void RuleKeeper::Forget()
     std::lock_guard<std::mutex> lock(mutex_);
     requested_.clear();
     waiting_.clear();
+    retriedPresent_.clear();
 }
 
 std::set<std::string> RuleKeeper::Waiting() const
@@ -153,7 +151,7 @@ void RuleKeeper::Run()
             if (stop_) {
                 return;
             }
-            timeout = waiting_.empty() ? -1 : kRetryMs;
+            timeout = waiting_.empty() ? -1 : retryMs_;
         }
         const int ready = poll(fds, inotifyFd_ >= 0 ? 2 : 1, timeout);
         bool retryWaiting = ready == 0;
@@ -193,18 +191,38 @@ void RuleKeeper::Round(bool retryWaiting)
         std::lock_guard<std::mutex> lock(mutex_);
         inFlight_.clear();
         waiting_.insert(failed.begin(), failed.end());
+        for (const std::string& key : keys) {
+            if (failed.count(key) == 0) {
+                retriedPresent_.erase(key);
+            }
+        }
         waiting = waiting_;
     }
-    WatchAncestors(waiting);
+    const std::set<std::string> present = WatchAncestors(waiting);
+    std::lock_guard<std::mutex> lock(mutex_);
+    bool again = false;
+    for (const std::string& key : present) {
+        // Its directory appeared after the add failed and before the watch that would have seen
+        // it: tried again now, once, so a rule refused for another reason does not spin.
+        if (waiting_.count(key) > 0 && retriedPresent_.insert(key).second) {
+            waiting_.erase(key);
+            requested_.insert(key);
+            again = true;
+        }
+    }
+    if (again) {
+        Wake();
+    }
 }
 
-void RuleKeeper::WatchAncestors(const std::set<std::string>& keys)
+std::set<std::string> RuleKeeper::WatchAncestors(const std::set<std::string>& keys)
 {
+    std::set<std::string> present;
     if (keys.empty() && inotifyFd_ >= 0) {
         // Nothing waits: a fresh instance drops the watches of earlier waits.
         close(inotifyFd_);
         inotifyFd_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-        return;
+        return present;
     }
     for (const std::string& key : keys) {
         const std::string path = getFilepathFromKey(key);
@@ -218,12 +236,16 @@ void RuleKeeper::WatchAncestors(const std::set<std::string>& keys)
              ancestor = NearestExistingAncestor(dir)) {
             if (inotify_add_watch(inotifyFd_, ancestor.c_str(), kDirectoryEvents) < 0) {
                 AUDIT_LOG_WARN("Watch (%s) for rule(%s) failed, errno(%d); it is retried every %d ms.", ancestor, key,
-                               errno, kRetryMs);
+                               errno, retryMs_);
                 break;
             }
             watched = ancestor;
         }
+        if (IsDirectory(dir)) {
+            present.insert(key);
+        }
     }
+    return present;
 }
 
 }  // namespace Engine

@@ -99,13 +99,14 @@ TEST(AuditRules, AFailedAddWaitsAndARuleIsPutBackOnlyWhenTheKernelLacksIt)
 }
 
 // A watch whose directory was removed comes back as soon as the directory does, however deep the
-// removal went: the keeper watches the nearest directory that still exists.
+// removal went: the keeper watches the nearest directory that still exists (the retry by time is
+// set too far off to be what brings it back here).
 TEST(AuditRules, AWatchWhoseDirectoryWentIsPutBackWhenTheDirectoryReturns)
 {
     FakeInstallation kernel(-1, "");
     TestSupport::TempDir dir;
     NamedTask task("fw_task");
-    AuditRules rules;
+    AuditRules rules(600000);
     const std::string file = dir.path() + "/a/b/file";
     TestSupport::WatchSub watch(&task, "t", file + " -p wa");
     EXPECT_FALSE(watch.AddTo(rules));
@@ -119,12 +120,36 @@ TEST(AuditRules, AWatchWhoseDirectoryWentIsPutBackWhenTheDirectoryReturns)
     // Removed again (the kernel drops the rule and logs it): the log reader's check makes it wait.
     const size_t runs = kernel.Commands().size();
     ASSERT_EQ(rmdir((dir.path() + "/a/b").c_str()), 0);
-    rules.CheckRule(key);
-    rules.CheckRule(key);  // coalesced with the first: one listing, one add
+    rules.CheckRule(key, true);
+    rules.CheckRule(key, true);  // coalesced with the first: one listing, one add
     ASSERT_TRUE(TestSupport::WaitUntil([&] { return kernel.Commands().size() == runs + 2; }, 5));
     EXPECT_EQ(rules.Waiting(), std::set<std::string>{key});
     ASSERT_EQ(mkdir((dir.path() + "/a/b").c_str(), 0755), 0);
     ASSERT_TRUE(TestSupport::WaitUntil([&] { return rules.Waiting().empty(); }, 5));
+    EXPECT_TRUE(rules.DeleteAllRules());
+}
+
+// While a round puts a rule back, a refused add of it is that round's own, but a removal may
+// have come after the round's listing: it asks for another round.
+TEST(AuditRules, ARemovalReportedDuringAPutBackAsksAgain)
+{
+    FakeInstallation kernel(0, "No rules");
+    NamedTask task("x_task");
+    AuditRules rules;
+    ASSERT_TRUE(TestSupport::SyscallSub(&task, "t", "exit,always -S open").AddTo(rules));
+    const std::string key = "x_task***topenpidppid";
+    const auto round = [&](bool removed, size_t calls) {
+        const size_t before = kernel.Commands().size();
+        kernel.HoldListings(true);
+        rules.CheckRule(key, true);
+        EXPECT_TRUE(TestSupport::WaitUntil([&] { return kernel.Commands().size() == before + 1; })) << "listing";
+        rules.CheckRule(key, removed);  // while the round lists
+        kernel.HoldListings(false);
+        EXPECT_TRUE(TestSupport::WaitUntil([&] { return rules.Waiting().empty() && kernel.Commands().size() >= before + calls; }));
+        EXPECT_EQ(kernel.Commands().size(), before + calls) << (removed ? "removed" : "refused");
+    };
+    round(false, 2);  // a listing and an add
+    round(true, 4);   // and a second round
     EXPECT_TRUE(rules.DeleteAllRules());
 }
 

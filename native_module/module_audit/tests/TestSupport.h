@@ -28,6 +28,8 @@ public:
     ~FakeInstallation();
     /// The recorded argument lists, one per call.
     std::vector<std::string> Commands() const;
+    /// While held, a listing (-l) is recorded at once but answers only when released.
+    void HoldListings(bool hold);
     TempDir dir;
 };
 
