@@ -87,6 +87,8 @@ TEST(ExportTask, TheRateLimitDropsAFloodAndItsSummaryLineNamesTheAuthor)
     config.output.file = dir.path() + "/events.jsonl";
     config.output.lines.flat = true;
     config.subscriptions.push_back(Export::Subscription{"subscriptions[0]", "connect", "exit,always -S connect", "", false, 0, 100});
+    // A second subscription of the tag with a lower limit: the tag keeps the larger.
+    config.subscriptions.push_back(Export::Subscription{"subscriptions[1]", "connect", "exit,always -S accept", "", false, 0, 50});
     Export::ExportTask task(config, nullptr);
     ASSERT_EQ(task.Init(), 0);
     TestSupport::LoggerCapture log(Poco::Logger::get("export_module"));
