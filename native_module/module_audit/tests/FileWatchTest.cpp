@@ -201,6 +201,15 @@ TEST(FileWatchIndex, AWatchHoldsAtMostItsEntriesAndNamesItselfOnceWhenFull)
     ASSERT_NE(index.Find("/w//d/"), nullptr);
     EXPECT_EQ(index.PathOf(7, 1), "/w") << "the first of the hard links in byte order";
     EXPECT_EQ(InodeIndex::Canonical("//w//d/") + " " + InodeIndex::Canonical("/"), "/w/d /");
+
+    // A watch whose tree emptied (its directory not even an entry) stays a watch with its bound.
+    InodeIndex emptied;
+    emptied.SetMaxEntriesPerRoot(1);
+    emptied.AddRoot("/v");
+    ASSERT_TRUE(emptied.Set("/v/a", InodeInfo{8, false, 1}));
+    ASSERT_TRUE(emptied.Erase("/v/a"));
+    EXPECT_TRUE(emptied.Set("/v/b", InodeInfo{9, false, 1}));
+    EXPECT_FALSE(emptied.Set("/v/c", InodeInfo{10, false, 1}));
 }
 
 namespace {
