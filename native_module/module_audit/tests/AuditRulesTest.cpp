@@ -94,6 +94,17 @@ TEST(AuditRules, AFailedAddWaitsAndARuleIsPutBackOnlyWhenTheKernelLacksIt)
         FakeInstallation refusing(1);
         EXPECT_EQ(rules.ReAddMissing({key, "unregistered"}), std::set<std::string>{key}) << "no listing: it waits";
     }
+
+    // What waits without a path to watch is tried again by time alone.
+    AuditRules retrying(50);
+    {
+        FakeInstallation failing(1);
+        EXPECT_FALSE(TestSupport::SyscallSub(&task, "t", "exit,always -S open").AddTo(retrying));
+    }
+    FakeInstallation later(0, "No rules");
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return retrying.Waiting().empty(); }));
+    EXPECT_EQ(later.Commands().back(), add);
+    EXPECT_TRUE(retrying.DeleteAllRules());
     EXPECT_EQ(SDK::AuditRuleListingKeys("-w /x -p wa -k a***b\n-a always,exit -S open -F key=k2 \nNo rules\n"),
               (std::set<std::string>{"a***b", "k2"}));
 }
@@ -106,6 +117,7 @@ TEST(AuditRules, AWatchWhoseDirectoryWentIsPutBackWhenTheDirectoryReturns)
     FakeInstallation kernel(-1, "");
     TestSupport::TempDir dir;
     NamedTask task("fw_task");
+    TestSupport::LogCapture log(Poco::Message::PRIO_WARNING);
     AuditRules rules(600000);
     const std::string file = dir.path() + "/a/b/file";
     TestSupport::WatchSub watch(&task, "t", file + " -p wa");
@@ -127,6 +139,9 @@ TEST(AuditRules, AWatchWhoseDirectoryWentIsPutBackWhenTheDirectoryReturns)
     ASSERT_EQ(mkdir((dir.path() + "/a/b").c_str(), 0755), 0);
     ASSERT_TRUE(TestSupport::WaitUntil([&] { return rules.Waiting().empty(); }, 5));
     EXPECT_TRUE(rules.DeleteAllRules());
+    for (const std::string& text : log.channel().Texts()) {
+        EXPECT_NE(text.rfind("Watch (", 0), 0U) << "the keeper's watches were made: " << text;
+    }
 }
 
 // While a round puts a rule back, a refused add of it is that round's own, but a removal may

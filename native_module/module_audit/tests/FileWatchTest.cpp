@@ -522,8 +522,9 @@ TEST(FileWatchTask, AsksTheAuditTaskForEachNewWatchAndEachRemovalOfAHeldOne)
     const std::string wa = dir.path() + " -p wa tag=submodule from=filewatch_audit_task";
 
     EXPECT_EQ(task.Receive(WatchMessage(&one, dir.path(), kNotifyCreate, true)), 0);
+    EXPECT_EQ(audit.Take(), Notes{"-w " + wa});
     EXPECT_EQ(task.Receive(WatchMessage(&one, dir.path(), kNotifyCreate, true)), 0);
-    EXPECT_EQ(audit.Take(), Notes{"-w " + wa}) << "the same rule of one task goes once";
+    EXPECT_TRUE(audit.Take().empty()) << "the same rule of one task goes once";
     EXPECT_FALSE(task.Watch().ScanStep(100));
     EXPECT_EQ(task.Watch().Index().size(), 2U) << "the tree is indexed";
     task.Receive(WatchMessage(&two, dir.path(), kNotifyCreate, true));

@@ -23,8 +23,6 @@ std::string DecodedEventToJson(const Engine::AuditEvent& event, const std::strin
 /// map as sent, in key order). Appended to line.
 void AppendNotification(std::string& line, const Engine::AuditEventResult& result, const std::string& tag,
                         const FileChange* change = nullptr);
-/// The same as a text of its own.
-std::string NotificationToJson(const Engine::AuditEventResult& result, const std::string& tag);
 
 /// The agent's own notice at timeMs as one JSON object: tag, time_ms, and the notice's members.
 void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs);

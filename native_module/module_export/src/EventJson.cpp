@@ -151,11 +151,4 @@ void AppendNotice(std::string& line, const AgentNotice& notice, uint64_t timeMs)
     json.EndObject();
 }
 
-std::string NotificationToJson(const Engine::AuditEventResult& result, const std::string& tag)
-{
-    std::string line;
-    AppendNotification(line, result, tag);
-    return line;
-}
-
 }  // namespace Export

@@ -164,9 +164,11 @@ bool ProcProcessSource::Read(int32_t pid, ProcessFacts& facts)
         }
         CutArgs(facts.args, maxArgBytes_);
     }
-    // The start time again: a pid that changed hands while it was read gives nothing.
+    // The start time again: a pid that changed hands while it was read gives nothing. The boot
+    // moment is read anew each time and may round a millisecond apart; start times themselves
+    // come in clock ticks (10 ms), so a 2 ms difference is the same start.
     uint64_t again = 0;
-    return StartMs(pid, again) && again == facts.startMs;
+    return StartMs(pid, again) && again + 2 >= facts.startMs && again <= facts.startMs + 2;
 }
 
 std::vector<int32_t> ProcProcessSource::Pids()

@@ -263,6 +263,7 @@ TEST(EcsEncoder, NotificationsCarryTheFileAsItIsAndTheActor)
     Engine::AuditEventMessage moved(nullptr, dir.path() + "/old", file, 192, false,
                                     {{"pid", "9"}, {"ppid", "1"}, {"uid", "1000"}, {"gid", "1000"}, {"exe", "/usr/bin/mv"},
                                      {"comm", "mv"}, {"syscall", "82"}, {"arch", "c000003e"}, {"success", "yes"},
+                                     {"ouid", "0"}, {"cuid", "1000"},
                                      {Engine::kNotifyTimeMs, "1700000000123"}, {Engine::kNotifySerial, "77"}});
     std::string line;
     encoder.AppendNotification(line, moved.result, "files");
@@ -272,7 +273,8 @@ TEST(EcsEncoder, NotificationsCarryTheFileAsItIsAndTheActor)
           std::string("\"event\":{\"kind\":\"event\",\"category\":[\"file\"],\"type\":[\"change\"],\"action\":\"move\",\"outcome\":\"success\",\"id\":\"77\"}"),
           "\"file\":{\"path\":\"" + file + "\",\"type\":\"file\"", std::string("\"mode\":\"0640\""), std::string("\"size\":5"),
           "\"old_path\":\"" + dir.path() + "/old\"", std::string("\"user\":{\"id\":\"1000\",\"name\":\"user1000\""),
-          std::string("\"process\":{\"pid\":9,\"executable\":\"/usr/bin/mv\",\"name\":\"mv\""), std::string("\"syscall\":\"rename\"")}) {
+          std::string("\"process\":{\"pid\":9,\"executable\":\"/usr/bin/mv\",\"name\":\"mv\""), std::string("\"syscall\":\"rename\""),
+          std::string("\"is_dir\":false,\"ouid\":\"0\",\"cuid\":\"1000\"")}) {
         EXPECT_NE(line.find(part), std::string::npos) << part << "\n" << line;
     }
 }
@@ -377,6 +379,12 @@ TEST(ProcessTable, GivesAProcessOnlyForATimeItHeldThePid)
     EXPECT_EQ(table.Find(31, 9600)->executable, "/bin/late") << "asked of the live processes";
     EXPECT_EQ(table.Find(31, 9700)->name, "late") << "known and still alive";
     EXPECT_EQ(table.Find(31, 9000), nullptr) << "known and alive, but asked for a time before it started";
+
+    // A program start keeps its process's start time, whatever the caller guessed: the live
+    // process that started before the exec is the one that ran it.
+    table.Exec(40, 6000, Facts("after-exec", 6000));
+    source.live[40] = Facts("before-exec", 5000);
+    EXPECT_EQ(table.Find(40, 6100)->name, "after-exec");
 }
 
 // Rechecks of a live process are spared within the recheck time; a full table forgets ended

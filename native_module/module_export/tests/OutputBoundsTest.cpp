@@ -1,5 +1,6 @@
 // What keeps the export within bounds when someone floods it: the rate limits and their
 // summaries, and an output file that holds only whole lines when its disk is full.
+#include "EventFile.h"
 #include "ExportTask.h"
 #include "RateLimits.h"
 
@@ -181,4 +182,29 @@ TEST(ExportTask, OnAFullDiskTheFileHoldsOnlyWholeLinesCountsTheLossAndWritesAgai
     EXPECT_GT(lost, 0U);
     EXPECT_EQ(events + lost, 350U) << "every event is either in the file or counted as lost";
     EXPECT_GE(events, whileFull + 50) << "everything after the space returned is written";
+}
+
+// A rotation whose new file cannot be made (no inode left) writes on to the rotated file and says so.
+TEST(ExportTask, ARotationThatCannotMakeItsNewFileWritesOnToTheOldOne)
+{
+    TestSupport::TempDir dir;
+    if (mount("tmpfs", dir.path().c_str(), "tmpfs", 0, "size=256k,nr_inodes=2") != 0) {
+        GTEST_SKIP() << "cannot mount a small file system for the output (needs root): " << std::strerror(errno);
+    }
+    struct Unmount {
+        std::string path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{dir.path()};
+    TestSupport::LoggerCapture log(Poco::Logger::get("export_module"));
+    const std::string path = dir.path() + "/events.jsonl";
+    Export::EventFile file(path, 100, 3);
+    std::string error;
+    ASSERT_TRUE(file.Open(error)) << error;
+    EXPECT_EQ(file.Write(std::string(120, 'a') + "\n"), 0U);
+    EXPECT_EQ(file.Write("after\n"), 0U) << "written on";
+    EXPECT_EQ(TestSupport::ReadFile(path + ".1"), std::string(120, 'a') + "\nafter\n");
+    const std::vector<std::string> texts = log.channel().Texts();
+    EXPECT_TRUE(std::any_of(texts.begin(), texts.end(), [&](const std::string& text) {
+        return text.rfind("Cannot open " + path + " after rotating it: ", 0) == 0;
+    }));
 }

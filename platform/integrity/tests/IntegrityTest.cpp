@@ -392,6 +392,8 @@ TEST(IntegrityScan, ASecondScanReportsEachChangeOnceWithBeforeAndAfterAndRereads
     const Integrity::Root tree{root, true};
     EXPECT_TRUE(ScanAll(baseline, tree, false).empty());
     EXPECT_EQ(baseline.Count(), 12U);
+    FileFacts firstVersion;
+    ASSERT_TRUE(baseline.Get(root + "/edited", firstVersion));
 
     dir.Write("tree/edited", "second version, longer\n");
     // Same size, and the old mtime put back: only the ctime and the content tell.
@@ -423,6 +425,8 @@ TEST(IntegrityScan, ASecondScanReportsEachChangeOnceWithBeforeAndAfterAndRereads
     EXPECT_EQ(edited.changes & Integrity::kChangedContent, uint32_t{Integrity::kChangedContent});
     EXPECT_EQ(edited.before->size, 14U);
     EXPECT_EQ(edited.after->size, 23U);
+    EXPECT_EQ(Integrity::Hex(edited.before->sha256), Integrity::Hex(firstVersion.sha256)) << "the hash recorded before";
+    EXPECT_EQ(firstVersion.sha256.size(), 32U);
     EXPECT_NE(edited.before->sha256, edited.after->sha256);
     EXPECT_EQ(byPath.at(root + "/same-size").changes, uint32_t{Integrity::kChangedContent});
     EXPECT_EQ(byPath.at(root + "/chmoded").changes, uint32_t{Integrity::kChangedMode});

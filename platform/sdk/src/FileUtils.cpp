@@ -23,16 +23,6 @@ bool FileUtils::Exists(const std::string& path)
     return lstat(path.c_str(), &st) == 0;
 }
 
-int FileUtils::GetFileSize(const std::string& path, long& size)
-{
-    struct stat st {};
-    if (stat(path.c_str(), &st) != 0) {
-        return -1;
-    }
-    size = static_cast<long>(st.st_size);
-    return 0;
-}
-
 int FileUtils::ReadFile(const std::string& path, std::string& content, size_t maxBytes)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);

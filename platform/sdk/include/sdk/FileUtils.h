@@ -14,9 +14,6 @@ public:
     /// True when path names anything at all (without following a final symbolic link).
     static bool Exists(const std::string& path);
 
-    /// Stores the size of path in size. Returns 0 on success, -1 on failure with errno set.
-    static int GetFileSize(const std::string& path, long& size);
-
     /// Reads at most maxBytes of a file into content. Returns 0 on success, -1 on failure.
     static int ReadFile(const std::string& path, std::string& content, size_t maxBytes = 1U << 20);
 };
