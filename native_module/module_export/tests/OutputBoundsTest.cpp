@@ -19,6 +19,20 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// A tmpfs mounted over path for the life of the object (needs root).
+struct SmallFileSystem {
+    SmallFileSystem(std::string at, const char* options)
+        : path(std::move(at)), mounted(mount("tmpfs", path.c_str(), "tmpfs", 0, options) == 0) {}
+    ~SmallFileSystem()
+    {
+        if (mounted) {
+            umount2(path.c_str(), MNT_DETACH);
+        }
+    }
+    std::string path;
+    bool mounted;
+};
+
 std::pair<std::string, std::string> Cause(const std::string& uid, const std::string& program)
 {
     return {uid, program};
@@ -128,13 +142,10 @@ TEST(ExportTask, TheRateLimitDropsAFloodAndItsSummaryLineNamesTheAuthor)
 TEST(ExportTask, OnAFullDiskTheFileHoldsOnlyWholeLinesCountsTheLossAndWritesAgainWhenSpaceReturns)
 {
     TestSupport::TempDir dir;
-    if (mount("tmpfs", dir.path().c_str(), "tmpfs", 0, "size=256k") != 0) {
+    const SmallFileSystem small(dir.path(), "size=256k");
+    if (!small.mounted) {
         GTEST_SKIP() << "cannot mount a small file system for the output (needs root): " << std::strerror(errno);
     }
-    struct Unmount {
-        std::string path;
-        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
-    } unmount{dir.path()};
     const std::string filler = dir.path() + "/filler";
     std::ofstream(filler) << std::string(232 * 1024, 'x');  // some 24 KiB left for the output
 
@@ -188,13 +199,10 @@ TEST(ExportTask, OnAFullDiskTheFileHoldsOnlyWholeLinesCountsTheLossAndWritesAgai
 TEST(ExportTask, ARotationThatCannotMakeItsNewFileWritesOnToTheOldOne)
 {
     TestSupport::TempDir dir;
-    if (mount("tmpfs", dir.path().c_str(), "tmpfs", 0, "size=256k,nr_inodes=2") != 0) {
+    const SmallFileSystem small(dir.path(), "size=256k,nr_inodes=2");
+    if (!small.mounted) {
         GTEST_SKIP() << "cannot mount a small file system for the output (needs root): " << std::strerror(errno);
     }
-    struct Unmount {
-        std::string path;
-        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
-    } unmount{dir.path()};
     TestSupport::LoggerCapture log(Poco::Logger::get("export_module"));
     const std::string path = dir.path() + "/events.jsonl";
     Export::EventFile file(path, 100, 3);
