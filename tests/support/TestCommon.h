@@ -175,4 +175,19 @@ private:
     bool running_ = true;
 };
 
+/// An installation directory (HOSTWARDEN_HOME, for the life of the object) whose bin/auditctl
+/// records every call: its LD_LIBRARY_PATH once, then each call's arguments as [a][b]... lines.
+class FakeInstallation {
+public:
+    /// auditctl exits with exitCode; a negative one makes it refuse a watch (-w) whose directory
+    /// is missing, as the kernel does, and succeed otherwise.
+    explicit FakeInstallation(int exitCode = 0, const std::string& printed = "printed-by-auditctl");
+    ~FakeInstallation();
+    /// The recorded argument lists, one per call.
+    std::vector<std::string> Commands() const;
+    /// While held, a listing (-l) is recorded at once but answers only when released.
+    void HoldListings(bool hold);
+    TempDir dir;
+};
+
 }  // namespace TestSupport

@@ -323,24 +323,6 @@ void FileAuditWatch::UnregisterFileRule(const std::string& rule)
     Send(rule, "-W");
 }
 
-std::string FileAuditWatch::PermToStr(unsigned mask)
-{
-    std::string perm;
-    if ((mask & 1U) != 0) {
-        perm += 'r';
-    }
-    if ((mask & 2U) != 0) {
-        perm += 'w';
-    }
-    if ((mask & 4U) != 0) {
-        perm += 'x';
-    }
-    if ((mask & 8U) != 0) {
-        perm += 'a';
-    }
-    return perm;
-}
-
 std::vector<FileNotifyRule> FileAuditWatch::Rules()
 {
     Locked lock(ruleLock_);
@@ -653,7 +635,6 @@ void FileAuditWatch::GetAbsPath(std::string& path, std::string& destPath, const 
 
 void FileAuditWatch::InitSyscallHandlers()
 {
-    handlers_.clear();
     for (const auto& [name, handler] : kFileOperationCalls) {
         handlers_.emplace(name, handler);
     }

@@ -92,8 +92,6 @@ public:
     /// watch rule ("PATH -p wa") under the tag "submodule".
     void RegisterFileRule(const std::string& rule);
     void UnregisterFileRule(const std::string& rule);
-    /// Permission letters of a mask: r 1, w 2, x 4, a 8, in that order.
-    static std::string PermToStr(unsigned mask);
     /// Sets up the rule lock, the third lock and the index lock; false (and none kept) on failure.
     bool InitFileWatchLock();
     /// The task that owns the watch and sends its messages.

@@ -164,18 +164,22 @@ TEST(PathHelpers, TheProviderIsLookedUpOnTheFirstNineCallsOnly)
     LinuxAuditUtil::ResetContainerMetaCache();
 }
 
-// A created path runs nothing for a watch the kernel has; one that waited for it is added at once.
+// A created path runs nothing for a watch the kernel has; one that waited for it is added at once,
+// not at the keeper's next round, and the others keep waiting.
 TEST(CreatedPaths, ACreateOnAWaitingWatchPathAddsItAndNothingElse)
 {
     TestSupport::TempDir dir;
     TestSupport::NamedTask task("fw_task");
-    TestSupport::Pipeline p;
-    const std::string file = dir.Write("appeared", "x");
+    TestSupport::Pipeline p(3600 * 1000);
+    const std::string file = dir.path() + "/appeared";  // the record alone tells of it
     TestSupport::WatchSub watch(&task, "t", file + " -p wa");
+    TestSupport::WatchSub other(&task, "o", dir.path() + "/not-yet -p wa");
     {
         TestSupport::FakeInstallation refusing(1);
         watch.AddTo(p.rules);
+        other.AddTo(p.rules);
     }
+    const std::string otherKey = getRuleKey("fw_task", "o", other.rule);
     TestSupport::FakeInstallation install(0, "");
     p.log.AddLogRoute(watch.msg, watch.rule);
     const std::string key = getRuleKey("fw_task", "t", watch.rule);
@@ -191,7 +195,7 @@ TEST(CreatedPaths, ACreateOnAWaitingWatchPathAddsItAndNothingElse)
         EXPECT_EQ(p.log.GenerateLogPathForOneRecord(event, fields, "/"), 0);
     };
     record("");
-    ASSERT_TRUE(TestSupport::WaitUntil([&] { return p.rules.Waiting().empty(); }, 5));
+    ASSERT_TRUE(TestSupport::WaitUntil([&] { return p.rules.Waiting() == std::set<std::string>{otherKey}; }));
     EXPECT_EQ(install.Commands(), (std::vector<std::string>{"[-l]", "[-w][" + file + "][-p][wa][-k][" + key + "]"}));
     record("");
     record("NORMAL");

@@ -11,47 +11,6 @@ namespace TestSupport {
 
 LogCapture::LogCapture(int level) : LoggerCapture(*Engine::Audit::GetLoggerPtr(), level) {}
 
-FakeInstallation::FakeInstallation(int exitCode, const std::string& printed)
-{
-    dir.Write("bin/auditctl",
-              "#!/bin/sh\n"
-              "log=\"$(dirname \"$0\")/../calls\"\n"
-              "[ -f \"$log\" ] || printf '%s\\n' \"$LD_LIBRARY_PATH\" > \"$log\"\n"
-              "for a in \"$@\"; do printf '[%s]' \"$a\" >> \"$log\"; done\n"
-              "printf '\\n' >> \"$log\"\n"
-              // A listing waits (at most 20 s) while the test holds listings.
-              "n=0; while [ \"$1\" = -l ] && [ -e \"$(dirname \"$0\")/../hold\" ] && [ $n -lt 400 ]; do sleep 0.05; n=$((n+1)); done\n"
-              "echo '" + printed + "'\n" +
-                  // Like the kernel, a watch whose directory is missing is refused.
-                  (exitCode < 0 ? "[ \"$1\" != -w ] || [ -d \"$(dirname \"$2\")\" ] || exit 1\nexit 0\n"
-                                : "exit " + std::to_string(exitCode) + "\n"),
-              0755);
-    setenv("HOSTWARDEN_HOME", dir.path().c_str(), 1);
-}
-
-FakeInstallation::~FakeInstallation()
-{
-    unsetenv("HOSTWARDEN_HOME");
-}
-
-void FakeInstallation::HoldListings(bool hold)
-{
-    if (hold) {
-        dir.Write("hold", "");
-    } else {
-        std::remove((dir.path() + "/hold").c_str());
-    }
-}
-
-std::vector<std::string> FakeInstallation::Commands() const
-{
-    std::vector<std::string> commands = ReadLines(dir.path() + "/calls");
-    if (!commands.empty()) {
-        commands.erase(commands.begin());  // the library path
-    }
-    return commands;
-}
-
 int StatusReplies::GetReply(int, audit_reply& reply)
 {
     ++gets;

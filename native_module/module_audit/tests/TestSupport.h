@@ -18,21 +18,6 @@ public:
     explicit LogCapture(int level = Poco::Message::PRIO_TRACE);
 };
 
-/// An installation directory (HOSTWARDEN_HOME, for the life of the object) whose bin/auditctl
-/// records every call: its LD_LIBRARY_PATH once, then each call's arguments as [a][b]... lines.
-class FakeInstallation {
-public:
-    /// auditctl exits with exitCode; a negative one makes it refuse a watch (-w) whose directory
-    /// is missing, as the kernel does, and succeed otherwise.
-    explicit FakeInstallation(int exitCode = 0, const std::string& printed = "printed-by-auditctl");
-    ~FakeInstallation();
-    /// The recorded argument lists, one per call.
-    std::vector<std::string> Commands() const;
-    /// While held, a listing (-l) is recorded at once but answers only when released.
-    void HoldListings(bool hold);
-    TempDir dir;
-};
-
 /// Audit netlink replies from a script of reply types (-1: nothing came), then otherType; every
 /// reply carries status. Counts the replies taken and the sockets closed.
 class StatusReplies : public Engine::AuditReplySource {
@@ -83,7 +68,8 @@ struct Pipeline {
     Subscriber subscriber;
     Engine::AuditRules rules;
     Engine::AuditLog log{&owner, &rules};
-    Pipeline()
+    /// retryMs: how often the rule keeper retries missing rules on its own.
+    explicit Pipeline(int retryMs = Engine::RuleKeeper::kRetryMs) : rules(retryMs)
     {
         Engine::auditSyscallDest dest;
         dest.task = &subscriber;

@@ -7,6 +7,9 @@
 
 #include <Poco/String.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 using namespace Container;
 
 namespace {
@@ -90,6 +93,13 @@ TEST(ProcStat, StartTimeAndWhetherTheProcessStillRuns)
     EXPECT_FALSE(running) << "a zombie";
     EXPECT_FALSE(StartTimeFromStat("7 (cut) S 1 2", start, running));
     EXPECT_FALSE(StartTimeFromStat("", start, running));
+
+    // A process's identity on the real /proc: its directory's inode number, none once it is gone.
+    const ProcSource proc;
+    struct stat own {};
+    ASSERT_EQ(stat(("/proc/" + std::to_string(getpid())).c_str(), &own), 0);
+    EXPECT_EQ(proc.ProcessInode(getpid()), own.st_ino);
+    EXPECT_EQ(proc.ProcessInode(1 << 30), 0UL) << "past the largest process id";
 }
 
 namespace {
@@ -175,4 +185,39 @@ TEST(ContainerCollectTask, AnswersFromACacheThatNewProcessesAndEndedOnesKeepHone
     EXPECT_FALSE(task.GetContainerInfoById(kId, info));
     ASSERT_TRUE(task.ListContainers(all));
     EXPECT_EQ(all.size(), 1U);
+}
+
+namespace {
+
+// Processes of the host only, kept in memory: pid n has inode n.
+struct HostProcesses : ProcSource {
+    std::string Read(const std::string& relative) const override
+    {
+        const std::string pid = relative.substr(0, relative.find('/'));
+        return relative.find("/cgroup") != std::string::npos ? "0::/system.slice/ssh.service\n"
+                                                              : pid + " (sh) S 1 1 1 0 -1 0 0 0 0 0 0 0 0 0 20 0 1 0 9 0 0";
+    }
+    unsigned long ProcessInode(int pid) const override { return static_cast<unsigned long>(pid); }
+};
+
+}  // namespace
+
+TEST(ContainerCollectTask, ForgetsTheProcessesCheckedLongestAgoPastItsBound)
+{
+    ContainerCollectTask task(std::make_unique<HostProcesses>(), std::chrono::milliseconds(0));  // a look every time
+    std::shared_ptr<Framework::ContainerInfo> info;
+    const int most = static_cast<int>(ContainerCollectTask::kMaxProcesses);
+    for (int pid = 1; pid <= most; ++pid) {
+        EXPECT_FALSE(task.GetContainerInfoByPid(pid, info));
+    }
+    EXPECT_FALSE(task.GetContainerInfoByPid(1, info));
+    EXPECT_EQ(task.CacheHits(), 1U) << "all held while they fit";
+    EXPECT_FALSE(task.GetContainerInfoByPid(most + 1, info));  // one more: the oldest quarter goes
+    const uint64_t misses = task.CacheMisses();
+    EXPECT_FALSE(task.GetContainerInfoByPid(1, info));
+    EXPECT_EQ(task.CacheHits(), 2U) << "pid 1 was asked for again, so it stayed";
+    EXPECT_FALSE(task.GetContainerInfoByPid(2, info));
+    EXPECT_EQ(task.CacheMisses(), misses + 1) << "pid 2 was forgotten";
+    EXPECT_FALSE(task.GetContainerInfoByPid(most, info));
+    EXPECT_EQ(task.CacheHits(), 3U) << "the newest stay";
 }

@@ -66,6 +66,8 @@ public:
     bool Scanning(int& waitMs) const;
     /// Commits the baseline's pending writes, logging a database error once.
     void Flush();
+    /// How many more times a written file will be looked at again.
+    size_t RechecksLeft(const std::string& path) const;
 
     /// The roots a list of watches makes: each once, none inside a recursive other.
     static std::vector<Integrity::Root> RootsOf(std::vector<Integrity::Root> watches);

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 
 #include <ctime>
+#include <iterator>
 
 namespace Export {
 
@@ -234,6 +235,16 @@ void FileIntegrity::RecheckLater(const std::string& path, size_t stage)
     rechecks_.emplace(std::chrono::steady_clock::now() + kRecheckAfter[stage], Pending{path, stage});
 }
 
+size_t FileIntegrity::RechecksLeft(const std::string& path) const
+{
+    for (const auto& [due, pending] : rechecks_) {
+        if (pending.path == path) {
+            return std::size(kRecheckAfter) - pending.stage;
+        }
+    }
+    return 0;
+}
+
 void FileIntegrity::Recheck(std::vector<ScanFinding>& found)
 {
     const auto now = std::chrono::steady_clock::now();
@@ -260,7 +271,7 @@ void FileIntegrity::Recheck(std::vector<ScanFinding>& found)
             finding.change.reason = "re-check: changed after its notification";
             found.push_back(std::move(finding));
         }
-        if (due.stage + 1 < sizeof(kRecheckAfter) / sizeof(kRecheckAfter[0])) {
+        if (due.stage + 1 < std::size(kRecheckAfter)) {
             RecheckLater(due.path, due.stage + 1);
         }
     }

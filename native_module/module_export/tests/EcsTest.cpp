@@ -277,6 +277,14 @@ TEST(EcsEncoder, NotificationsCarryTheFileAsItIsAndTheActor)
           std::string("\"is_dir\":false,\"ouid\":\"0\",\"cuid\":\"1000\"")}) {
         EXPECT_NE(line.find(part), std::string::npos) << part << "\n" << line;
     }
+    EXPECT_EQ(line.find("\"container\""), std::string::npos);
+
+    // A change made inside a container names the container after its process.
+    Engine::AuditEventMessage inside(nullptr, file, "", 2, false, {{"pid", "5690"}, {"ppid", "1"}, {"uid", "0"}, {"comm", "sh"}, {"success", "yes"}});
+    line.clear();
+    encoder.AppendNotification(line, inside.result, "files");
+    EXPECT_NE(line.find("\"name\":\"sh\",\"parent\":{\"pid\":1}},\"container\":{\"id\":\"c0ffee\",\"runtime\":\"runc\"}"),
+              std::string::npos) << line;
 }
 
 // The agent's notice of events it dropped is a line of its own, a metric, in both formats.

@@ -192,6 +192,16 @@ TEST(ExportTask, StopsTheAgentUnlessEverySubscriptionReachesTheKernel)
         task.EndTurn();
         EXPECT_EQ(stopped, stop) << what;
     }
+
+    // The kernel's rules are the installation's auditctl's listing; a failed listing gives none.
+    std::string listed;
+    {
+        TestSupport::FakeInstallation listing(0, "-w /etc -p wa");
+        EXPECT_TRUE(Export::ListKernelRules(listed));
+        EXPECT_EQ(listed, "-w /etc -p wa\n");
+    }
+    TestSupport::FakeInstallation refusing(1);
+    EXPECT_FALSE(Export::ListKernelRules(listed));
 }
 
 TEST(ExportTask, TheOutputRotatesBySizeAndWhatArrivedBeforeTheStopIsWritten)

@@ -137,6 +137,7 @@ TEST(FileIntegrity, NotificationsKeepTheBaselineInStepAndCarryTheFileBeforeAndAf
     }));
     ASSERT_EQ(late.size(), 1U);
     EXPECT_EQ(late[0].result.path + ": " + late[0].change.reason, tree + "/kept: re-check: changed after its notification");
+    EXPECT_EQ(integrity.RechecksLeft(tree + "/kept"), 2U) << "looked at again 5 and 30 s on";
     integrity.Flush();
 
     // The next start finds the baseline as the notifications left it: nothing to report.
@@ -199,6 +200,9 @@ TEST(FileIntegrity, AStartUpFindingReadsInEcsWithItsReasonAndOnlyWhatChangedBefo
     ASSERT_TRUE(flat) << line;
     EXPECT_EQ(flat->getValue<std::string>("sha256"), Integrity::Hex(found[0].change.after->sha256));
     EXPECT_EQ(flat->getValue<std::string>("before_sha256"), Integrity::Hex(found[0].change.before->sha256));
+    const auto changes = flat->getArray("changes");
+    ASSERT_TRUE(changes) << line;
+    EXPECT_EQ(changes->getElement<std::string>(0), "content") << line;
 }
 
 }  // namespace

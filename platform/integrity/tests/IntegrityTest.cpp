@@ -4,6 +4,8 @@
 
 #include "TestCommon.h"
 
+#include <Poco/Data/Session.h>
+
 #include <fcntl.h>
 #include <sys/inotify.h>
 #include <sys/sysmacros.h>
@@ -276,6 +278,9 @@ TEST(IntegrityBaseline, KeepsAnyByteOfANameAndMovesAndErasesWholeSubtrees)
             EXPECT_TRUE(baseline.Get(beside, got)) << beside << " is not below /w/a";
         }
         baseline.SetComplete({"/w", true}, true);
+        baseline.Put("/top", Facts(S_IFREG | 0644, 1));
+        EXPECT_EQ(baseline.Children("/").count("top"), 1U) << "a name directly below the root";
+        baseline.Erase("/top");
         EXPECT_EQ(baseline.TakeError(), "");
     }
     // What was written survives the process.
@@ -320,14 +325,21 @@ TEST(IntegrityBaseline, AGarbageOrTruncatedBaselineIsSetAsideAndRebuilt)
     }
     const auto sizeBefore = std::filesystem::file_size(db);
     ASSERT_EQ(::truncate(db.c_str(), static_cast<off_t>(sizeBefore / 2)), 0);
-    for (const std::string& damage : {std::string("truncated"), std::string("garbage")}) {
+    for (const std::string& damage : {std::string("truncated"), std::string("garbage"), std::string("another version")}) {
         if (damage == "garbage") {
             dir.Write("baseline.db", std::string(9000, '\x5a'));
+        } else if (damage == "another version") {
+            Poco::Data::Session other("SQLite", db);
+            other << "CREATE TABLE entries (dir TEXT)", Poco::Data::Keywords::now;
+            other << "PRAGMA user_version = 99", Poco::Data::Keywords::now;
         }
         Baseline baseline;
         std::string note;
         EXPECT_EQ(baseline.Open(db, note), Baseline::Opened::kSetAside) << damage << ": " << note;
         EXPECT_NE(note.find("moved to " + db + ".corrupt-"), std::string::npos) << note;
+        if (damage == "another version") {
+            EXPECT_NE(note.find("not a baseline of this version (schema 99)"), std::string::npos) << note;
+        }
         baseline.Put("/w/new", Facts(S_IFREG | 0644, 1));
         baseline.Flush();
         EXPECT_EQ(baseline.Count(), 1U);
@@ -450,13 +462,46 @@ TEST(IntegrityScan, ASecondScanReportsEachChangeOnceWithBeforeAndAfterAndRereads
 
     // The whole tree gone: one finding, its root, with all it held; the baseline forgets it.
     const uint64_t held = baseline.Count();
+    FileFacts rootBefore;
+    ASSERT_TRUE(baseline.Get(root, rootBefore));
     std::filesystem::remove_all(root);
     found = ScanAll(baseline, tree, true);
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(found[0].path, root);
     EXPECT_EQ(found[0].kind, Difference::Kind::kDeleted);
     EXPECT_EQ(found[0].below, held - 1);
+    ASSERT_TRUE(found[0].before);
+    EXPECT_TRUE(found[0].before->IsDir() && found[0].before->inode == rootBefore.inode);
     EXPECT_EQ(baseline.Count(), 0U);
+}
+
+// A change that a live notification recorded after the scan listed the directory, and before it
+// came to the entry, is the notification's to report: the scan does not report it again.
+TEST(IntegrityScan, AChangeRecordedLiveWhileTheScanRunsIsNotReportedTwice)
+{
+    TempDir dir;
+    const std::string root = dir.path() + "/tree";
+    dir.Write("tree/a", "a");
+    dir.Write("tree/b", "first");
+    Baseline baseline;
+    std::string note;
+    ASSERT_EQ(baseline.Open(":memory:", note), Baseline::Opened::kCreated);
+    const Integrity::Root tree{root, true};
+    ASSERT_TRUE(ScanAll(baseline, tree, false).empty());
+
+    dir.Write("tree/b", "second, longer");
+    Integrity::FactsReader reader(kMaxHash);
+    Integrity::TreeScan scan(tree, baseline, reader, true, true);
+    std::vector<Difference> found;
+    ASSERT_TRUE(scan.Step(1, found));  // the root
+    ASSERT_TRUE(scan.Step(1, found));  // the listing, and a
+    FileFacts live;
+    int error = 0;
+    ASSERT_TRUE(reader.ReadPath(root + "/b", live, error)) << error;
+    baseline.Put(root + "/b", live);
+    while (scan.Step(1, found)) {
+    }
+    EXPECT_TRUE(found.empty()) << found.size() << " found";
 }
 
 TEST(IntegrityScan, ADirectorySwappedForALinkIsNotFollowedAndOtherFileSystemsAreNotEntered)

@@ -17,12 +17,6 @@ bool FileUtils::IsFile(const std::string& path)
     return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-bool FileUtils::Exists(const std::string& path)
-{
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0;
-}
-
 int FileUtils::ReadFile(const std::string& path, std::string& content, size_t maxBytes)
 {
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);

@@ -92,6 +92,19 @@ TEST(AuditParser, SplitsEventsByStampAndSkipsLinesThatAreNotRecords)
     EXPECT_EQ(parser.GetEvents()[0].records.size(), 2U);
     EXPECT_EQ(parser.GetEvents()[0].header[1], 2U);
     EXPECT_EQ(parser.GetEvents()[0].FindRecord("PATH"), nullptr);
+
+    // A record of another machine (auditd's name_format) names it first; a record parsed into one
+    // that held another keeps nothing of the old.
+    uint64_t header[2] = {0, 0};
+    SDK::AuditRecord record;
+    ASSERT_TRUE(AuditParser::ParseLine("node=web1 type=SYSCALL msg=audit(1.001:3): a=1 b=2", header, record));
+    EXPECT_EQ(record.type, "SYSCALL");
+    EXPECT_EQ(Record::second_type(record.fields.begin(), record.fields.end()),
+              (Record::second_type{{"node", "web1"}, {"a", "1"}, {"b", "2"}}));
+    ASSERT_TRUE(AuditParser::ParseLine("type=CWD msg=audit(1.001:3): cwd=\"/\"", header, record));
+    EXPECT_EQ(Record::second_type(record.fields.begin(), record.fields.end()), (Record::second_type{{"cwd", "\"/\""}}));
+    EXPECT_FALSE(AuditParser::ParseLine("garbage", header, record));
+    EXPECT_TRUE(record.type.empty() && record.fields.empty());
 }
 
 // The fuzzing harness, which checks every record it hands back, over the captures it is seeded

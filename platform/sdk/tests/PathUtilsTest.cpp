@@ -1,4 +1,3 @@
-#include "sdk/DirUtils.h"
 #include "sdk/PathUtils.h"
 
 #include "TestCommon.h"
@@ -40,27 +39,6 @@ TEST(PathUtils, TheInstallationIsHostwardenHomeOrTheDirectoryAboveTheProgramsBin
     if (saved != nullptr) {
         setenv("HOSTWARDEN_HOME", restore.c_str(), 1);
     }
-}
-
-TEST(DirUtils, CreateDirsMakesEachMissingParentAndNothingElse)
-{
-    const TestSupport::TempDir dir;
-    const std::string deep = dir.path() + "/alpha/beta/gamma";
-    ASSERT_EQ(SDK::DirUtils::CreateDirs(deep, 0700), 0);
-    EXPECT_TRUE(SDK::DirUtils::IsDir(deep));
-    EXPECT_EQ(SDK::DirUtils::CreateDirs(deep), 0) << "an existing directory is success";
-    std::vector<std::string> names;
-    ASSERT_EQ(SDK::DirUtils::ListEntries(dir.path(), names), 0);
-    EXPECT_EQ(names, std::vector<std::string>{"alpha"}) << "no directory named by a part of a name";
-    ASSERT_EQ(SDK::DirUtils::ListEntries(dir.path() + "/alpha", names), 0);
-    EXPECT_EQ(names, std::vector<std::string>{"beta"});
-    struct stat st {};
-    ASSERT_EQ(stat(deep.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0700U);
-
-    dir.Write("file", "x");
-    EXPECT_EQ(SDK::DirUtils::CreateDirs(dir.path() + "/file/below"), -1) << "a file in the way";
-    EXPECT_EQ(SDK::DirUtils::CreateDirs(""), -1);
 }
 
 }  // namespace

@@ -11,9 +11,6 @@ public:
     /// True when path names a regular file (symbolic links followed).
     static bool IsFile(const std::string& path);
 
-    /// True when path names anything at all (without following a final symbolic link).
-    static bool Exists(const std::string& path);
-
     /// Reads at most maxBytes of a file into content. Returns 0 on success, -1 on failure.
     static int ReadFile(const std::string& path, std::string& content, size_t maxBytes = 1U << 20);
 };
