@@ -241,6 +241,9 @@ std::set<std::string> RuleKeeper::WatchAncestors(const std::set<std::string>& ke
             }
             watched = ancestor;
         }
+        if (!watched.empty()) {
+            AUDIT_LOG_DEBUG("Rule(%s) waits for %s to appear below %s.", key, dir, watched);
+        }
         if (IsDirectory(dir)) {
             present.insert(key);
         }

@@ -171,13 +171,23 @@ TEST(CreatedPaths, ACreateOnAWaitingWatchPathAddsItAndNothingElse)
     TestSupport::TempDir dir;
     TestSupport::NamedTask task("fw_task");
     TestSupport::Pipeline p(3600 * 1000);
-    const std::string file = dir.path() + "/appeared";  // the record alone tells of it
+    // Their directories are missing, so nothing but the record tells of the file (the keeper
+    // watches the directory above, where nothing happens).
+    const std::string file = dir.path() + "/later/appeared";
     TestSupport::WatchSub watch(&task, "t", file + " -p wa");
-    TestSupport::WatchSub other(&task, "o", dir.path() + "/not-yet -p wa");
+    TestSupport::WatchSub other(&task, "o", dir.path() + "/never/not-yet -p wa");
+    TestSupport::LogCapture capture(Poco::Message::PRIO_DEBUG);
     {
+        // One at a time, each waited for until the keeper's round watches the directory above
+        // it: then no wake-up is left pending.
         TestSupport::FakeInstallation refusing(1);
-        watch.AddTo(p.rules);
-        other.AddTo(p.rules);
+        for (const auto& [sub, tag, below] : {std::tuple{&other, "o", "/never"}, std::tuple{&watch, "t", "/later"}}) {
+            sub->AddTo(p.rules);
+            ASSERT_TRUE(TestSupport::WaitUntil([&, sub = sub, tag = tag, below = below] {
+                return capture.channel().Has("Rule(" + getRuleKey("fw_task", tag, sub->rule) + ") waits for " + dir.path() +
+                                             below + " to appear below " + dir.path() + ".");
+            }));
+        }
     }
     const std::string otherKey = getRuleKey("fw_task", "o", other.rule);
     TestSupport::FakeInstallation install(0, "");

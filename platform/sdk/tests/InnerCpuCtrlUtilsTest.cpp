@@ -46,4 +46,6 @@ TEST(InnerCpuCtrl, AThreadOverItsShareSleepsAtItsCheckPoint)
     InnerCpuCtrlUtils::Disable();
     EXPECT_GE(slept, 100U) << "30 ms at a hundredth owes nearly 3 s, paid 500 ms at a time";
     EXPECT_GE(static_cast<uint64_t>(took.count()), slept) << "and it slept them";
+    busyUntil(cpu.tv_sec * 1000000000L + cpu.tv_nsec + 10000000L);
+    EXPECT_EQ(InnerCpuCtrlUtils::AdjustThreadCpu(__FILE__, __LINE__, "off", 40, 10), 0U) << "no share, no pause";
 }
