@@ -209,6 +209,15 @@ TEST(IntegrityFacts, AFileItsReaderMayNotReadKeepsItsAttributesWithoutAHash)
 
 TEST(IntegrityFacts, AFileWrittenWhileItIsHashedIsNeverGivenAHashOfAnotherVersion)
 {
+    // A file that always reads longer than its size, as /proc's do: read three times, one byte
+    // past its size each time, then called unstable.
+    Integrity::FactsReader proc(kMaxHash);
+    FileFacts procFacts;
+    int procError = 0;
+    ASSERT_TRUE(proc.ReadPath("/proc/self/stat", procFacts, procError)) << procError;
+    EXPECT_EQ(procFacts.hash, HashState::kUnstable);
+    EXPECT_EQ(proc.BytesHashed(), 3U);
+
     TempDir dir;
     const std::string path = dir.Write("growing", std::string(16 << 20, 'x'));
     std::atomic<bool> stop{false};
