@@ -1,5 +1,5 @@
 // Our auditctl as a program: what it says and its status when it cannot do what it is asked,
-// without changing the kernel's rules (it runs without the right to).
+// without changing the kernel's rules (it runs without the right to, or without a socket at all).
 #include "TestCommon.h"
 
 #include <linux/audit.h>
