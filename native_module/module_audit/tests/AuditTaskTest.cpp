@@ -5,6 +5,7 @@
 #include "TestSupport.h"
 
 #include <future>
+#include <thread>
 
 using namespace Engine;
 using TestSupport::StatusReplies;
@@ -130,6 +131,16 @@ TEST_F(AuditTaskTest, LogGrowthEndsTheWaitAndUnreadLinesSkipIt)
     EXPECT_EQ(task_->GetEventWaiter().WaitAndHandleEvent(150, 128), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(150)) << "without subscribers the log wakes nothing";
     EXPECT_EQ(task_->NextWaitMs(), 100);
+
+    // On its own thread the task takes messages and follows the log until it is stopped.
+    std::thread runner([&] { task_->Run(); });
+    Subscriber later("later_task");
+    task_->SendAgileMsg(task_.get(), new AuditSyscallCtrlMessage(Syscall(&later, "net", "exit,always -S getpgid")));
+    AppendLog("type=SYSCALL msg=audit(2.000:1): arch=c000003e syscall=121 items=0 pid=1 ppid=1\n"
+              "type=SYSCALL msg=audit(2.000:2): arch=c000003e syscall=121 items=0 pid=1 ppid=1\n");
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return !later.Drain().empty(); }));
+    task_->Stop();
+    runner.join();
 }
 
 TEST_F(AuditTaskTest, DisabledAuditRefusesRulesAndStoresNothing)

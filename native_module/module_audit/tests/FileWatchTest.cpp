@@ -471,6 +471,18 @@ TEST(FileWatchEvents, ATreeIsRecordedInStepsAndAFullWatchSendsOneOverflow)
     EXPECT_EQ(Take(sink, w), Notes{"overflow W dir"}) << "once, naming the watch";
     EXPECT_EQ(Notify(small, sink, Synthetic(257, "a1=0 a2=41 a3=0", "cat", {parent, Record("new", "9", "CREATE")}), w),
               Notes{"create W/new"}) << "creates are still reported";
+
+    // A tree is read 256 directories deep, however deep it goes.
+    std::string deep = dir.path() + "/deep";
+    for (int level = 0; level < 258; ++level) {
+        deep += "/d";
+    }
+    std::filesystem::create_directories(deep);
+    InodeIndex index;
+    FileAuditWatch::RecordInodeInfoRecursive(dir.path() + "/deep", index);
+    const std::string level256 = dir.path() + "/deep" + deep.substr(dir.path().size() + 5, 256 * 2);
+    EXPECT_NE(index.Find(level256), nullptr);
+    EXPECT_EQ(index.Find(level256 + "/d"), nullptr);
 }
 
 namespace {

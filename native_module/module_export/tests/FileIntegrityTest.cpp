@@ -160,13 +160,17 @@ TEST(FileIntegrity, AStartUpFindingReadsInEcsWithItsReasonAndOnlyWhatChangedBefo
         Scan(integrity);
     }
     dir.Write("tree/file", "after!", 0600);
+    dir.Write("tree/new", "");
     std::filesystem::remove_all(tree + "/sub");
     FileIntegrity integrity(Settings(dir), {{tree, true}});
     integrity.Start();
     auto found = Scan(integrity);
-    ASSERT_EQ(found.size(), 2U);
+    ASSERT_EQ(found.size(), 3U);
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.result.path < b.result.path; });
     EXPECT_EQ(found[0].result.event, Engine::kNotifyModify);
+    EXPECT_EQ(found[1].result.event, Engine::kNotifyCreate);
+    EXPECT_EQ(found[1].change.reason, "start-up scan: created while the agent was not running");
+    EXPECT_EQ(found[2].change.reason, "start-up scan: deleted while the agent was not running");
 
     NoEnrichment enrichment;
     Export::EcsEncoder encoder(Export::EcsSettings(), enrichment);
@@ -187,7 +191,7 @@ TEST(FileIntegrity, AStartUpFindingReadsInEcsWithItsReasonAndOnlyWhatChangedBefo
     EXPECT_FALSE(before->has("uid"));
 
     // A directory found deleted says how much it held; the flat line is JSON with both hashes.
-    const Export::ScanFinding& gone = found[1];
+    const Export::ScanFinding& gone = found[2];
     EXPECT_EQ(gone.result.path + " " + Export::NotificationKindName(gone.result.event), tree + "/sub delete");
     line.clear();
     encoder.AppendNotification(line, gone.result, "fim", &gone.change);

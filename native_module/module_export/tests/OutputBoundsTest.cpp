@@ -104,6 +104,9 @@ TEST(ExportTask, TheRateLimitDropsAFloodAndItsSummaryLineNamesTheAuthor)
     config.subscriptions.push_back(Export::Subscription{"subscriptions[0]", "connect", "exit,always -S connect", "", false, 0, 100});
     // A second subscription of the tag with a lower limit: the tag keeps the larger.
     config.subscriptions.push_back(Export::Subscription{"subscriptions[1]", "connect", "exit,always -S accept", "", false, 0, 50});
+    // A tag limited by one subscription and not by another is not limited.
+    config.subscriptions.push_back(Export::Subscription{"subscriptions[2]", "open", "exit,always -S open", "", false, 0, 5});
+    config.subscriptions.push_back(Export::Subscription{"subscriptions[3]", "open", "exit,always -S openat", "", false, 0, 0});
     Export::ExportTask task(config, nullptr);
     ASSERT_EQ(task.Init(), 0);
     TestSupport::LoggerCapture log(Poco::Logger::get("export_module"));
@@ -115,7 +118,7 @@ TEST(ExportTask, TheRateLimitDropsAFloodAndItsSummaryLineNamesTheAuthor)
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 1000; ++i) {
         Engine::AuditEventMessage msg;
-        msg.tag = "connect";
+        msg.tag = i < 50 ? "open" : "connect";
         msg.event = event;
         task.Receive(msg);
     }
@@ -126,14 +129,19 @@ TEST(ExportTask, TheRateLimitDropsAFloodAndItsSummaryLineNamesTheAuthor)
     task.Finish();
     task.UnInit();
     const std::string written = TestSupport::ReadFile(config.output.file);
-    const long events = static_cast<long>(std::count(written.begin(), written.end(), '\n')) - 1;  // less the summary
+    long opens = 0;
+    for (size_t at = written.find("\"tag\":\"open\""); at != std::string::npos; at = written.find("\"tag\":\"open\"", at + 1)) {
+        ++opens;
+    }
+    EXPECT_EQ(opens, 50);
+    const long events = static_cast<long>(std::count(written.begin(), written.end(), '\n')) - 1 - opens;  // less the summary
     EXPECT_GE(events, 100);
     EXPECT_LE(events, most);
     const std::string last = written.substr(written.rfind('\n', written.size() - 2) + 1);
     const auto line = Poco::JSON::Parser().parse(last).extract<Poco::JSON::Object::Ptr>();
     const auto notice = line->getObject("hostwarden")->getObject("notice");
     EXPECT_EQ(notice->getValue<std::string>("action") + " " + notice->getValue<std::string>("dropped"),
-              "rate-limited " + std::to_string(1000 - events));
+              "rate-limited " + std::to_string(950 - events));
     EXPECT_EQ(notice->getArray("users")->getObject(0)->getValue<std::string>("id"), "4242");
     EXPECT_EQ(notice->getArray("programs")->getObject(0)->getValue<std::string>("executable"), "/usr/bin/flood");
     EXPECT_TRUE(log.channel().Has(line->getValue<std::string>("message") + ".")) << "and the agent's log says it";

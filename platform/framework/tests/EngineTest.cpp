@@ -6,6 +6,7 @@
 #include "framework/Module.h"
 #include "framework/Task.h"
 
+#include <atomic>
 
 namespace {
 
@@ -153,4 +154,26 @@ TEST(Engine, TheMainJobRunsTheModulesOfTheInstallationUntilAskedToStop)
     EXPECT_EQ(engine.running, std::vector<std::string>{"echo_module"});
     EXPECT_TRUE(engine.ModuleNames().empty()) << "stopped";
     unsetenv("HOSTWARDEN_HOME");
+}
+
+// The agent's main wait outlasts its periods of handing memory back (5 s) and a reload, and ends
+// on a stop request.
+TEST(Engine, TheWaitForStopOutlastsItsMemoryTrimAndAReloadAndEndsOnAStopRequest)
+{
+    struct Waiting : Framework::Engine {
+        using Framework::Engine::WaitForStop;
+    };
+    Framework::Engine::BlockTerminationSignals();
+    Waiting engine;
+    std::atomic<bool> returned{false};
+    std::thread waiter([&] {
+        engine.WaitForStop();
+        returned = true;
+    });
+    EXPECT_FALSE(TestSupport::WaitUntil([&] { return returned.load(); }, 6)) << "still waiting past a trim period";
+    kill(getpid(), SIGHUP);
+    EXPECT_FALSE(TestSupport::WaitUntil([&] { return returned.load(); }, 1)) << "still waiting after a reload";
+    engine.RequestStop(0);
+    EXPECT_TRUE(TestSupport::WaitUntil([&] { return returned.load(); }));
+    waiter.join();
 }

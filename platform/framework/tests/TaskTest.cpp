@@ -59,7 +59,8 @@ TEST(Task, DispatchDeliveryByNameAndBoundedQueues)
     EXPECT_EQ(sender.UndeliverableCount(), 2U);
     EXPECT_EQ(receiver.DroppedCount(), 2U);
     EXPECT_EQ(alive.load(), 3) << "what could not be delivered or queued was destroyed at once";
-    registry.Remove("receiver");
+    EXPECT_TRUE(registry.Remove("receiver"));
+    EXPECT_FALSE(registry.Remove("receiver")) << "removed once";
     EXPECT_FALSE(sender.SendDirectMsg("receiver", new PingMessage("sender", 9, &alive)));
     EXPECT_EQ(receiver.BulkConsumeMsg(2), 2) << "at most max per call";
     EXPECT_EQ(receiver.BulkConsumeMsg(10), 1);

@@ -33,6 +33,7 @@ TEST(ExecuteCmd, EachLineGivesItsStatusAndCombinedOutput)
         {"/no/such/program arg", "cannot start /no/such/program: No such file or directory", 127},
         {"no-such-program-hw", "cannot start no-such-program-hw: No such file or directory", 127},
         {"A=1 B=2", "no program in command line", 127},
+        {"A-B=1 /bin/echo", "cannot start A-B=1: No such file or directory", 127},  // not a name: the program
         {"/bin/echo 'unterminated", "unterminated quote in command line", 127},
     };
     for (const auto& [line, expected, status] : cases) {
