@@ -473,14 +473,15 @@ TEST(FileWatchEvents, ATreeIsRecordedInStepsAndAFullWatchSendsOneOverflow)
               Notes{"create W/new"}) << "creates are still reported";
 
     // A tree is read 256 directories deep, however deep it goes.
-    std::string deep = dir.path() + "/deep";
+    const std::string deep = dir.path() + "/deep";
+    std::string below;
     for (int level = 0; level < 258; ++level) {
-        deep += "/d";
+        below += "/d";
     }
-    std::filesystem::create_directories(deep);
+    std::filesystem::create_directories(deep + below);
     InodeIndex index;
-    FileAuditWatch::RecordInodeInfoRecursive(dir.path() + "/deep", index);
-    const std::string level256 = dir.path() + "/deep" + deep.substr(dir.path().size() + 5, 256 * 2);
+    FileAuditWatch::RecordInodeInfoRecursive(deep, index);
+    const std::string level256 = deep + below.substr(0, 256 * 2);
     EXPECT_NE(index.Find(level256), nullptr);
     EXPECT_EQ(index.Find(level256 + "/d"), nullptr);
 }

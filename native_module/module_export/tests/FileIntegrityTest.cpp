@@ -169,8 +169,8 @@ TEST(FileIntegrity, AStartUpFindingReadsInEcsWithItsReasonAndOnlyWhatChangedBefo
     std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.result.path < b.result.path; });
     EXPECT_EQ(found[0].result.event, Engine::kNotifyModify);
     EXPECT_EQ(found[1].result.event, Engine::kNotifyCreate);
-    EXPECT_EQ(found[1].change.reason, "start-up scan: created while the agent was not running");
-    EXPECT_EQ(found[2].change.reason, "start-up scan: deleted while the agent was not running");
+    EXPECT_STREQ(found[1].change.reason, "start-up scan: created while the agent was not running");
+    EXPECT_STREQ(found[2].change.reason, "start-up scan: deleted while the agent was not running");
 
     NoEnrichment enrichment;
     Export::EcsEncoder encoder(Export::EcsSettings(), enrichment);
