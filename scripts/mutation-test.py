@@ -16,8 +16,8 @@ Operators (each site is one place in one line of code, outside comments and stri
 Sites are drawn from native_module/*/src and platform/*/src (not the generated system-call
 tables), N of them (default 400) by a seeded random choice, so a run can be repeated. A mutant
 that does not compile is reported as such and left out of the score; one whose unit suite runs
-past three minutes (a test it made hang) counts as caught, and what the suite started is killed. Each mutant has an id
-(DIR-FILE-LINE-OPERATOR) that --only takes, to run it again. --from and --to run a slice of the
+past three minutes (a test it made hang) counts as caught, and what the suite started is killed.
+Each mutant has an id (DIR-FILE-LINE-OPERATOR) that --only takes, to run it again. --from and --to run a slice of the
 sample (in its drawn order, so any slice is itself a random sample): a long run can be split.
 --list prints the sample and stops.
 Survivors are written to FILE (default scripts/mutation-survivors.txt): the triage of each lives in

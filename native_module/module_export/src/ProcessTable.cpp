@@ -17,6 +17,8 @@ constexpr size_t kStatBytes = 1024;
 // More than the kernel lets a program start with (a quarter of an 8 MB stack limit, or 6 MB
 // with a larger one), so a command line is read whole before it is cut.
 constexpr size_t kMaxCmdlineBytes = 8 * 1024 * 1024;
+// Two readings of one start time differ by no more than the rounding of the boot moment.
+constexpr uint64_t kBootRoundingMs = 2;
 
 // Up to max bytes of a /proc file; false when it cannot be opened (the process has ended).
 bool ReadSmallFile(const std::string& path, size_t max, std::string& text)
@@ -166,9 +168,10 @@ bool ProcProcessSource::Read(int32_t pid, ProcessFacts& facts)
     }
     // The start time again: a pid that changed hands while it was read gives nothing. The boot
     // moment is read anew each time and may round a millisecond apart; start times themselves
-    // come in clock ticks (10 ms), so a 2 ms difference is the same start.
+    // come in clock ticks (10 ms), so a difference within that rounding is the same start.
     uint64_t again = 0;
-    return StartMs(pid, again) && again + 2 >= facts.startMs && again <= facts.startMs + 2;
+    return StartMs(pid, again) && again + kBootRoundingMs >= facts.startMs &&
+           again <= facts.startMs + kBootRoundingMs;
 }
 
 std::vector<int32_t> ProcProcessSource::Pids()
